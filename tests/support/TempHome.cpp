@@ -1,0 +1,39 @@
+#include "support/TempHome.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+
+namespace pelio::test {
+
+TempHome::TempHome() {
+    std::string templ = (std::filesystem::temp_directory_path() / "pelio-home-XXXXXX").string();
+    if (mkdtemp(templ.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    root_ = templ;
+    const std::map<std::string, std::string> vars = {
+        {"HOME", root_},
+        {"XDG_DATA_HOME", dataHome()},
+        {"XDG_CONFIG_HOME", configHome()},
+        {"XDG_CACHE_HOME", root_ + "/.cache"},
+        {"XDG_RUNTIME_DIR", root_ + "/run"},
+    };
+    for (const auto& [name, value] : vars) {
+        const char* old = std::getenv(name.c_str());
+        saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
+        std::filesystem::create_directories(value);
+        setenv(name.c_str(), value.c_str(), 1);
+    }
+}
+
+TempHome::~TempHome() {
+    for (const auto& [name, value] : saved_) {
+        if (value)
+            setenv(name.c_str(), value->c_str(), 1);
+        else
+            unsetenv(name.c_str());
+    }
+    std::error_code ec;
+    std::filesystem::remove_all(root_, ec);
+}
+
+}  // namespace pelio::test
