@@ -39,13 +39,13 @@
 
 #include <sqlite3.h>
 
+#include <pelio/platform/Bundle.h>
 #include <memory>
 #include <mutex>
-#include <pelio/platform/Bundle.h>
 #include <string>
 
 class DbManager {
-public:
+  public:
     static DbManager* getInstance();
 
     // The single query entry: lock, open, run, close, unlock. 0 on success, -1 on failure.
@@ -79,7 +79,7 @@ public:
     // afresh, e.g. in another throw-away home.
     static void resetInstanceForTesting();
 
-private:
+  private:
     DbManager();
     ~DbManager();
     DbManager(const DbManager&) = delete;

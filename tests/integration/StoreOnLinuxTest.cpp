@@ -2,9 +2,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <pelio/platform/AppPaths.h>
 #include <pelio/platform/Preferences.h>
+#include <filesystem>
 
 #include "database/DbManager.h"
 #include "pref/PrefMgr.h"
@@ -19,7 +19,7 @@ using namespace pelio::platform;
 namespace {
 
 class StoreOnLinuxTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         installAppPaths(nullptr);
         installPreferences(nullptr);

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <pelio/platform/Preferences.h>
 #include <filesystem>
 #include <fstream>
-#include <pelio/platform/Preferences.h>
 #include <sstream>
 #include <thread>
 
@@ -14,7 +14,7 @@ using namespace pelio::platform;
 namespace {
 
 class PreferencesFileTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char templ[] = "/tmp/pelio-prefs-XXXXXX";
         dir_ = mkdtemp(templ);
@@ -164,7 +164,8 @@ TEST_F(PreferencesFileTest, ThreadedWritersNeverTearTheFile) {
         auto other = openPreferencesFile(file_, true);
         while (!done) {
             for (const auto& item : other->items())
-                if (item.value != "v" + item.key.substr(1)) ++torn;
+                if (item.value != "v" + item.key.substr(1))
+                    ++torn;
         }
     });
     std::vector<std::thread> writers;
@@ -175,7 +176,8 @@ TEST_F(PreferencesFileTest, ThreadedWritersNeverTearTheFile) {
                 prefs->setString("k" + n, "v" + n);
             }
         });
-    for (auto& w : writers) w.join();
+    for (auto& w : writers)
+        w.join();
     done = true;
     reader.join();
     EXPECT_EQ(0, torn.load());

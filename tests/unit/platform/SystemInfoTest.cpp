@@ -1,15 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <pelio/platform/SystemInfo.h>
 #include <filesystem>
 #include <fstream>
-#include <pelio/platform/SystemInfo.h>
 
 using namespace pelio::platform;
 
 namespace {
 
 class SystemInfoTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char templ[] = "/tmp/pelio-sysinfo-XXXXXX";
         dir_ = mkdtemp(templ);
@@ -25,7 +25,8 @@ protected:
     std::string get(const std::string& key, int* rc = nullptr) {
         std::string value = "<none>";
         const int r = makeLinuxSystemInfo(sources_)->getPlatformString(key, value);
-        if (rc) *rc = r;
+        if (rc)
+            *rc = r;
         return value;
     }
     std::string dir_;

@@ -14,7 +14,7 @@ using namespace pelio::test;
 namespace {
 
 class DbManagerTest : public StoreTest {
-protected:
+  protected:
     std::string dbPath() const { return paths_->root() + "shared/trusted/databases/.orvane.db"; }
     int rowCount(const std::string& table) {
         auto rows = sqlRows(dbPath(), "SELECT count(*) FROM " + table);
@@ -22,9 +22,14 @@ protected:
     }
     void insertContact(const std::string& id, const std::string& contactId, const char* dirty) {
         Bundle r;
-        ASSERT_EQ(0, run({{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "contacts"},
-                          {"COLUMN_COUNT", "3"}, {"COL1", "_id"}, {"_id", id},
-                          {"COL2", "contact_id"}, {"contact_id", contactId}, {"COL3", "dirty"},
+        ASSERT_EQ(0, run({{"OPERATION_KEY", "INSERT"},
+                          {"URI_TABLE_NAME", "contacts"},
+                          {"COLUMN_COUNT", "3"},
+                          {"COL1", "_id"},
+                          {"_id", id},
+                          {"COL2", "contact_id"},
+                          {"contact_id", contactId},
+                          {"COL3", "dirty"},
                           {"dirty", dirty}},
                          &r));
         ASSERT_EQ("SUCCESS", strOf(r, "record0"));
@@ -34,8 +39,9 @@ protected:
 TEST_F(DbManagerTest, FirstStartCreatesTheFileWithTheFiveTables) {
     EXPECT_EQ(dbPath(), DbManager::databasePath());
     ASSERT_TRUE(std::filesystem::exists(dbPath()));
-    const auto rows = sqlRows(dbPath(), "SELECT name, sql FROM sqlite_master WHERE type = 'table' "
-                                        "AND name NOT LIKE 'sqlite_%' ORDER BY rowid");
+    const auto rows = sqlRows(dbPath(),
+                              "SELECT name, sql FROM sqlite_master WHERE type = 'table' "
+                              "AND name NOT LIKE 'sqlite_%' ORDER BY rowid");
     // SQLite keeps each definition as written, minus "if not exists" and the text after ")".
     const std::vector<std::vector<std::string>> expected = {
         {"contacts",
@@ -70,8 +76,12 @@ TEST_F(DbManagerTest, FirstStartCreatesTheFileWithTheFiveTables) {
 TEST_F(DbManagerTest, FormsTheSqlTextOfEachOperation) {
     // A missing table makes the engine refuse the text, and the failure line quotes it whole.
     Bundle r;
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "nosuch"},
-                       {"COLUMN_COUNT", "2"}, {"COL1", "a"}, {"a", "1"}, {"COL2", "b"},
+    EXPECT_EQ(-1, run({{"OPERATION_KEY", "INSERT"},
+                       {"URI_TABLE_NAME", "nosuch"},
+                       {"COLUMN_COUNT", "2"},
+                       {"COL1", "a"},
+                       {"a", "1"},
+                       {"COL2", "b"},
                        {"b", "x y"}},
                       &r));
     EXPECT_TRUE(log_.hasMessage(
@@ -81,26 +91,36 @@ TEST_F(DbManagerTest, FormsTheSqlTextOfEachOperation) {
     EXPECT_EQ("FAILURE", strOf(r, "record0"));
     EXPECT_EQ(1, r.count());
 
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "nosuch"},
-                       {"COLUMN_COUNT", "2"}, {"COL1", "a"}, {"a", "1"}, {"COL2", "b"},
-                       {"b", "'x'"}, {"WHERE", "_id = ?"}, {"WHERE_ARGS", "(TEXT)7"}}));
+    EXPECT_EQ(-1, run({{"OPERATION_KEY", "UPDATE"},
+                       {"URI_TABLE_NAME", "nosuch"},
+                       {"COLUMN_COUNT", "2"},
+                       {"COL1", "a"},
+                       {"a", "1"},
+                       {"COL2", "b"},
+                       {"b", "'x'"},
+                       {"WHERE", "_id = ?"},
+                       {"WHERE_ARGS", "(TEXT)7"}}));
     EXPECT_TRUE(log_.hasMessage(
         "prepare UPDATE nosuch SET a = 1 , b = 'x' WHERE _id = ? fail no such table: nosuch"));
     EXPECT_TRUE(log_.hasMessage("update err= 1"));
 
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "nosuch"},
-                       {"PROJECTION", "a,b"}, {"WHERE", "x = 1"}}));
-    EXPECT_TRUE(log_.hasMessage("prepare[SELECT a,b FROM nosuch WHERE x = 1] fail. [no such "
-                                "table: nosuch]"));
+    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"},
+                       {"URI_TABLE_NAME", "nosuch"},
+                       {"PROJECTION", "a,b"},
+                       {"WHERE", "x = 1"}}));
+    EXPECT_TRUE(
+        log_.hasMessage("prepare[SELECT a,b FROM nosuch WHERE x = 1] fail. [no such "
+                        "table: nosuch]"));
     EXPECT_TRUE(log_.hasMessage("select err= 1"));
 
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "nosuch"},
-                       {"PROJECTION", "a"}}));
+    EXPECT_EQ(
+        -1, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "nosuch"}, {"PROJECTION", "a"}}));
     EXPECT_TRUE(log_.hasMessage("prepare[SELECT a FROM nosuch] fail. [no such table: nosuch]"));
 
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "DELETE"}, {"URI_TABLE_NAME", "nosuch"},
-                       {"WHERE", "x = 1"}}));
-    EXPECT_TRUE(log_.hasMessage("prepare DELETE FROM nosuch WHERE x = 1 fail no such table: nosuch"));
+    EXPECT_EQ(-1,
+              run({{"OPERATION_KEY", "DELETE"}, {"URI_TABLE_NAME", "nosuch"}, {"WHERE", "x = 1"}}));
+    EXPECT_TRUE(
+        log_.hasMessage("prepare DELETE FROM nosuch WHERE x = 1 fail no such table: nosuch"));
     EXPECT_EQ(-1, run({{"OPERATION_KEY", "DELETE"}, {"URI_TABLE_NAME", "nosuch"}}));
     EXPECT_TRUE(log_.hasMessage("prepare DELETE FROM nosuch fail no such table: nosuch"));
     EXPECT_TRUE(log_.hasMessage("del fail= 1"));
@@ -114,22 +134,33 @@ TEST_F(DbManagerTest, InsertQuotesValuesAndUpdateEmbedsThemVerbatim) {
     insertContact("c1", "41", "1");
     // UPDATE values go in bare: a number works, a text value carries its own quotes.
     Bundle r;
-    EXPECT_EQ(0, run({{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "contacts"},
-                      {"COLUMN_COUNT", "2"}, {"COL1", "dirty"}, {"dirty", "4"}, {"COL2", "rev_id"},
-                      {"rev_id", "'1-abc'"}, {"WHERE", "_id = ?"}, {"WHERE_ARGS", "(TEXT)c1"}},
+    EXPECT_EQ(0, run({{"OPERATION_KEY", "UPDATE"},
+                      {"URI_TABLE_NAME", "contacts"},
+                      {"COLUMN_COUNT", "2"},
+                      {"COL1", "dirty"},
+                      {"dirty", "4"},
+                      {"COL2", "rev_id"},
+                      {"rev_id", "'1-abc'"},
+                      {"WHERE", "_id = ?"},
+                      {"WHERE_ARGS", "(TEXT)c1"}},
                      &r));
     EXPECT_EQ("SUCCESS", strOf(r, "record0"));
     EXPECT_EQ((std::vector<std::vector<std::string>>{{"c1", "1-abc", "4", "41"}}),
               sqlRows(dbPath(), "SELECT _id, rev_id, dirty, contact_id FROM contacts"));
     // An unquoted text value is not a literal: the engine refuses it.
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "contacts"},
-                       {"COLUMN_COUNT", "1"}, {"COL1", "rev_id"}, {"rev_id", "abc def"}}));
+    EXPECT_EQ(-1, run({{"OPERATION_KEY", "UPDATE"},
+                       {"URI_TABLE_NAME", "contacts"},
+                       {"COLUMN_COUNT", "1"},
+                       {"COL1", "rev_id"},
+                       {"rev_id", "abc def"}}));
     EXPECT_TRUE(log_.contains("prepare UPDATE contacts SET rev_id = abc def fail"));
 
     // DELETE with an INTEGER placeholder.
     insertContact("c2", "42", "1");
-    EXPECT_EQ(0, run({{"OPERATION_KEY", "DELETE"}, {"URI_TABLE_NAME", "contacts"},
-                      {"WHERE", "contact_id = ?"}, {"WHERE_ARGS", "(INTEGER)41"}}));
+    EXPECT_EQ(0, run({{"OPERATION_KEY", "DELETE"},
+                      {"URI_TABLE_NAME", "contacts"},
+                      {"WHERE", "contact_id = ?"},
+                      {"WHERE_ARGS", "(INTEGER)41"}}));
     EXPECT_EQ((std::vector<std::vector<std::string>>{{"c2"}}),
               sqlRows(dbPath(), "SELECT _id FROM contacts"));
 }
@@ -139,7 +170,8 @@ TEST_F(DbManagerTest, SelectReturnsEncodedRowsWithNullAsTextAndBlobOnlyInTheFirs
     insertContact("b", "2", "3");
     insertContact("c", "3", "1");
     Bundle r;
-    ASSERT_EQ(0, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "contacts"},
+    ASSERT_EQ(0, run({{"OPERATION_KEY", "SELECT"},
+                      {"URI_TABLE_NAME", "contacts"},
                       {"PROJECTION", "_id,rev_id,contact_id AS id_blob"},
                       {"WHERE", "dirty = ? AND _id != ? ORDER BY _id"},
                       {"WHERE_ARGS", "(INTEGER)1(TEXT)zzz"}},
@@ -161,8 +193,10 @@ TEST_F(DbManagerTest, SelectReturnsEncodedRowsWithNullAsTextAndBlobOnlyInTheFirs
     EXPECT_EQ("3", strOf(*second, "COL2"));
 
     Bundle none;
-    ASSERT_EQ(0, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "contacts"},
-                      {"PROJECTION", "_id"}, {"WHERE", "dirty = 9"}},
+    ASSERT_EQ(0, run({{"OPERATION_KEY", "SELECT"},
+                      {"URI_TABLE_NAME", "contacts"},
+                      {"PROJECTION", "_id"},
+                      {"WHERE", "dirty = 9"}},
                      &none));
     EXPECT_EQ(1, none.count());
     EXPECT_EQ("SUCCESS", strOf(none, "record0"));
@@ -173,8 +207,10 @@ TEST_F(DbManagerTest, RowTransferFailsWhenTheCursorReachesTheBufferEnd) {
     auto fill = [&](int from, int to) {
         db_->beginMultiQuery();
         for (int i = from; i < to; ++i) {
-            auto req = makeRequest({{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"},
-                                    {"COLUMN_COUNT", "1"}, {"COL1", "key"},
+            auto req = makeRequest({{"OPERATION_KEY", "INSERT"},
+                                    {"URI_TABLE_NAME", "master"},
+                                    {"COLUMN_COUNT", "1"},
+                                    {"COL1", "key"},
                                     {"key", "k" + std::to_string(i)}});
             Bundle res;
             ASSERT_EQ(0, db_->insertDb(&req, &res));
@@ -184,17 +220,17 @@ TEST_F(DbManagerTest, RowTransferFailsWhenTheCursorReachesTheBufferEnd) {
     };
     fill(0, 4092);
     Bundle ok;
-    ASSERT_EQ(0, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "master"},
-                      {"PROJECTION", "key"}},
-                     &ok));
+    ASSERT_EQ(
+        0, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "master"}, {"PROJECTION", "key"}},
+               &ok));
     EXPECT_EQ(4093, ok.count());
     EXPECT_EQ("k4091", strOf(*rowOf(ok, 4092), "COL0"));
 
     fill(4092, 4093);
     Bundle failed;
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "master"},
-                       {"PROJECTION", "key"}},
-                      &failed));
+    EXPECT_EQ(
+        -1, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "master"}, {"PROJECTION", "key"}},
+                &failed));
     EXPECT_TRUE(log_.hasMessage("error j = 4096 > MAX_QUERY_SIZE"));
     EXPECT_EQ("FAILURE", strOf(failed, "record0"));
     EXPECT_EQ(4093, failed.count());  // the rows moved before the failure stay
@@ -223,16 +259,21 @@ TEST_F(DbManagerTest, OutcomeOfEmptyUnknownAndDropOperations) {
 
 TEST_F(DbManagerTest, MalformedInsertAndUpdateRequestsFailWithTheirMessages) {
     struct Case {
-        std::initializer_list<std::pair<std::string, std::string>> request;
+        std::vector<std::pair<std::string, std::string>> request;
         const char* message;
     };
     const std::vector<Case> cases = {
         {{{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"}}, "Failed to get cntStr"},
         {{{"OPERATION_KEY", "INSERT"}, {"COLUMN_COUNT", "1"}}, "Failed to get tableName"},
-        {{{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"}, {"COLUMN_COUNT", "2"},
-          {"COL1", "key"}, {"key", "k"}},
+        {{{"OPERATION_KEY", "INSERT"},
+          {"URI_TABLE_NAME", "master"},
+          {"COLUMN_COUNT", "2"},
+          {"COL1", "key"},
+          {"key", "k"}},
          "Failed to get record"},
-        {{{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"}, {"COLUMN_COUNT", "1"},
+        {{{"OPERATION_KEY", "INSERT"},
+          {"URI_TABLE_NAME", "master"},
+          {"COLUMN_COUNT", "1"},
           {"COL1", "key"}},
          "Failed to get value"},
         {{{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"}, {"COLUMN_COUNT", "0"}},
@@ -240,8 +281,11 @@ TEST_F(DbManagerTest, MalformedInsertAndUpdateRequestsFailWithTheirMessages) {
         {{{"OPERATION_KEY", "UPDATE"}, {"COLUMN_COUNT", "1"}}, "tableName is empty"},
         {{{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "master"}}, "cntStr is empty"},
         // application.package is NOT NULL: the step ends in a constraint error (19).
-        {{{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "application"}, {"COLUMN_COUNT", "1"},
-          {"COL1", "_id"}, {"_id", "x"}},
+        {{{"OPERATION_KEY", "INSERT"},
+          {"URI_TABLE_NAME", "application"},
+          {"COLUMN_COUNT", "1"},
+          {"COL1", "_id"},
+          {"_id", "x"}},
          "err 19"},
     };
     for (const auto& c : cases) {
@@ -258,42 +302,60 @@ TEST_F(DbManagerTest, MalformedInsertAndUpdateRequestsFailWithTheirMessages) {
 TEST_F(DbManagerTest, PlaceholderBindingFailures) {
     insertContact("a", "1", "1");
     // An unknown argument type, and a placeholder without an argument.
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "contacts"},
-                       {"PROJECTION", "_id"}, {"WHERE", "_id = ?"}, {"WHERE_ARGS", "(BLOB)a"}}));
+    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"},
+                       {"URI_TABLE_NAME", "contacts"},
+                       {"PROJECTION", "_id"},
+                       {"WHERE", "_id = ?"},
+                       {"WHERE_ARGS", "(BLOB)a"}}));
     EXPECT_TRUE(log_.hasMessage("err BLOB"));
     log_.clear();
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "DELETE"}, {"URI_TABLE_NAME", "contacts"},
-                       {"WHERE", "_id = ? AND dirty = ?"}, {"WHERE_ARGS", "(TEXT)a"}}));
+    EXPECT_EQ(-1, run({{"OPERATION_KEY", "DELETE"},
+                       {"URI_TABLE_NAME", "contacts"},
+                       {"WHERE", "_id = ? AND dirty = ?"},
+                       {"WHERE_ARGS", "(TEXT)a"}}));
     EXPECT_TRUE(log_.hasMessage("err "));
     EXPECT_TRUE(log_.contains("> bind fail "));
     EXPECT_EQ(1, rowCount("contacts"));
     // A "?" inside a literal is counted but is no parameter: the engine refuses the index.
     log_.clear();
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "contacts"},
-                       {"PROJECTION", "_id"}, {"WHERE", "_id = '?'"}, {"WHERE_ARGS", "(TEXT)a"}}));
+    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"},
+                       {"URI_TABLE_NAME", "contacts"},
+                       {"PROJECTION", "_id"},
+                       {"WHERE", "_id = '?'"},
+                       {"WHERE_ARGS", "(TEXT)a"}}));
     EXPECT_TRUE(log_.contains("bind text fail "));
     EXPECT_TRUE(log_.contains("index =1 type =TEXT value =a value_length =1"));
     log_.clear();
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "contacts"},
-                       {"COLUMN_COUNT", "1"}, {"COL1", "dirty"}, {"dirty", "2"},
-                       {"WHERE", "_id = '?'"}, {"WHERE_ARGS", "(INTEGER)5"}}));
+    EXPECT_EQ(-1, run({{"OPERATION_KEY", "UPDATE"},
+                       {"URI_TABLE_NAME", "contacts"},
+                       {"COLUMN_COUNT", "1"},
+                       {"COL1", "dirty"},
+                       {"dirty", "2"},
+                       {"WHERE", "_id = '?'"},
+                       {"WHERE_ARGS", "(INTEGER)5"}}));
     EXPECT_TRUE(log_.contains("bind_int fail "));
     EXPECT_TRUE(log_.contains(", index =1 ype =INTEGER value =5 value_length =1"));
     EXPECT_TRUE(log_.hasMessage("bind fail"));
     // A text too long for the query buffer never reaches the engine.
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "contacts"},
-                       {"PROJECTION", "_id"}, {"WHERE", std::string(4100, ' ') + "1"}}));
+    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"},
+                       {"URI_TABLE_NAME", "contacts"},
+                       {"PROJECTION", "_id"},
+                       {"WHERE", std::string(4100, ' ') + "1"}}));
     EXPECT_TRUE(log_.contains("query text too long"));
 }
 
 TEST_F(DbManagerTest, NonNumericColumnCountThrowsAndReleasesTheLock) {
-    EXPECT_THROW(run({{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"},
-                      {"COLUMN_COUNT", "two"}, {"COL1", "key"}, {"key", "k"}}),
+    EXPECT_THROW(run({{"OPERATION_KEY", "INSERT"},
+                      {"URI_TABLE_NAME", "master"},
+                      {"COLUMN_COUNT", "two"},
+                      {"COL1", "key"},
+                      {"key", "k"}}),
                  std::invalid_argument);
-    EXPECT_THROW(run({{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "master"},
-                      {"COLUMN_COUNT", "x1"}}),
-                 std::invalid_argument);
-    EXPECT_THROW(run({{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "master"},
+    EXPECT_THROW(
+        run({{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "master"}, {"COLUMN_COUNT", "x1"}}),
+        std::invalid_argument);
+    EXPECT_THROW(run({{"OPERATION_KEY", "UPDATE"},
+                      {"URI_TABLE_NAME", "master"},
                       {"COLUMN_COUNT", "99999999999"}}),
                  std::out_of_range);
     // The lock is free again (another thread can take it) and the next call works.
@@ -303,8 +365,11 @@ TEST_F(DbManagerTest, NonNumericColumnCountThrowsAndReleasesTheLock) {
     });
     other.join();
     Bundle r;
-    EXPECT_EQ(0, run({{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"},
-                      {"COLUMN_COUNT", "1"}, {"COL1", "key"}, {"key", "k"}},
+    EXPECT_EQ(0, run({{"OPERATION_KEY", "INSERT"},
+                      {"URI_TABLE_NAME", "master"},
+                      {"COLUMN_COUNT", "1"},
+                      {"COL1", "key"},
+                      {"key", "k"}},
                      &r));
     EXPECT_EQ("SUCCESS", strOf(r, "record0"));
 }
@@ -313,12 +378,16 @@ TEST_F(DbManagerTest, OnlyTheFirstTransactionCommitsWithoutBeingMarked) {
     auto insertInTransaction = [&](const std::string& key, bool mark) {
         db_->beginMultiQuery();
         EXPECT_TRUE(db_->inDbTransaction());
-        auto req = makeRequest({{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"},
-                                {"COLUMN_COUNT", "1"}, {"COL1", "key"}, {"key", key}});
+        auto req = makeRequest({{"OPERATION_KEY", "INSERT"},
+                                {"URI_TABLE_NAME", "master"},
+                                {"COLUMN_COUNT", "1"},
+                                {"COL1", "key"},
+                                {"key", key}});
         Bundle res;
         EXPECT_EQ(0, db_->insertDb(&req, &res));
         EXPECT_EQ("SUCCESS", strOf(res, "record0"));
-        if (mark) db_->setDbTransactionSuccessful();
+        if (mark)
+            db_->setDbTransactionSuccessful();
         db_->endMultiQuery();
         EXPECT_FALSE(db_->inDbTransaction());
     };
@@ -356,12 +425,15 @@ TEST_F(DbManagerTest, UnopenableDatabaseFailsEveryOperationCleanly) {
     EXPECT_TRUE(log_.contains("mkdir for databases failed ("));
 
     struct Case {
-        std::initializer_list<std::pair<std::string, std::string>> request;
+        std::vector<std::pair<std::string, std::string>> request;
         const char* message;
     };
     const std::vector<Case> cases = {
-        {{{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"}, {"COLUMN_COUNT", "1"},
-          {"COL1", "key"}, {"key", "k"}},
+        {{{"OPERATION_KEY", "INSERT"},
+          {"URI_TABLE_NAME", "master"},
+          {"COLUMN_COUNT", "1"},
+          {"COL1", "key"},
+          {"key", "k"}},
          "DB Open fail"},
         {{{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "master"}, {"COLUMN_COUNT", "1"}},
          "DB Open fail"},
@@ -405,7 +477,9 @@ TEST_F(DbManagerTest, ThreadedQueriesAndTransactionsAreSerialised) {
                     db_->beginMultiQuery();
                     auto req = makeRequest({{"OPERATION_KEY", "INSERT"},
                                             {"URI_TABLE_NAME", "master"},
-                                            {"COLUMN_COUNT", "1"}, {"COL1", "key"}, {"key", key}});
+                                            {"COLUMN_COUNT", "1"},
+                                            {"COL1", "key"},
+                                            {"key", key}});
                     Bundle res;
                     db_->insertDb(&req, &res);
                     db_->setDbTransactionSuccessful();
@@ -413,14 +487,17 @@ TEST_F(DbManagerTest, ThreadedQueriesAndTransactionsAreSerialised) {
                 } else {
                     auto req = makeRequest({{"OPERATION_KEY", "INSERT"},
                                             {"URI_TABLE_NAME", "master"},
-                                            {"COLUMN_COUNT", "1"}, {"COL1", "key"}, {"key", key}});
+                                            {"COLUMN_COUNT", "1"},
+                                            {"COL1", "key"},
+                                            {"key", key}});
                     Bundle res;
                     db_->plmsvc_db_process(&req, &res);
                 }
             }
         });
     }
-    for (auto& th : threads) th.join();
+    for (auto& th : threads)
+        th.join();
     EXPECT_EQ(kThreads * kEach, rowCount("master"));
 }
 

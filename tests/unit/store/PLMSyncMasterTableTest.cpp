@@ -14,12 +14,13 @@ using namespace pelio::test;
 namespace {
 
 class MasterTableTest : public StoreTest {
-protected:
+  protected:
     std::string dbPath() const { return paths_->root() + "shared/trusted/databases/.orvane.db"; }
     std::string get(const char* key, int* rc = nullptr) {
         char* value = nullptr;
         const int r = master_get_string(key, &value);
-        if (rc) *rc = r;
+        if (rc)
+            *rc = r;
         std::string out = value ? value : "<null>";
         std::free(value);
         return out;

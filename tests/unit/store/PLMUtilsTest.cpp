@@ -14,7 +14,7 @@ using pelio::platform::kSystemKeyModelName;
 namespace {
 
 class PLMUtilsTest : public StoreTest {
-protected:
+  protected:
     void SetUp() override {
         StoreTest::SetUp();
         auto prefs = std::make_unique<FakePreferences>();
@@ -68,7 +68,8 @@ TEST_F(PLMUtilsTest, PlatformStringsModelBuildAndLocale) {
                                 kSystemKeyModelName + ")"));
     info_->set(kSystemKeyModelName, "Watch 9");
     EXPECT_EQ("Watch 9", getDeviceModelName());
-    EXPECT_TRUE(log_.hasMessage(std::string("key, value : (") + kSystemKeyModelName + ", Watch 9)"));
+    EXPECT_TRUE(
+        log_.hasMessage(std::string("key, value : (") + kSystemKeyModelName + ", Watch 9)"));
     EXPECT_EQ("", getDeviceBuildString());
     info_->set(kSystemKeyBuildString, "Debian GNU/Linux 13");
     EXPECT_EQ("Debian GNU/Linux 13", getDeviceBuildString());
@@ -92,8 +93,11 @@ TEST_F(PLMUtilsTest, EmbeddedTriggerFlag) {
 TEST_F(PLMUtilsTest, MediaHexaIdReadsTheAudioRow) {
     EXPECT_EQ("", getMediaHexaId(1));
     EXPECT_TRUE(log_.hasMessage("no information present"));
-    auto req = makeRequest({{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "audio"},
-                            {"COLUMN_COUNT", "1"}, {"COL1", "audio_id"}, {"audio_id", "7f3a"}});
+    auto req = makeRequest({{"OPERATION_KEY", "INSERT"},
+                            {"URI_TABLE_NAME", "audio"},
+                            {"COLUMN_COUNT", "1"},
+                            {"COL1", "audio_id"},
+                            {"audio_id", "7f3a"}});
     pelio::platform::Bundle res;
     ASSERT_EQ(0, db_->plmsvc_db_process(&req, &res));
     EXPECT_EQ("7f3a", getMediaHexaId(1));

@@ -11,7 +11,7 @@ using pelio::platform::PreferenceType;
 namespace {
 
 class PrefMgrTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         auto fake = std::make_unique<FakePreferences>();
         prefs_ = fake.get();

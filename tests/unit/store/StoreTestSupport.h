@@ -20,6 +20,14 @@ namespace pelio::test {
 inline pelio::platform::Bundle makeRequest(
     std::initializer_list<std::pair<std::string, std::string>> pairs) {
     pelio::platform::Bundle b;
+    for (const auto& [k, v] : pairs)
+        b.addStr(k, v);
+    return b;
+}
+
+inline pelio::platform::Bundle makeRequest(
+    const std::vector<std::pair<std::string, std::string>>& pairs) {
+    pelio::platform::Bundle b;
     for (const auto& [k, v] : pairs) b.addStr(k, v);
     return b;
 }
@@ -27,7 +35,8 @@ inline pelio::platform::Bundle makeRequest(
 // The row bundle stored under "record<n>", or nullopt.
 inline std::optional<pelio::platform::Bundle> rowOf(const pelio::platform::Bundle& result, int n) {
     std::vector<uint8_t> bytes;
-    if (result.getByte("record" + std::to_string(n), bytes) != 0) return std::nullopt;
+    if (result.getByte("record" + std::to_string(n), bytes) != 0)
+        return std::nullopt;
     return pelio::platform::Bundle::decode(bytes);
 }
 
@@ -37,7 +46,7 @@ inline std::string strOf(const pelio::platform::Bundle& b, const std::string& ke
 }
 
 class StoreTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         auto paths = std::make_unique<FakeAppPaths>();
         paths_ = paths.get();

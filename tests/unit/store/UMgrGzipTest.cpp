@@ -53,7 +53,8 @@ TEST(UMgrGzipTest, CompressOutputIsAGzipMemberTheSystemGzipReads) {
     LogCapture log;
     UMgrGzip gzip;
     std::string json = "{\"docs\": [";
-    for (int i = 0; i < 500; ++i) json += "{\"_id\": \"contact" + std::to_string(i) + "\"},";
+    for (int i = 0; i < 500; ++i)
+        json += "{\"_id\": \"contact" + std::to_string(i) + "\"},";
     json += "{}]}";
     unsigned char* compressed = nullptr;
     int size = 0;
@@ -95,10 +96,12 @@ TEST(UMgrGzipTest, DeCompressAssemblesLargeRepliesInOrderAndCutsChunksAtZeroByte
     // 2.5 chunks of text whose every position is distinct enough to catch misordering.
     std::string big;
     std::mt19937 rng(7);
-    while (big.size() < 2560000) big += "[\"row" + std::to_string(rng() % 100000) + "\"],";
+    while (big.size() < 2560000)
+        big += "[\"row" + std::to_string(rng() % 100000) + "\"],";
     const std::string gz = gzipOf(big);
     std::string out;
-    EXPECT_EQ(100, gzip.deCompress(reinterpret_cast<const unsigned char*>(gz.data()), gz.size(), out));
+    EXPECT_EQ(100,
+              gzip.deCompress(reinterpret_cast<const unsigned char*>(gz.data()), gz.size(), out));
     EXPECT_EQ(big.size(), out.size());
     EXPECT_TRUE(out == big);
     // Two full rounds, then the end of the stream in a third.
