@@ -28,7 +28,8 @@ inline pelio::platform::Bundle makeRequest(
 inline pelio::platform::Bundle makeRequest(
     const std::vector<std::pair<std::string, std::string>>& pairs) {
     pelio::platform::Bundle b;
-    for (const auto& [k, v] : pairs) b.addStr(k, v);
+    for (const auto& [k, v] : pairs)
+        b.addStr(k, v);
     return b;
 }
 
