@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# A private session bus for end-to-end tests and the demo. Source this file, set HOME and the XDG
+# variables first (services the bus activates inherit the bus's environment), then:
+#
+#   bus_start            start dbus-daemon with the build tree's private configuration; sets
+#                        DBUS_SESSION_BUS_ADDRESS, BUS_PID and BUS_LOG (the bus's and every
+#                        activated service's standard error)
+#   bus_stop             end what the bus activated, then the bus
+#   bus_has_owner NAME   whether NAME has an owner on the bus
+#   bus_wait_gone NAME [SECONDS]   wait until NAME has no owner (default 60 s); 1 on time-out
+#   bus_wait_log TEXT [SECONDS]    wait until BUS_LOG holds TEXT (fixed string; default 30 s)
+#
+# Needs PELIO_BINARY_DIR (the build tree). Only a unix socket in a temporary directory is used.
+
+bus_start() {
+    local conf=$PELIO_BINARY_DIR/share/dbus-1/session-private.conf
+    [ -f "$conf" ] || { echo "bus: $conf missing (build first)" >&2; return 1; }
+    BUS_DIR=$(mktemp -d "${TMPDIR:-/tmp}/pelio-bus.XXXXXX")
+    BUS_LOG=$BUS_DIR/bus.log
+    unset DBUS_SESSION_BUS_ADDRESS
+    dbus-daemon --config-file="$conf" --nofork --print-address=3 3>"$BUS_DIR/address" \
+        2>"$BUS_LOG" &
+    BUS_PID=$!
+    local _
+    for _ in $(seq 200); do [ -s "$BUS_DIR/address" ] && break; sleep 0.05; done
+    DBUS_SESSION_BUS_ADDRESS=$(head -n1 "$BUS_DIR/address")
+    [ -n "$DBUS_SESSION_BUS_ADDRESS" ] || { echo "bus: private bus did not start" >&2; return 1; }
+    export DBUS_SESSION_BUS_ADDRESS BUS_PID BUS_LOG BUS_DIR
+}
+
+bus_stop() {
+    [ -n "${BUS_PID:-}" ] || return 0
+    local child _
+    # Everything the bus activated is its child: end those first, then the bus.
+    for child in $(pgrep -P "$BUS_PID" 2>/dev/null); do kill -TERM "$child" 2>/dev/null; done
+    for _ in $(seq 50); do pgrep -P "$BUS_PID" >/dev/null 2>&1 || break; sleep 0.1; done
+    for child in $(pgrep -P "$BUS_PID" 2>/dev/null); do kill -KILL "$child" 2>/dev/null; done
+    kill "$BUS_PID" 2>/dev/null
+    wait "$BUS_PID" 2>/dev/null
+    BUS_PID=
+    [ -n "${BUS_KEEP_DIR:-}" ] || rm -rf "${BUS_DIR:-/nonexistent}"
+}
+
+bus_has_owner() {
+    gdbus call --session -d org.freedesktop.DBus -o /org/freedesktop/DBus \
+        -m org.freedesktop.DBus.NameHasOwner "$1" 2>/dev/null | grep -q true
+}
+
+bus_wait_gone() {
+    local limit=$(( ${2:-60} * 10 )) _
+    for _ in $(seq "$limit"); do bus_has_owner "$1" || return 0; sleep 0.1; done
+    return 1
+}
+
+bus_wait_log() {
+    local limit=$(( ${2:-30} * 10 )) _
+    for _ in $(seq "$limit"); do grep -qF -- "$1" "$BUS_LOG" 2>/dev/null && return 0; sleep 0.1; done
+    return 1
+}

@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# Shared set-up of the end-to-end scenarios: a throw-away home, the loopback server stack
+# (stack.sh), a private session bus (bus.sh), and helpers to steer and inspect the service.
+# Source it, then call e2e_setup. Everything started is stopped by the EXIT trap.
+set -euo pipefail
+: "${PELIO_SOURCE_DIR:?}" "${PELIO_BINARY_DIR:?}"
+source "$PELIO_SOURCE_DIR/tests/support/stack.sh"
+source "$PELIO_SOURCE_DIR/tests/support/bus.sh"
+
+PELIOCTL=$PELIO_BINARY_DIR/tools/pelioctl
+SVC=com.quorvin.plmsvc
+E2E_PIDS=()
+
+e2e_cleanup() {
+    set +e
+    local p
+    for p in "${E2E_PIDS[@]}"; do kill "$p" 2>/dev/null; wait "$p" 2>/dev/null; done
+    bus_stop
+    stack_stop
+    [ -n "${E2E_KEEP:-}" ] || rm -rf "${E2E_WORK:-/nonexistent}"
+}
+
+e2e_fail() {
+    echo "FAIL: $*" >&2
+    echo "--- service log (last 80 lines):" >&2
+    tail -n 80 "$BUS_LOG" >&2 2>/dev/null
+    echo "--- pds-server log (last 20 lines):" >&2
+    tail -n 20 "$STACK_DIR/pds.log" >&2 2>/dev/null
+    exit 1
+}
+
+e2e_ok() { echo "ok - $*"; }
+
+# A throw-away home with a contacts folder, the stack and the bus; the network is marked up.
+e2e_setup() {
+    E2E_WORK=$(mktemp -d "${TMPDIR:-/tmp}/pelio-e2e.XXXXXX")
+    export HOME=$E2E_WORK/home XDG_DATA_HOME=$E2E_WORK/home/.local/share
+    export XDG_CONFIG_HOME=$E2E_WORK/home/.config XDG_CACHE_HOME=$E2E_WORK/home/.cache
+    export XDG_RUNTIME_DIR=$E2E_WORK/run ECORE_NO_SYSTEM_MODULES=1
+    unset https_proxy http_proxy HTTPS_PROXY HTTP_PROXY all_proxy ALL_PROXY
+    mkdir -p "$HOME" "$XDG_DATA_HOME/contacts/default" "$XDG_RUNTIME_DIR"
+    chmod 700 "$XDG_RUNTIME_DIR"
+    STACK_NO_TRAP=1
+    trap e2e_cleanup EXIT
+    trap 'e2e_cleanup; exit 130' INT TERM
+    stack_start "$@" || e2e_fail "server stack did not start"
+    bus_start || e2e_fail "private bus did not start"
+    "$PELIOCTL" setting set memory/dnet/status 3 >/dev/null || e2e_fail "pelioctl setting"
+}
+
+# The server address, port, certificate and locale for the service (no operation).
+e2e_configure() {
+    "$PELIOCTL" launch SET_IP=127.0.0.1 "SET_PORT=$STACK_PDS_PORT" "SET_CERT_PATH=$STACK_CERT" \
+        SET_LOCALE=en-US >/dev/null || e2e_fail "configure launch not delivered"
+}
+
+# Waits until the service has ended itself (it does after a sync); fails after SECONDS (120).
+e2e_wait_service_end() {
+    sleep 0.5
+    bus_wait_gone "$SVC" "${1:-120}" || e2e_fail "service did not end itself"
+}
+
+# The device's database name on the server (the one plm_ database).
+e2e_device_db() {
+    curl -s "$STACK_COUCH_URL/_all_dbs" | node -e '
+        const dbs = JSON.parse(require("fs").readFileSync(0, "utf8")).filter(d => d.startsWith("plm_"));
+        if (dbs.length !== 1) { console.error("device databases: " + JSON.stringify(dbs)); process.exit(1); }
+        console.log(dbs[0]);'
+}
+
+# All live documents of the device as one JSON array.
+e2e_docs() {
+    local db
+    db=$(e2e_device_db) || return 1
+    curl -s "$STACK_COUCH_URL/$db/_all_docs?include_docs=true" | node -e '
+        const r = JSON.parse(require("fs").readFileSync(0, "utf8"));
+        console.log(JSON.stringify(r.rows.map(x => x.doc)));'
+}
+
+# Runs a node check over the documents: e2e_check 'JS expression over docs' 'what'.
+e2e_check() {
+    local docs
+    docs=$(e2e_docs) || e2e_fail "no device database: $2"
+    DOCS=$docs node -e '
+        const docs = JSON.parse(process.env.DOCS);
+        const byName = n => docs.find(d => d.meta_data && d.meta_data.displayname === n);
+        const ok = (() => { '"$1"' })();
+        if (!ok) { console.error(JSON.stringify(docs, null, 1)); process.exit(1); }' \
+        || e2e_fail "$2"
+    e2e_ok "$2"
+}
+
+# The English label of a message id, from the catalogue.
+e2e_label() {
+    grep -A1 "^msgid \"$1\"" "$PELIO_SOURCE_DIR/po/en_US.po" | sed -n 's/^msgstr "\(.*\)"$/\1/p'
+}
+
+# A vCard file: e2e_card FILE UID FN N [extra lines...]
+e2e_card() {
+    local file=$1 uid=$2 fn=$3 n=$4
+    shift 4
+    {
+        printf 'BEGIN:VCARD\r\nVERSION:3.0\r\nUID:%s\r\nFN:%s\r\nN:%s\r\n' "$uid" "$fn" "$n"
+        local line
+        for line in "$@"; do printf '%s\r\n' "$line"; done
+        printf 'END:VCARD\r\n'
+    } >"$file"
+}
