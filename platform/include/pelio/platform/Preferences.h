@@ -20,7 +20,7 @@ enum PreferenceError {
 };
 
 class Preferences {
-public:
+  public:
     virtual ~Preferences() = default;
     virtual int setInt(const std::string& key, int value) = 0;
     virtual int getInt(const std::string& key, int& value) = 0;
