@@ -102,6 +102,7 @@ int cmdLaunch(int argc, char** argv) {
                     std::printf("result=none\n");
                 status = 0;
             }
+            done = true;
             pp::quitMainLoop();
         });
     if (rc != pp::APP_CONTROL_ERROR_NONE) {
