@@ -23,7 +23,7 @@
 // Threading: not thread-safe; one thread at a time. Calls block (connect time-out 10 s, whole
 // exchange 60 s). Ownership: `callbacks` is borrowed (may be null) and must outlive this object.
 class Orvane {
-public:
+  public:
     // Throws OrvaneError when the transfer handle cannot be created.
     Orvane(const std::string& serverHost, int port, const std::string& deviceId,
            OrvaneCallbacks* callbacks, bool tls, const std::string& certificatePath,
@@ -46,7 +46,7 @@ public:
     void Orvane_pds_wipe(const std::string& locale, std::map<std::string, std::string> request,
                          std::map<std::string, std::string>& result);
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -9,7 +9,7 @@
 // Ownership: the object is owned by the caller and must outlive the Orvane that holds it.
 // Implementations must not throw and must not call back into the same Orvane.
 class OrvaneCallbacks {
-public:
+  public:
     virtual ~OrvaneCallbacks() = default;
 
     // One log line of the library. `level`: 1 error, 2 warning, 3 info, 4 debug, 5 verbose.
