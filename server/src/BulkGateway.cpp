@@ -5,6 +5,7 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "GzipCodec.h"
@@ -15,7 +16,7 @@ using nlohmann::json;
 namespace {
 
 const char* kConflictReason = "Document update conflict.";
-constexpr int kMaxRounds = 5;
+constexpr int kMaxTries = 3;
 
 BulkGateway::Answer error(int status, const std::string& err, const std::string& reason) {
     return {status, json{{"error", err}, {"reason", reason}}.dump()};
@@ -71,6 +72,40 @@ std::optional<std::map<std::string, Current>> currentRevisions(const CouchClient
         c.rev = v.value("rev", "");
         c.deleted = v.value("deleted", false);
         out[row["id"].get<std::string>()] = c;
+    }
+    return out;
+}
+
+// The database may answer in another order than the documents were sent (PouchDB Server does):
+// pair each answer with the sent document of the same id; answers for documents sent without an
+// id take the id-less documents in order.
+template <typename P>
+std::vector<json> matchResults(const json& results, const std::vector<P*>& sent) {
+    std::vector<json> out(sent.size());
+    std::vector<bool> used(sent.size(), false);
+    std::vector<const json*> unnamed;
+    for (const json& r : results) {
+        const std::string id = r.is_object() ? r.value("id", "") : std::string();
+        bool placed = false;
+        for (std::size_t k = 0; k < sent.size() && !id.empty(); ++k) {
+            const json& d = sent[k]->doc;
+            if (!used[k] && d.contains("_id") && d["_id"] == id) {
+                out[k] = r;
+                used[k] = placed = true;
+                break;
+            }
+        }
+        if (!placed) {
+            unnamed.push_back(&r);
+        }
+    }
+    std::size_t next = 0;
+    for (std::size_t k = 0; k < sent.size(); ++k) {
+        if (!used[k]) {
+            out[k] = next < unnamed.size() ? *unnamed[next++]
+                                           : json{{"error", "unknown_error"},
+                                                  {"reason", "The database gave no answer."}};
+        }
     }
     return out;
 }
@@ -139,6 +174,7 @@ BulkGateway::Answer BulkGateway::handle(const std::string& database, const std::
         std::size_t slot;
         json doc;
         bool owned;
+        int tries = 0;
     };
     std::vector<json> answers(docs.size());
     std::vector<Pending> pending;
@@ -153,17 +189,27 @@ BulkGateway::Answer BulkGateway::handle(const std::string& database, const std::
         } else {
             const bool owned =
                 d.contains("_id") && (!d.contains("_rev") || d.value("_deleted", false) == true);
-            pending.push_back({i, std::move(d), owned});
+            pending.push_back({i, std::move(d), owned, 0});
         }
     }
 
     const std::string dbPath = "/" + CouchClient::escape(database);
     std::vector<std::string> conflicted;
-    for (int round = 0; round < kMaxRounds && !pending.empty(); ++round) {
+    while (!pending.empty()) {
+        // One document per id and round, so that repeated ids apply in request order.
+        std::vector<Pending*> round;
+        std::vector<Pending> later;
+        std::set<std::string> seen;
+        for (Pending& p : pending) {
+            if (p.doc.contains("_id") && !seen.insert(p.doc["_id"].get<std::string>()).second) {
+                continue;
+            }
+            round.push_back(&p);
+        }
         std::vector<std::string> ids;
-        for (const Pending& p : pending) {
-            if (p.owned) {
-                ids.push_back(p.doc["_id"].get<std::string>());
+        for (const Pending* p : round) {
+            if (p->owned) {
+                ids.push_back(p->doc["_id"].get<std::string>());
             }
         }
         int status = 0;
@@ -173,7 +219,9 @@ BulkGateway::Answer BulkGateway::handle(const std::string& database, const std::
         }
         json forward = json::array();
         std::vector<Pending*> sent;
-        for (Pending& p : pending) {
+        std::set<const Pending*> done;
+        for (Pending* pp : round) {
+            Pending& p = *pp;
             if (p.owned) {
                 const std::string id = p.doc["_id"].get<std::string>();
                 const auto found = current->find(id);
@@ -187,6 +235,7 @@ BulkGateway::Answer BulkGateway::handle(const std::string& database, const std::
                         }
                         answers[p.slot] = {
                             {"id", id}, {"ok", true}, {"rev", rev.empty() ? "0-0" : rev}};
+                        done.insert(&p);
                         continue;
                     }
                     forward.push_back(
@@ -203,31 +252,37 @@ BulkGateway::Answer BulkGateway::handle(const std::string& database, const std::
             }
             sent.push_back(&p);
         }
-        if (forward.empty()) {
-            break;
-        }
-        const CouchClient::Reply r =
-            couch_.post(dbPath + "/_bulk_docs", json{{"docs", std::move(forward)}}.dump());
-        if (r.status != 201 && r.status != 200 && r.status != 202) {
-            return databaseTrouble(r.status, "_bulk_docs");
-        }
-        const json results = json::parse(r.body, nullptr, false);
-        if (results.is_discarded() || !results.is_array() || results.size() != sent.size()) {
-            return databaseTrouble(502, "_bulk_docs answer");
-        }
-        std::vector<Pending> again;
-        for (std::size_t k = 0; k < sent.size(); ++k) {
-            const bool conflict = results[k].value("error", "") == "conflict";
-            if (conflict && sent[k]->owned && round + 1 < kMaxRounds) {
-                again.push_back(std::move(*sent[k]));
-                continue;
+        std::vector<json> results;
+        if (!forward.empty()) {
+            const CouchClient::Reply r =
+                couch_.post(dbPath + "/_bulk_docs", json{{"docs", std::move(forward)}}.dump());
+            if (r.status != 201 && r.status != 200 && r.status != 202) {
+                return databaseTrouble(r.status, "_bulk_docs");
             }
-            answers[sent[k]->slot] = results[k];
+            const json parsed = json::parse(r.body, nullptr, false);
+            if (parsed.is_discarded() || !parsed.is_array() || parsed.size() != sent.size()) {
+                return databaseTrouble(502, "_bulk_docs answer");
+            }
+            results = matchResults(parsed, sent);
+        }
+        for (std::size_t k = 0; k < sent.size(); ++k) {
+            Pending& p = *sent[k];
+            const bool conflict = results[k].value("error", "") == "conflict";
+            if (conflict && p.owned && ++p.tries < kMaxTries) {
+                continue;  // stays pending: another write got in between
+            }
+            answers[p.slot] = results[k];
             if (conflict) {
                 conflicted.push_back(results[k].value("id", ""));
             }
+            done.insert(&p);
         }
-        pending = std::move(again);
+        for (Pending& p : pending) {
+            if (!done.count(&p)) {
+                later.push_back(std::move(p));
+            }
+        }
+        pending = std::move(later);
     }
 
     // 4. Conflicts carry the exact reason and the revision the database holds now.
