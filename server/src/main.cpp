@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -205,12 +206,39 @@ int main(int argc, char** argv) {
     if (gateway) {
         gateway->set_payload_max_length(opt.maxBodyBytes);
         gateway->set_logger(logger);
-        gateway->Post(R"(.*/([^/]+)/_bulk_docs)",
-                      [&](const httplib::Request& req, httplib::Response& res) {
-                          BulkGateway::Answer a =
-                              bulk.handle(req.matches[1], req.get_header_value("cookie"), req.body);
-                          sendGzip(res, a.status, a.body);
-                      });
+        // The body is read here (inflated by the HTTP layer when gzip'd) so that its inflated
+        // size is bounded by --max-body as well.
+        const std::size_t maxBody = opt.maxBodyBytes;
+        gateway->Post(R"(.*/([^/]+)/_bulk_docs)", [&, maxBody](const httplib::Request& req,
+                                                               httplib::Response& res,
+                                                               const httplib::ContentReader& read) {
+            std::string body;
+            bool tooLarge = false;
+            const bool complete = read([&](const char* data, size_t length) {
+                if (body.size() + length > maxBody) {
+                    tooLarge = true;
+                    return false;
+                }
+                body.append(data, length);
+                return true;
+            });
+            if (!complete && !tooLarge && req.has_header("Content-Length")) {
+                // Refused by the HTTP layer before any byte arrived.
+                tooLarge = std::strtoull(req.get_header_value("Content-Length").c_str(), nullptr,
+                                         10) > maxBody;
+            }
+            if (!complete) {
+                sendGzip(res, tooLarge ? 413 : 400,
+                         json{{"error", "bad_request"},
+                              {"reason", tooLarge ? "Request body is too large."
+                                                  : "Request body could not be read."}}
+                             .dump());
+                return;
+            }
+            BulkGateway::Answer a =
+                bulk.handle(req.matches[1], req.get_header_value("cookie"), body);
+            sendGzip(res, a.status, a.body);
+        });
         gateway->set_error_handler([](const httplib::Request&, httplib::Response& res) {
             if (res.has_header("Content-Encoding")) {
                 return;  // an answer of the gateway itself
