@@ -1,7 +1,10 @@
 // DbManager: owner of the service's one SQLite database, the shadow copy of what was last
 // collected and uploaded for each domain. Process-wide singleton, never destroyed.
 //
-// File: <shared trusted>/databases/.orvane.db (the directory is made by PathConfig::MakeAppSubDir).
+// File: <shared trusted>/databases/.orvane.db. The constructor calls PathConfig::MakeAppSubDir()
+// (harmless when the directory exists) and creates the five tables, so the first getInstance() in
+// an empty home leaves a database ready for use; when the file cannot be opened it logs
+// "failed to open Db" and every later call fails with its open-failure message and -1.
 //
 // Query bundles: every read and write is a request Bundle handed to plmsvc_db_process():
 //   request keys  "OPERATION_KEY" (CREATE INSERT SELECT UPDATE DELETE DROP), "URI_TABLE_NAME",
@@ -11,26 +14,41 @@
 //                 bundles with "COL0".."COLk-1" (a NULL column is the string "NULL"; a column
 //                 whose projection name holds "_blob" comes as bytes, in the first row only).
 //
-// Row-transfer bound: one SELECT can move at most about 4096 column reads (4096 minus the length
-// of the projection text); beyond that it fails with "error j = %d > MAX_QUERY_SIZE". Readers of
+// Row-transfer bound: one SELECT can move at most about 4096 column reads. The projection text sits
+// in a 4096-byte buffer walked by one cursor that is never reset between rows; every column read
+// moves it past one token (the first row) or one byte (later rows), and the read that brings it to
+// 4096 fails the query with "error j = %d > MAX_QUERY_SIZE". Exactly: for a projection of L
+// characters naming k columns, k + 4094 - L column reads succeed (a one-column projection "a":
+// 4094 rows). Rows already transferred stay in the result, "record0" is "FAILURE". Readers of
 // whole tables page their SELECTs (LIMIT/OFFSET in the WHERE text) to stay within it, e.g. at most
 // 1000 rows of a three-column projection per SELECT.
+//
+// SQL text: INSERT has no bound; the text of SELECT, UPDATE and DELETE must stay below 4096 bytes,
+// a longer one fails ("query text too long") without reaching the engine.
 //
 // Threads: any thread. db_lock (plain mutex, not recursive) is held by every plmsvc_db_process
 // call and, in multi-query mode, from beginMultiQuery to endMultiQuery: do not call
 // plmsvc_db_process between those two on the same thread.
-// Errors: return values (0 / -1) and log lines; a non-numeric "COLUMN_COUNT" makes the integer
-// conversion throw std::invalid_argument / std::out_of_range out of the call (callers catch it).
+// Errors: return values (0 / -1) and log lines. One exception: an INSERT or UPDATE whose
+// "COLUMN_COUNT" is not a number makes the integer conversion (std::stoi) throw
+// std::invalid_argument (or std::out_of_range for a number too large) out of plmsvc_db_process,
+// insertDb and updateDb. plmsvc_db_process holds db_lock through a lock guard and closes its
+// connection first, so the lock is free again and the next call works; after insertDb/updateDb
+// the caller still owns the multi-query lock and must call endMultiQuery. Every caller that can
+// receive a request built from outside data catches it before a thread or C-callback boundary.
+//
+// getInstance() is serialised by a mutex of its own (two threads asking at once get one object).
 #pragma once
 
 #include <sqlite3.h>
 
-#include <mutex>
 #include <pelio/platform/Bundle.h>
+#include <memory>
+#include <mutex>
 #include <string>
 
 class DbManager {
-public:
+  public:
     static DbManager* getInstance();
 
     // The single query entry: lock, open, run, close, unlock. 0 on success, -1 on failure.
@@ -64,13 +82,23 @@ public:
     // afresh, e.g. in another throw-away home.
     static void resetInstanceForTesting();
 
-private:
+  private:
     DbManager();
     ~DbManager();
     DbManager(const DbManager&) = delete;
     DbManager& operator=(const DbManager&) = delete;
 
-    sqlite3* mDb = nullptr;
+    struct Deleter {
+        void operator()(DbManager* manager) const { delete manager; }
+    };
+    struct ConnectionCloser {
+        void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+    };
+    using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
+    static std::unique_ptr<DbManager, Deleter>& holder();
+    static std::mutex sInstanceMutex;
+
+    Connection mDb;  // null while closed
     std::mutex db_lock;
     bool mInTransaction = false;
     bool mTransactionSuccessful = true;  // the first transaction after start commits regardless

@@ -1,0 +1,22 @@
+// SyncResult: the outcome of posting one SyncData. A heap object deleted through its virtual
+// destructor by the list that holds it (the sync manager's result list).
+#pragma once
+
+#include <string>
+
+class SyncResult {
+public:
+    // status values
+    static constexpr int STATUS_FAILED = 0;
+    static constexpr int STATUS_PARTIAL = 1;
+    static constexpr int STATUS_SUCCESS = 2;
+    static constexpr int STATUS_CONFLICT = 3;
+
+    SyncResult() = default;
+    virtual ~SyncResult() = default;
+
+    int status = STATUS_FAILED;
+    std::string jsonResponse;  // "[" + joined per-document answers + "]" after a post
+    int syncType = 1;
+    int itemType = -1;
+};
