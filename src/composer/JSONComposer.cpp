@@ -4,19 +4,25 @@
 
 #include <cstdint>
 #include <ctime>
+#include <stdexcept>
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
 #include "composer/ContactsJsonComposer.h"
 
 std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item) {
-    std::unique_ptr<JSONComposer> composer;
     switch (item) {
         case plm::SYNC_ITEM_CONTACTS: {
-            auto contacts = std::make_unique<ContactsJsonComposer>();
-            auto result = contacts->makeUploadJSON();
-            contacts.reset();
-            return result;
+            try {
+                auto contacts = std::make_unique<ContactsJsonComposer>();
+                auto result = contacts->makeUploadJSON();
+                contacts.reset();
+                return result;
+            } catch (const std::logic_error& e) {
+                // A document id that does not fit its fixed width aborts the composition.
+                LOGE("composition of item[%d] aborted: %s", item, e.what());
+            }
+            break;
         }
         default:
             // Applications and media have no composer in this build; other items never have one.
