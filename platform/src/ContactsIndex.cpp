@@ -1,0 +1,447 @@
+#include "ContactsIndex.h"
+
+#include <pelio/platform/Log.h>
+
+#include <map>
+#include <mutex>
+#include <set>
+
+namespace pelio::platform {
+namespace {
+
+constexpr const char* kTag = "PelioPlatform";
+constexpr int kSchemaVersion = 1;
+constexpr int kBusyTimeoutMs = 10000;
+
+enum FieldKind { kNumber = 0, kEmail = 1, kAddress = 2 };
+
+struct FieldValue {
+    std::string value;
+    int type = 0;
+    bool isDefault = false;
+    std::string label;
+};
+
+std::vector<FieldValue> fieldsOf(const ParsedCard& card, int kind) {
+    std::vector<FieldValue> out;
+    if (kind == kNumber) {
+        for (const auto& n : card.numbers)
+            out.push_back({n.number, n.type, n.isDefault, n.label});
+    } else if (kind == kEmail) {
+        for (const auto& e : card.emails)
+            out.push_back({e.email, e.type, e.isDefault, {}});
+    } else {
+        for (const auto& a : card.addresses)
+            out.push_back({a.text, a.type, a.isDefault, {}});
+    }
+    return out;
+}
+
+// Serialises writers of this process; other processes wait on SQLite's write lock.
+std::mutex& writerMutex() {
+    static std::mutex m;
+    return m;
+}
+
+struct Existing {
+    int id = 0;
+    bool deleted = false;
+    std::string fingerprint;
+    std::string sourceFile;
+    int bookId = 0;
+};
+
+}  // namespace
+
+ContactsIndex::ContactsIndex(const std::string& dbPath) {
+    sqlite3* raw = nullptr;
+    const int rc = sqlite3_open_v2(
+        dbPath.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+        nullptr);
+    db_.reset(raw);
+    if (rc != SQLITE_OK) {
+        dlog_print(DLOG_ERROR, kTag, "contacts: cannot open %s: %s", dbPath.c_str(),
+                   raw ? sqlite3_errmsg(raw) : "out of memory");
+        db_.reset();
+        return;
+    }
+    sqlite3_busy_timeout(db_.get(), kBusyTimeoutMs);
+    std::lock_guard<std::mutex> guard(writerMutex());
+    const bool created =
+        exec("PRAGMA journal_mode=WAL") && exec("PRAGMA synchronous=NORMAL") &&
+        exec("BEGIN IMMEDIATE") &&
+        exec("CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL)") &&
+        exec("INSERT OR IGNORE INTO meta(key, value) VALUES('version', 0)") &&
+        exec(("INSERT OR IGNORE INTO meta(key, value) VALUES('schema', " +
+              std::to_string(kSchemaVersion) + ")")
+                 .c_str()) &&
+        exec(
+            "CREATE TABLE IF NOT EXISTS address_books(id INTEGER PRIMARY KEY AUTOINCREMENT, "
+            "path TEXT UNIQUE NOT NULL)") &&
+        exec(
+            "CREATE TABLE IF NOT EXISTS contacts(id INTEGER PRIMARY KEY AUTOINCREMENT, "
+            "card_key TEXT UNIQUE NOT NULL, address_book_id INTEGER NOT NULL, "
+            "source_file TEXT NOT NULL, deleted INTEGER NOT NULL DEFAULT 0, "
+            "fingerprint TEXT NOT NULL, display_name TEXT NOT NULL, has_name INTEGER NOT NULL, "
+            "favorite INTEGER NOT NULL, first TEXT, last TEXT, addition TEXT, prefix TEXT, "
+            "suffix TEXT, phonetic_first TEXT, phonetic_middle TEXT, phonetic_last TEXT)") &&
+        exec(
+            "CREATE TABLE IF NOT EXISTS fields(id INTEGER PRIMARY KEY AUTOINCREMENT, "
+            "contact_id INTEGER NOT NULL, kind INTEGER NOT NULL, position INTEGER NOT NULL, "
+            "value TEXT NOT NULL, type INTEGER NOT NULL, is_default INTEGER NOT NULL, "
+            "label TEXT NOT NULL)") &&
+        exec("CREATE INDEX IF NOT EXISTS fields_contact ON fields(contact_id, kind)") &&
+        exec(
+            "CREATE TABLE IF NOT EXISTS changes(contact_id INTEGER NOT NULL, "
+            "version INTEGER NOT NULL, type INTEGER NOT NULL, PRIMARY KEY(contact_id, version))") &&
+        exec("CREATE INDEX IF NOT EXISTS changes_version ON changes(version)") && exec("COMMIT");
+    if (!created) {
+        exec("ROLLBACK");
+        db_.reset();
+    }
+}
+
+bool ContactsIndex::exec(const char* sql) {
+    char* error = nullptr;
+    if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, &error) != SQLITE_OK) {
+        dlog_print(DLOG_ERROR, kTag, "contacts: SQL failed (%s): %s", sql,
+                   error ? error : sqlite3_errmsg(db_.get()));
+        sqlite3_free(error);
+        return false;
+    }
+    return true;
+}
+
+int ContactsIndex::readVersion(int& version) {
+    SqliteStatement st(db_.get(), "SELECT value FROM meta WHERE key = 'version'");
+    if (st.step() != SQLITE_ROW)
+        return CONTACTS_ERROR_DB;
+    version = st.columnInt(0);
+    return CONTACTS_ERROR_NONE;
+}
+
+int ContactsIndex::addressBookId(const std::string& path, int& id) {
+    SqliteStatement ins(db_.get(), "INSERT OR IGNORE INTO address_books(path) VALUES(?)");
+    if (!ins.bind(1, path).run())
+        return CONTACTS_ERROR_DB;
+    SqliteStatement sel(db_.get(), "SELECT id FROM address_books WHERE path = ?");
+    if (sel.bind(1, path).step() != SQLITE_ROW)
+        return CONTACTS_ERROR_DB;
+    id = sel.columnInt(0);
+    return CONTACTS_ERROR_NONE;
+}
+
+bool ContactsIndex::writeContact(int id, const ParsedCard& card, int bookId, bool insert,
+                                 int& newId) {
+    const char* sql =
+        insert ? "INSERT INTO contacts(address_book_id, source_file, fingerprint, display_name, "
+                 "has_name, favorite, first, last, addition, prefix, suffix, phonetic_first, "
+                 "phonetic_middle, phonetic_last, card_key, deleted) "
+                 "VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,0)"
+               : "UPDATE contacts SET address_book_id=?, source_file=?, fingerprint=?, "
+                 "display_name=?, has_name=?, favorite=?, first=?, last=?, addition=?, prefix=?, "
+                 "suffix=?, phonetic_first=?, phonetic_middle=?, phonetic_last=?, card_key=?, "
+                 "deleted=0 WHERE id=?";
+    SqliteStatement st(db_.get(), sql);
+    st.bind(1, bookId)
+        .bind(2, card.file)
+        .bind(3, card.fingerprint())
+        .bind(4, card.displayName)
+        .bind(5, card.hasName ? 1 : 0)
+        .bind(6, card.favorite ? 1 : 0)
+        .bind(7, card.name.first)
+        .bind(8, card.name.last)
+        .bind(9, card.name.addition)
+        .bind(10, card.name.prefix)
+        .bind(11, card.name.suffix)
+        .bind(12, card.name.phoneticFirst)
+        .bind(13, card.name.phoneticMiddle)
+        .bind(14, card.name.phoneticLast)
+        .bind(15, card.key);
+    if (!insert)
+        st.bind(16, id);
+    if (!st.run())
+        return false;
+    newId = insert ? static_cast<int>(sqlite3_last_insert_rowid(db_.get())) : id;
+    return writeFields(newId, card);
+}
+
+// Keeps the id of every value that is still on the card (matched by its text, in order), drops
+// the vanished ones and gives new values fresh ids.
+bool ContactsIndex::writeFields(int contactId, const ParsedCard& card) {
+    for (int kind : {kNumber, kEmail, kAddress}) {
+        std::multimap<std::string, int> old;  // value -> field id, in id order
+        {
+            SqliteStatement sel(db_.get(),
+                                "SELECT id, value FROM fields WHERE contact_id=? AND kind=? "
+                                "ORDER BY id");
+            sel.bind(1, contactId).bind(2, kind);
+            int rc;
+            while ((rc = sel.step()) == SQLITE_ROW)
+                old.emplace(sel.columnText(1), sel.columnInt(0));
+            if (rc != SQLITE_DONE)
+                return false;
+        }
+        SqliteStatement upd(db_.get(),
+                            "UPDATE fields SET position=?, type=?, is_default=?, label=? "
+                            "WHERE id=?");
+        SqliteStatement ins(db_.get(),
+                            "INSERT INTO fields(contact_id, kind, position, value, type, "
+                            "is_default, label) VALUES(?,?,?,?,?,?,?)");
+        const auto values = fieldsOf(card, kind);
+        for (size_t pos = 0; pos < values.size(); ++pos) {
+            const FieldValue& v = values[pos];
+            auto match = old.find(v.value);
+            bool ok;
+            if (match != old.end()) {
+                ok = upd.bind(1, static_cast<int>(pos))
+                         .bind(2, v.type)
+                         .bind(3, v.isDefault ? 1 : 0)
+                         .bind(4, v.label)
+                         .bind(5, match->second)
+                         .run();
+                old.erase(match);
+            } else {
+                ok = ins.bind(1, contactId)
+                         .bind(2, kind)
+                         .bind(3, static_cast<int>(pos))
+                         .bind(4, v.value)
+                         .bind(5, v.type)
+                         .bind(6, v.isDefault ? 1 : 0)
+                         .bind(7, v.label)
+                         .run();
+            }
+            if (!ok)
+                return false;
+        }
+        SqliteStatement del(db_.get(), "DELETE FROM fields WHERE id=?");
+        for (const auto& [value, id] : old) {
+            if (!del.bind(1, id).run())
+                return false;
+        }
+    }
+    return true;
+}
+
+int ContactsIndex::applyScan(const ContactsScan& scan, int& changed) {
+    changed = 0;
+    if (!ok())
+        return CONTACTS_ERROR_DB;
+    std::lock_guard<std::mutex> guard(writerMutex());
+    std::lock_guard<std::mutex> own(mutex_);
+    if (!exec("BEGIN IMMEDIATE"))
+        return CONTACTS_ERROR_DB;
+
+    auto fail = [this]() {
+        exec("ROLLBACK");
+        return CONTACTS_ERROR_DB;
+    };
+
+    std::map<std::string, Existing> existing;
+    {
+        SqliteStatement sel(db_.get(),
+                            "SELECT card_key, id, deleted, fingerprint, source_file, "
+                            "address_book_id FROM contacts");
+        int rc;
+        while ((rc = sel.step()) == SQLITE_ROW) {
+            existing[sel.columnText(0)] = {sel.columnInt(1), sel.columnInt(2) != 0,
+                                           sel.columnText(3), sel.columnText(4), sel.columnInt(5)};
+        }
+        if (rc != SQLITE_DONE)
+            return fail();
+    }
+    int version = 0;
+    if (readVersion(version) != CONTACTS_ERROR_NONE)
+        return fail();
+    const int next = version + 1;
+
+    std::map<std::string, int> books;
+    for (const auto& path : scan.addressBooks) {
+        int id = 0;
+        if (addressBookId(path, id) != CONTACTS_ERROR_NONE)
+            return fail();
+        books[path] = id;
+    }
+
+    std::vector<std::pair<int, int>> changes;  // contact id, change type
+    std::set<std::string> seen;
+    for (const ParsedCard& card : scan.cards) {
+        if (!seen.insert(card.key).second)
+            continue;
+        const int bookId = books[card.addressBook];
+        auto it = existing.find(card.key);
+        int id = 0;
+        if (it == existing.end()) {
+            if (!writeContact(0, card, bookId, true, id))
+                return fail();
+            changes.emplace_back(id, CONTACTS_CHANGE_INSERTED);
+            continue;
+        }
+        const Existing& old = it->second;
+        if (old.deleted || old.fingerprint != card.fingerprint()) {
+            if (!writeContact(old.id, card, bookId, false, id))
+                return fail();
+            changes.emplace_back(old.id,
+                                 old.deleted ? CONTACTS_CHANGE_INSERTED : CONTACTS_CHANGE_UPDATED);
+        } else if (old.sourceFile != card.file || old.bookId != bookId) {
+            // Moved without a visible change: follow it quietly.
+            SqliteStatement mv(db_.get(),
+                               "UPDATE contacts SET source_file=?, address_book_id=? WHERE id=?");
+            if (!mv.bind(1, card.file).bind(2, bookId).bind(3, old.id).run())
+                return fail();
+        }
+    }
+    SqliteStatement markDeleted(db_.get(), "UPDATE contacts SET deleted=1 WHERE id=?");
+    for (const auto& [key, old] : existing) {
+        if (old.deleted || seen.count(key) != 0)
+            continue;
+        // Cards of a file that could not be read this time are kept as they were.
+        if (scan.unreadableFiles.count(old.sourceFile) != 0)
+            continue;
+        if (!markDeleted.bind(1, old.id).run())
+            return fail();
+        changes.emplace_back(old.id, CONTACTS_CHANGE_DELETED);
+    }
+
+    if (!changes.empty()) {
+        SqliteStatement log(db_.get(),
+                            "INSERT OR REPLACE INTO changes(contact_id, version, type) "
+                            "VALUES(?,?,?)");
+        for (const auto& [id, type] : changes) {
+            if (!log.bind(1, id).bind(2, next).bind(3, type).run())
+                return fail();
+        }
+        SqliteStatement bump(db_.get(), "UPDATE meta SET value=? WHERE key='version'");
+        if (!bump.bind(1, next).run())
+            return fail();
+    }
+    if (!exec("COMMIT"))
+        return fail();
+    changed = static_cast<int>(changes.size());
+    return CONTACTS_ERROR_NONE;
+}
+
+int ContactsIndex::currentVersion(int& version) {
+    if (!ok())
+        return CONTACTS_ERROR_DB;
+    std::lock_guard<std::mutex> own(mutex_);
+    return readVersion(version);
+}
+
+int ContactsIndex::allContacts(std::vector<ContactSummary>& contacts) {
+    contacts.clear();
+    if (!ok())
+        return CONTACTS_ERROR_DB;
+    std::lock_guard<std::mutex> own(mutex_);
+    SqliteStatement sel(db_.get(), "SELECT id, display_name, deleted FROM contacts ORDER BY id");
+    int rc;
+    while ((rc = sel.step()) == SQLITE_ROW) {
+        ContactSummary s;
+        s.id = sel.columnInt(0);
+        s.personId = s.id;
+        s.displayName = sel.columnText(1);
+        s.deleted = sel.columnInt(2) != 0;
+        contacts.push_back(std::move(s));
+    }
+    return rc == SQLITE_DONE ? CONTACTS_ERROR_NONE : CONTACTS_ERROR_DB;
+}
+
+int ContactsIndex::changesAfter(int addressBookId, int sinceVersion,
+                                std::vector<ContactChange>& changes, int& currentVersion) {
+    changes.clear();
+    if (!ok())
+        return CONTACTS_ERROR_DB;
+    std::lock_guard<std::mutex> own(mutex_);
+    // One read transaction, so that the version and the changes belong together.
+    if (!exec("BEGIN"))
+        return CONTACTS_ERROR_DB;
+    int rc = readVersion(currentVersion);
+    if (rc == CONTACTS_ERROR_NONE) {
+        SqliteStatement sel(
+            db_.get(),
+            "SELECT ch.contact_id, c.address_book_id, ch.type, ch.version FROM changes ch "
+            "JOIN contacts c ON c.id = ch.contact_id "
+            "WHERE ch.version > ?1 "
+            "AND ch.version = (SELECT MAX(version) FROM changes WHERE contact_id = ch.contact_id) "
+            "AND (?2 < 0 OR c.address_book_id = ?2) ORDER BY ch.version, ch.contact_id");
+        sel.bind(1, sinceVersion).bind(2, addressBookId);
+        int step;
+        while ((step = sel.step()) == SQLITE_ROW) {
+            changes.push_back(
+                {sel.columnInt(0), sel.columnInt(1), sel.columnInt(2), sel.columnInt(3)});
+        }
+        if (step != SQLITE_DONE)
+            rc = CONTACTS_ERROR_DB;
+    }
+    exec("COMMIT");
+    return rc;
+}
+
+int ContactsIndex::contactByPersonId(int personId, ContactRecord& record) {
+    record = ContactRecord{};
+    if (!ok())
+        return CONTACTS_ERROR_DB;
+    std::lock_guard<std::mutex> own(mutex_);
+    if (personId < 1)
+        return CONTACTS_ERROR_INVALID_PARAMETER;
+    if (!exec("BEGIN"))
+        return CONTACTS_ERROR_DB;
+    int rc = CONTACTS_ERROR_NONE;
+    {
+        SqliteStatement sel(db_.get(),
+                            "SELECT display_name, has_name, favorite, first, last, addition, "
+                            "prefix, suffix, phonetic_first, phonetic_middle, phonetic_last "
+                            "FROM contacts WHERE id=? AND deleted=0");
+        const int step = sel.bind(1, personId).step();
+        if (step == SQLITE_ROW) {
+            record.id = personId;
+            record.personId = personId;
+            record.displayName = sel.columnText(0);
+            record.hasName = sel.columnInt(1) != 0;
+            record.isFavorite = sel.columnInt(2) != 0;
+            record.name.first = sel.columnText(3);
+            record.name.last = sel.columnText(4);
+            record.name.addition = sel.columnText(5);
+            record.name.prefix = sel.columnText(6);
+            record.name.suffix = sel.columnText(7);
+            record.name.phoneticFirst = sel.columnText(8);
+            record.name.phoneticMiddle = sel.columnText(9);
+            record.name.phoneticLast = sel.columnText(10);
+        } else {
+            rc = step == SQLITE_DONE ? CONTACTS_ERROR_NO_DATA : CONTACTS_ERROR_DB;
+        }
+    }
+    if (rc == CONTACTS_ERROR_NONE) {
+        SqliteStatement sel(db_.get(),
+                            "SELECT id, kind, value, type, is_default, label FROM fields "
+                            "WHERE contact_id=? ORDER BY kind, position");
+        sel.bind(1, personId);
+        int step;
+        while ((step = sel.step()) == SQLITE_ROW) {
+            const int id = sel.columnInt(0);
+            const int type = sel.columnInt(3);
+            const bool isDefault = sel.columnInt(4) != 0;
+            switch (sel.columnInt(1)) {
+                case kNumber:
+                    record.numbers.push_back(
+                        {id, type, isDefault, sel.columnText(2), sel.columnText(5)});
+                    break;
+                case kEmail:
+                    record.emails.push_back({id, type, isDefault, sel.columnText(2)});
+                    break;
+                default:
+                    record.addresses.push_back({id, type, isDefault, sel.columnText(2)});
+                    break;
+            }
+        }
+        if (step != SQLITE_DONE)
+            rc = CONTACTS_ERROR_DB;
+        record.hasPhoneNumber = !record.numbers.empty();
+    }
+    exec("COMMIT");
+    if (rc != CONTACTS_ERROR_NONE)
+        record = ContactRecord{};
+    return rc;
+}
+
+}  // namespace pelio::platform
