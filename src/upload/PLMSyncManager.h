@@ -28,7 +28,7 @@ class NetworkMgr;
 class PrefMgr;
 
 class PLMSyncManager : public SyncHandlerHost {
-public:
+  public:
     // The singleton, created on first call (which starts the worker thread).
     static PLMSyncManager* getInstance();
     // The singleton if it exists, else null (never creates it).
@@ -77,6 +77,6 @@ public:
     // Cancels the worker threads of the contacts, application and media handlers.
     void stopHandlerThreads();
 
-private:
+  private:
     PLMSyncManager();
 };
