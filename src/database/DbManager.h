@@ -11,20 +11,35 @@
 //                 bundles with "COL0".."COLk-1" (a NULL column is the string "NULL"; a column
 //                 whose projection name holds "_blob" comes as bytes, in the first row only).
 //
-// Row-transfer bound: one SELECT can move at most about 4096 column reads (4096 minus the length
-// of the projection text); beyond that it fails with "error j = %d > MAX_QUERY_SIZE". Readers of
+// Row-transfer bound: one SELECT can move at most about 4096 column reads. The projection text sits
+// in a 4096-byte buffer walked by one cursor that is never reset between rows; every column read
+// moves it past one token (the first row) or one byte (later rows), and the read that brings it to
+// 4096 fails the query with "error j = %d > MAX_QUERY_SIZE". Exactly: for a projection of L
+// characters naming k columns, k + 4094 - L column reads succeed (a one-column projection "a":
+// 4094 rows). Rows already transferred stay in the result, "record0" is "FAILURE". Readers of
 // whole tables page their SELECTs (LIMIT/OFFSET in the WHERE text) to stay within it, e.g. at most
 // 1000 rows of a three-column projection per SELECT.
+//
+// SQL text: INSERT has no bound; the text of SELECT, UPDATE and DELETE must stay below 4096 bytes,
+// a longer one fails ("query text too long") without reaching the engine.
 //
 // Threads: any thread. db_lock (plain mutex, not recursive) is held by every plmsvc_db_process
 // call and, in multi-query mode, from beginMultiQuery to endMultiQuery: do not call
 // plmsvc_db_process between those two on the same thread.
-// Errors: return values (0 / -1) and log lines; a non-numeric "COLUMN_COUNT" makes the integer
-// conversion throw std::invalid_argument / std::out_of_range out of the call (callers catch it).
+// Errors: return values (0 / -1) and log lines. One exception: an INSERT or UPDATE whose
+// "COLUMN_COUNT" is not a number makes the integer conversion (std::stoi) throw
+// std::invalid_argument (or std::out_of_range for a number too large) out of plmsvc_db_process,
+// insertDb and updateDb. plmsvc_db_process holds db_lock through a lock guard and closes its
+// connection first, so the lock is free again and the next call works; after insertDb/updateDb
+// the caller still owns the multi-query lock and must call endMultiQuery. Every caller that can
+// receive a request built from outside data catches it before a thread or C-callback boundary.
+//
+// getInstance() is serialised by a mutex of its own (two threads asking at once get one object).
 #pragma once
 
 #include <sqlite3.h>
 
+#include <memory>
 #include <mutex>
 #include <pelio/platform/Bundle.h>
 #include <string>
@@ -70,7 +85,17 @@ private:
     DbManager(const DbManager&) = delete;
     DbManager& operator=(const DbManager&) = delete;
 
-    sqlite3* mDb = nullptr;
+    struct Deleter {
+        void operator()(DbManager* manager) const { delete manager; }
+    };
+    struct ConnectionCloser {
+        void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+    };
+    using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
+    static std::unique_ptr<DbManager, Deleter>& holder();
+    static std::mutex sInstanceMutex;
+
+    Connection mDb;  // null while closed
     std::mutex db_lock;
     bool mInTransaction = false;
     bool mTransactionSuccessful = true;  // the first transaction after start commits regardless

@@ -24,6 +24,20 @@ public:
     virtual int getPlatformString(const std::string& key, std::string& value) = 0;
 };
 
+// The files the Linux implementation reads (tests point them into a temporary directory).
+struct SystemInfoSources {
+    std::string productName = "/sys/class/dmi/id/product_name";
+    std::string deviceTreeModel = "/proc/device-tree/model";
+    std::string osRelease = "/etc/os-release";
+    std::string machineId = "/etc/machine-id";
+};
+
+// Linux: model = product_name, else the device-tree model (trailing NUL and blanks trimmed);
+// build string = PRETTY_NAME of os-release, else NAME + " " + VERSION_ID, else VERSION_ID;
+// device id = the machine id. A fact with no source is SYSTEM_INFO_ERROR_IO_ERROR.
+// Reads the files on every call; thread-safe.
+std::unique_ptr<SystemInfo> makeLinuxSystemInfo(const SystemInfoSources& sources = {});
+
 SystemInfo& systemInfo();
 void installSystemInfo(std::unique_ptr<SystemInfo> impl);
 

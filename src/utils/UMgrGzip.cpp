@@ -1,0 +1,111 @@
+#include "utils/UMgrGzip.h"
+
+#include <zlib.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sstream>
+
+#include "PelioLog.h"
+
+namespace {
+
+constexpr size_t kChunkRoom = 1024000;  // output room per inflate round (one byte less than held)
+
+struct FreeDeleter {
+    void operator()(void* p) const { std::free(p); }
+};
+
+}  // namespace
+
+UMgrGzip::UMgrGzip() { LOGD(""); }
+
+UMgrGzip::~UMgrGzip() { LOGD(""); }
+
+int UMgrGzip::compress(const std::string& source, int level, unsigned char** compressed,
+                       int* compressedSize) {
+    if (source.empty()) {
+        LOGE("Empty source");
+        return RESULT;
+    }
+    if (compressedSize == nullptr) {
+        LOGE("compressedSize is NULL");
+        return RESULT;
+    }
+    const uLong sourceLen = static_cast<uLong>(source.size());
+    const uLong capacity = compressBound(sourceLen);
+    LOGD("sourceLen[%d]", static_cast<int>(sourceLen));
+    LOGD("compressLevel[%d]", level);
+    LOGD("compressedLen[%d]", static_cast<int>(capacity));
+
+    std::unique_ptr<unsigned char, FreeDeleter> buffer(
+        static_cast<unsigned char*>(std::calloc(capacity, 1)));
+    if (!buffer) {
+        LOGE("Failed to Calloc");
+        return RESULT;
+    }
+    z_stream stream;
+    std::memset(&stream, 0, sizeof stream);
+    stream.zalloc = Z_NULL;
+    stream.zfree = Z_NULL;
+    stream.opaque = Z_NULL;
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(source.data()));
+    stream.avail_in = static_cast<uInt>(sourceLen);
+    stream.next_out = buffer.get();
+    stream.avail_out = static_cast<uInt>(capacity);
+    // gzip wrapper (window bits 15 + 16), memory level 9; the codes are not examined.
+    if (deflateInit2_(&stream, level, Z_DEFLATED, 31, 9, Z_DEFAULT_STRATEGY, "1.2.8",
+                      static_cast<int>(sizeof(z_stream))) == Z_OK) {
+        deflate(&stream, Z_FINISH);
+        deflateEnd(&stream);
+    }
+    const int outSize = static_cast<int>(stream.next_out - buffer.get());
+    LOGD("inputSize[%d]", static_cast<int>(sourceLen));
+    LOGD("outPutSize[%d]", outSize);
+    if (outSize == 0) {
+        LOGE("compressingSize is invalid");
+        return RESULT;  // the buffer is released here, nothing refers to it
+    }
+    *compressedSize = outSize;
+    if (compressed != nullptr) *compressed = buffer.release();
+    return RESULT;
+}
+
+int UMgrGzip::deCompress(const unsigned char* source, size_t sourceSize, std::string& result) {
+    if (source == nullptr) {
+        LOGE("Empty source");
+        return RESULT;
+    }
+    if (sourceSize == 0) {
+        LOGE("Empty source size");
+        return RESULT;
+    }
+    std::unique_ptr<char, FreeDeleter> work(static_cast<char*>(std::calloc(kChunkRoom + 1, 1)));
+    if (!work) {
+        LOGE("Failed to Calloc");
+        return RESULT;
+    }
+    z_stream stream;
+    std::memset(&stream, 0, sizeof stream);
+    stream.zalloc = Z_NULL;
+    stream.zfree = Z_NULL;
+    stream.opaque = Z_NULL;
+    stream.next_in = const_cast<Bytef*>(source);
+    stream.avail_in = static_cast<uInt>(sourceSize);
+    std::ostringstream text;
+    if (inflateInit2_(&stream, 31, "1.2.8", static_cast<int>(sizeof(z_stream))) == Z_OK) {
+        do {
+            std::memset(work.get(), 0, kChunkRoom + 1);
+            stream.next_out = reinterpret_cast<Bytef*>(work.get());
+            stream.avail_out = static_cast<uInt>(kChunkRoom);
+            const int rc = inflate(&stream, Z_NO_FLUSH);
+            LOGD("inflate result[%d], deCompressing Size[%u]", rc, stream.avail_out);
+            text << work.get();  // up to the chunk's first zero byte
+        } while (stream.avail_out == 0);
+        inflateEnd(&stream);
+    }
+    result = text.str();
+    LOGD("deCompressed Size[%d]", static_cast<int>(result.size()));
+    return RESULT;
+}

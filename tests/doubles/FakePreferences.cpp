@@ -1,0 +1,102 @@
+#include "doubles/FakePreferences.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+using pelio::platform::PreferenceType;
+
+namespace pelio::test {
+
+int FakePreferences::enter(const std::string& operation) {
+    ++calls_[operation];
+    auto it = failures_.find(operation);
+    if (it == failures_.end() || it->second.second <= 0) return 0;
+    --it->second.second;
+    return it->second.first;
+}
+
+void FakePreferences::failNext(const std::string& operation, int code, int times) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    failures_[operation] = {code, times};
+}
+
+int FakePreferences::calls(const std::string& operation) const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    auto it = calls_.find(operation);
+    return it == calls_.end() ? 0 : it->second;
+}
+
+int FakePreferences::set(const std::string& op, const std::string& key, PreferenceType type,
+                         const std::string& text) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (int rc = enter(op)) return rc;
+    if (key.empty()) return pelio::platform::PREFERENCE_ERROR_INVALID_PARAMETER;
+    values_[key] = {type, text};
+    return 0;
+}
+
+int FakePreferences::get(const std::string& op, const std::string& key, PreferenceType type,
+                         std::string& text) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (int rc = enter(op)) return rc;
+    auto it = values_.find(key);
+    if (it == values_.end() || it->second.first != type)
+        return pelio::platform::PREFERENCE_ERROR_NO_KEY;
+    text = it->second.second;
+    return 0;
+}
+
+int FakePreferences::setInt(const std::string& key, int value) {
+    return set("setInt", key, PreferenceType::Int, std::to_string(value));
+}
+int FakePreferences::getInt(const std::string& key, int& value) {
+    std::string text;
+    int rc = get("getInt", key, PreferenceType::Int, text);
+    if (rc == 0) value = std::atoi(text.c_str());
+    return rc;
+}
+int FakePreferences::setDouble(const std::string& key, double value) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%.17g", value);
+    return set("setDouble", key, PreferenceType::Double, buf);
+}
+int FakePreferences::getDouble(const std::string& key, double& value) {
+    std::string text;
+    int rc = get("getDouble", key, PreferenceType::Double, text);
+    if (rc == 0) value = std::strtod(text.c_str(), nullptr);
+    return rc;
+}
+int FakePreferences::setBoolean(const std::string& key, bool value) {
+    return set("setBoolean", key, PreferenceType::Boolean, value ? "true" : "false");
+}
+int FakePreferences::getBoolean(const std::string& key, bool& value) {
+    std::string text;
+    int rc = get("getBoolean", key, PreferenceType::Boolean, text);
+    if (rc == 0) value = text == "true";
+    return rc;
+}
+int FakePreferences::setString(const std::string& key, const std::string& value) {
+    return set("setString", key, PreferenceType::String, value);
+}
+int FakePreferences::getString(const std::string& key, std::string& value) {
+    return get("getString", key, PreferenceType::String, value);
+}
+int FakePreferences::isExisting(const std::string& key, bool& existing) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (int rc = enter("isExisting")) return rc;
+    existing = values_.count(key) > 0;
+    return 0;
+}
+int FakePreferences::remove(const std::string& key) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (int rc = enter("remove")) return rc;
+    return values_.erase(key) ? 0 : pelio::platform::PREFERENCE_ERROR_NO_KEY;
+}
+std::vector<pelio::platform::PreferenceItem> FakePreferences::items() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    std::vector<pelio::platform::PreferenceItem> out;
+    for (const auto& [key, value] : values_) out.push_back({key, value.first, value.second});
+    return out;
+}
+
+}  // namespace pelio::test

@@ -1,0 +1,28 @@
+// In-memory system information for unit tests: values per key (a key without a value answers
+// with an error), and a count of the calls per key so a test can check a lookup was not repeated.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <pelio/platform/SystemInfo.h>
+#include <string>
+
+namespace pelio::test {
+
+class FakeSystemInfo : public pelio::platform::SystemInfo {
+public:
+    int getPlatformString(const std::string& key, std::string& value) override;
+
+    void set(const std::string& key, const std::string& value);
+    // Lookups of key answer with code (e.g. SYSTEM_INFO_ERROR_IO_ERROR) from now on.
+    void fail(const std::string& key, int code);
+    int calls(const std::string& key) const;
+
+private:
+    mutable std::mutex mutex_;
+    std::map<std::string, std::string> values_;
+    std::map<std::string, int> failures_;
+    std::map<std::string, int> calls_;
+};
+
+}  // namespace pelio::test
