@@ -65,7 +65,7 @@ struct PLMSyncManagerHooks {
 };
 
 class PLMSyncManager : public SyncHandlerHost {
-public:
+  public:
     // The singleton, created on first call (which starts the worker thread).
     static PLMSyncManager* getInstance();
     // The singleton if it exists, else null (never creates it).
@@ -136,7 +136,7 @@ public:
 
     static void setHooksForTesting(PLMSyncManagerHooks hooks);
 
-private:
+  private:
     PLMSyncManager();
     void handleMessage();
     void _sleep(int seconds);
@@ -172,7 +172,8 @@ private:
     std::unique_ptr<SyncQueue> mSyncQueue;
     std::unique_ptr<SyncQueue> mPendingQueue;
     std::unique_ptr<SyncLock> mSyncLock;
-    // Owned SyncResult records, one per posted body; guarded by the sync lock or used by the worker.
+    // Owned SyncResult records, one per posted body; guarded by the sync lock or used by the
+    // worker.
     std::vector<SyncResult*> mSyncResults;
     std::mutex mSyncResultsMutex;
     std::atomic<int> mCurrentItem{-1};
