@@ -17,7 +17,9 @@ bool startsWith(const char* uri, const char* viewUri) {
 
 }  // namespace
 
-ContactDbObserver::~ContactDbObserver() { mTimer.reset(); }
+ContactDbObserver::~ContactDbObserver() {
+    mTimer.reset();
+}
 
 int ContactDbObserver::register_contacts_observer(ContactDbObserver* observer) {
     platform::ContactsService& contacts = platform::contactsService();
@@ -28,7 +30,8 @@ int ContactDbObserver::register_contacts_observer(ContactDbObserver* observer) {
     }
     rc = contacts.addChangedCallback(platform::kContactsPersonViewUri, __db_changed_cb, observer);
     if (rc != platform::CONTACTS_ERROR_NONE) {
-        LOGE("contacts_db_add_changed_cb : _contacts_person._uri - failed with error code [%d]", rc);
+        LOGE("contacts_db_add_changed_cb : _contacts_person._uri - failed with error code [%d]",
+             rc);
         return rc;
     }
     rc = contacts.addChangedCallback(platform::kContactsContactViewUri, __db_changed_cb, observer);
@@ -98,12 +101,16 @@ void ContactDbObserver::_sendChangedPostCmd(int delayMs) {
                                              [this] { return __handleTimeOut_cb(); });
 }
 
-bool ContactDbObserver::hasPendingTimer() const { return mTimer && mTimer->active(); }
+bool ContactDbObserver::hasPendingTimer() const {
+    return mTimer && mTimer->active();
+}
 
 platform::TimerAction ContactDbObserver::__handleTimeOut_cb() {
     // The timer ends itself by returning Cancel; an inactive handle counts as cleared.
     PLMSyncManager* manager = PLMSyncManager::peekInstance();
-    if (manager == nullptr) manager = PLMSyncManager::getInstance();
-    if (manager != nullptr) manager->contact_changed();
+    if (manager == nullptr)
+        manager = PLMSyncManager::getInstance();
+    if (manager != nullptr)
+        manager->contact_changed();
     return platform::TimerAction::Cancel;
 }

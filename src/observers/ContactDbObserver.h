@@ -15,7 +15,7 @@
 #include <pelio/platform/Timer.h>
 
 class ContactDbObserver {
-public:
+  public:
     static constexpr int kLazyUpdateDelayMs = 10000;
 
     ContactDbObserver() = default;
@@ -36,7 +36,7 @@ public:
     // Whether a lazy update is waiting to fire.
     bool hasPendingTimer() const;
 
-private:
+  private:
     pelio::platform::TimerAction __handleTimeOut_cb();
 
     std::unique_ptr<pelio::platform::Timer> mTimer;

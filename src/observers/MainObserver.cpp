@@ -15,7 +15,8 @@ void MainObserver::register_all_observers() {
 }
 
 void MainObserver::unregister_all_observers() {
-    if (!mRegistered) return;
+    if (!mRegistered)
+        return;
     if (mContactDbObserver) {
         ContactDbObserver::unregister_contacts_observer(mContactDbObserver.get());
     }

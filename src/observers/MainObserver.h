@@ -10,7 +10,7 @@
 class ContactDbObserver;
 
 class MainObserver {
-public:
+  public:
     MainObserver();
     ~MainObserver();
     MainObserver(const MainObserver&) = delete;
@@ -21,7 +21,7 @@ public:
 
     ContactDbObserver* contactDbObserver() { return mContactDbObserver.get(); }
 
-private:
+  private:
     std::unique_ptr<ContactDbObserver> mContactDbObserver;
     bool mRegistered = false;
 };

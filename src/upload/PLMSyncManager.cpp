@@ -75,18 +75,22 @@ std::string readStatus(const char* key, bool& ok) {
 PLMSyncManager* PLMSyncManager::getInstance() {
     std::lock_guard<std::mutex> guard(gInstanceMutex);
     PLMSyncManager* instance = gInstance.load();
-    if (instance != nullptr) return instance;
+    if (instance != nullptr)
+        return instance;
     instance = new PLMSyncManager();
     gInstance.store(instance);
     if (instance->mHooks.startWorker && !instance->mWorker.joinable()) {
         instance->mWorker = std::thread([instance] {
-            if (!instance->_workerShouldStop()) instance->handleMessage();
+            if (!instance->_workerShouldStop())
+                instance->handleMessage();
         });
     }
     return instance;
 }
 
-PLMSyncManager* PLMSyncManager::peekInstance() { return gInstance.load(); }
+PLMSyncManager* PLMSyncManager::peekInstance() {
+    return gInstance.load();
+}
 
 void PLMSyncManager::destroyInstance() {
     PLMSyncManager* instance = nullptr;
@@ -94,7 +98,8 @@ void PLMSyncManager::destroyInstance() {
         std::lock_guard<std::mutex> guard(gInstanceMutex);
         instance = gInstance.load();
     }
-    if (instance == nullptr) return;
+    if (instance == nullptr)
+        return;
     // Stop the worker while the instance is still reachable: a worker that asks for the manager
     // meanwhile gets this one, not a new one.
     instance->_stopWorker();
@@ -141,7 +146,8 @@ void PLMSyncManager::_stopWorker() {
         SyncLockGuard guard(*mSyncLock);
         mSyncLock->broadcast();
     }
-    if (mSyncQueue) mSyncQueue->wakeAll();
+    if (mSyncQueue)
+        mSyncQueue->wakeAll();
     if (mWorker.joinable()) {
         if (mWorker.get_id() == std::this_thread::get_id()) {
             mWorker.detach();  // destroyed from its own thread: it ends when it returns
@@ -154,18 +160,21 @@ void PLMSyncManager::_stopWorker() {
 PLMSyncManager::~PLMSyncManager() {
     _stopWorker();
     stopHandlerThreads();
-    if (mMainObserver) mMainObserver->unregister_all_observers();
+    if (mMainObserver)
+        mMainObserver->unregister_all_observers();
     mMainObserver.reset();
     {
         std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-        for (SyncResult* result : mSyncResults) delete result;
+        for (SyncResult* result : mSyncResults)
+            delete result;
         mSyncResults.clear();
     }
     {
         std::lock_guard<std::mutex> guard(mHandlerMutex);
         mDataUploadHandler.reset();
     }
-    if (mNetworkMgr) mNetworkMgr->deInit();
+    if (mNetworkMgr)
+        mNetworkMgr->deInit();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -177,7 +186,8 @@ void PLMSyncManager::_sleep(int seconds) {
         return;
     }
     std::unique_lock<std::mutex> lock(mStopMutex);
-    mStopCondition.wait_for(lock, std::chrono::seconds(seconds), [this] { return mStopping.load(); });
+    mStopCondition.wait_for(lock, std::chrono::seconds(seconds),
+                            [this] { return mStopping.load(); });
 }
 
 void PLMSyncManager::_requestDomainSync(int domain, int code) {
@@ -197,7 +207,8 @@ void PLMSyncManager::stopHandlerThreads() {
         mHooks.stopDomainWorkers();
         return;
     }
-    if (mContactsHandlerUsed.load()) ContactsSyncHandler::getInstance()->stopWorker();
+    if (mContactsHandlerUsed.load())
+        ContactsSyncHandler::getInstance()->stopWorker();
 }
 
 DataUploadHandler* PLMSyncManager::_uploader() {
@@ -218,15 +229,20 @@ DataUploadHandler* PLMSyncManager::_ensureUploader() {
     return mDataUploadHandler.get();
 }
 
-DataUploadHandler* PLMSyncManager::getDataUploadHandler() { return _uploader(); }
+DataUploadHandler* PLMSyncManager::getDataUploadHandler() {
+    return _uploader();
+}
 
 PrefMgr* PLMSyncManager::getPrefMgr() {
     std::lock_guard<std::mutex> guard(mPrefMgrMutex);
-    if (!mPrefMgr) mPrefMgr = std::make_unique<PrefMgr>();
+    if (!mPrefMgr)
+        mPrefMgr = std::make_unique<PrefMgr>();
     return mPrefMgr.get();
 }
 
-IntentMgr* PLMSyncManager::getIntentMgr() { return mIntentMgr.get(); }
+IntentMgr* PLMSyncManager::getIntentMgr() {
+    return mIntentMgr.get();
+}
 
 std::mutex* PLMSyncManager::getDomainLock(int item) {
     switch (item) {
@@ -249,7 +265,8 @@ std::mutex* PLMSyncManager::getDomainLock(int item) {
 bool PLMSyncManager::_hasResultOf(int item) {
     std::lock_guard<std::mutex> guard(mSyncResultsMutex);
     for (const SyncResult* result : mSyncResults) {
-        if (result->itemType == item) return true;
+        if (result->itemType == item)
+            return true;
     }
     return false;
 }
@@ -267,7 +284,8 @@ void PLMSyncManager::addSyncItemToQueue(int item) {
     }
     if (_hasResultOf(item)) {
         LOGD("pendingQueue: Add syncItem[%d] to pendingQueue", item);
-        if (!mPendingQueue->contains(item)) mPendingQueue->append(item);
+        if (!mPendingQueue->contains(item))
+            mPendingQueue->append(item);
     } else {
         mSyncQueue->append(item);
     }
@@ -309,9 +327,13 @@ void PLMSyncManager::clearServer() {
     prefs->set(plm::PLMConstants::IS_FORCE, false);
 }
 
-std::vector<int> PLMSyncManager::syncQueueItems() { return mSyncQueue->items(); }
+std::vector<int> PLMSyncManager::syncQueueItems() {
+    return mSyncQueue->items();
+}
 
-std::vector<int> PLMSyncManager::pendingQueueItems() { return mPendingQueue->items(); }
+std::vector<int> PLMSyncManager::pendingQueueItems() {
+    return mPendingQueue->items();
+}
 
 size_t PLMSyncManager::syncResultCount() {
     std::lock_guard<std::mutex> guard(mSyncResultsMutex);
@@ -341,9 +363,13 @@ void PLMSyncManager::app_changed() {
     _requestDomainSync(plm::SYNC_ITEM_APPLICATION, plm::SYNC_TYPE_DIFF);
 }
 
-void PLMSyncManager::calllog_changed() { LOGD("calllog_changed"); }
+void PLMSyncManager::calllog_changed() {
+    LOGD("calllog_changed");
+}
 
-void PLMSyncManager::bookmark_changed() { LOGD("bookmark_changed"); }
+void PLMSyncManager::bookmark_changed() {
+    LOGD("bookmark_changed");
+}
 
 void PLMSyncManager::cellular_changed() {
     bool ok = true;
@@ -353,7 +379,8 @@ void PLMSyncManager::cellular_changed() {
         return;
     }
     readStatus(plm::BOOKMARKS_SYNC_STATUS_P, ok);
-    if (!ok) LOGE("failed to get BOOKMARKS_SYNC_STATUS_P");
+    if (!ok)
+        LOGE("failed to get BOOKMARKS_SYNC_STATUS_P");
 
     struct Domain {
         const char* key;
@@ -361,14 +388,17 @@ void PLMSyncManager::cellular_changed() {
         int item;
     };
     const Domain domains[] = {
-        {plm::CONTACTS_SYNC_STATUS_P, "failed to get CONTACTS_SYNC_STATUS_P", plm::SYNC_ITEM_CONTACTS},
+        {plm::CONTACTS_SYNC_STATUS_P, "failed to get CONTACTS_SYNC_STATUS_P",
+         plm::SYNC_ITEM_CONTACTS},
         {plm::APP_SYNC_STATUS_P, "failed to get APP_SYNC_STATUS_P", plm::SYNC_ITEM_APPLICATION},
         {plm::MEDIA_SYNC_STATUS_P, "failed to get MEDIA_SYNC_STATUS_P", plm::SYNC_ITEM_MEDIA},
     };
     for (const Domain& domain : domains) {
         const std::string value = readStatus(domain.key, ok);
-        if (!ok) LOGE("%s", domain.failure);
-        if (value == plm::STATUS_WAITING) _requestDomainSync(domain.item, plm::SYNC_TYPE_DIFF);
+        if (!ok)
+            LOGE("%s", domain.failure);
+        if (value == plm::STATUS_WAITING)
+            _requestDomainSync(domain.item, plm::SYNC_TYPE_DIFF);
     }
 }
 
@@ -385,9 +415,11 @@ void PLMSyncManager::set_sync_status(const char* key, const char* value) {
         return;
     }
     int rc = master_set_string(key, value);
-    if (rc != 0) LOGE("Error with master_set_string to key[%s] with code [%d]", key, rc);
+    if (rc != 0)
+        LOGE("Error with master_set_string to key[%s] with code [%d]", key, rc);
     rc = master_set_string(plm::ALL_SYNC_STATUS_P, plm::STATUS_WAITING);
-    if (rc != 0) LOGE("Error with master_set_string to all sync state with code [%d]", rc);
+    if (rc != 0)
+        LOGE("Error with master_set_string to all sync state with code [%d]", rc);
 }
 
 void PLMSyncManager::update_preference_status_on_sync_fail(int item) {
@@ -420,7 +452,8 @@ void PLMSyncManager::update_preference_status_on_pds_close(int item, bool confli
 
 void PLMSyncManager::update_master_sync_pref_key() {
     const int rc = master_set_string(plm::ALL_SYNC_STATUS_P, plm::STATUS_SYNCED);
-    if (rc != 0) LOGE("master_set_string : ERROR code[%s][%d]", std::strerror(errno), rc);
+    if (rc != 0)
+        LOGE("master_set_string : ERROR code[%s][%d]", std::strerror(errno), rc);
     for (const char* key :
          {plm::CONTACTS_SYNC_STATUS_P, plm::APP_SYNC_STATUS_P, plm::MEDIA_SYNC_STATUS_P}) {
         bool ok = true;
@@ -444,7 +477,8 @@ bool PLMSyncManager::isSyncInProgress() {
 bool PLMSyncManager::hasPlmId(int domain) {
     std::lock_guard<std::mutex> guard(mHandlerMutex);
     DataUploadHandler* handler = mDataUploadHandler.get();
-    if (handler == nullptr) return false;
+    if (handler == nullptr)
+        return false;
     std::string id;
     switch (domain) {
         case plm::SYNC_ITEM_APPLICATION:
@@ -463,9 +497,13 @@ bool PLMSyncManager::hasPlmId(int domain) {
     return id != kUnknownPlmId;
 }
 
-bool PLMSyncManager::getPendingResync() const { return mPendingResync.load(); }
+bool PLMSyncManager::getPendingResync() const {
+    return mPendingResync.load();
+}
 
-void PLMSyncManager::setPendingResync(bool pending) { mPendingResync.store(pending); }
+void PLMSyncManager::setPendingResync(bool pending) {
+    mPendingResync.store(pending);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Exit check
@@ -477,22 +515,31 @@ void PLMSyncManager::check_for_process_exit() {
     for (int i = 0; i < 3; ++i) {
         bool ok = true;
         const std::string value = readStatus(keys[i], ok);
-        if (!ok) LOGE("master_get_string Error : all sync status");
-        if (value.empty()) continue;
+        if (!ok)
+            LOGE("master_get_string Error : all sync status");
+        if (value.empty())
+            continue;
         const char* text = value.c_str();
         if (value[0] == '0') {
-            if (i == 0) LOGD("APP_SYNC_STATUS_P status[%s]", text);
-            if (i == 1) LOGD("CONTACTS_SYNC_STATUS_P status[%s]", text);
-            if (i == 2) LOGD("MEDIA_SYNC_STATUS_P status[%s]", text);
+            if (i == 0)
+                LOGD("APP_SYNC_STATUS_P status[%s]", text);
+            if (i == 1)
+                LOGD("CONTACTS_SYNC_STATUS_P status[%s]", text);
+            if (i == 2)
+                LOGD("MEDIA_SYNC_STATUS_P status[%s]", text);
             LOGD("Some sync is in process");
             return;
         }
         if (value[0] == '1') {
-            if (i == 0) LOGD("APP_SYNC_STATUS_P status11[%s]", text);
-            if (i == 1) LOGD("CONTACTS_SYNC_STATUS_P status11[%s]", text);
-            if (i == 2) LOGD("MEDIA_SYNC_STATUS_P status[%s]", text);
+            if (i == 0)
+                LOGD("APP_SYNC_STATUS_P status11[%s]", text);
+            if (i == 1)
+                LOGD("CONTACTS_SYNC_STATUS_P status11[%s]", text);
+            if (i == 2)
+                LOGD("MEDIA_SYNC_STATUS_P status[%s]", text);
             const int rc = pelio::platform::preferences().setInt(plm::PREF_SYNC_CONDITION, 1);
-            if (rc != 0) LOGE("preference_set_int (umng_sync_condition) Failed ret[%d]", rc);
+            if (rc != 0)
+                LOGE("preference_set_int (umng_sync_condition) Failed ret[%d]", rc);
         }
     }
     if (!mPendingResync.load()) {
@@ -518,7 +565,8 @@ void PLMSyncManager::handleMessage() {
         mSyncLock->lock();
         if (mSyncQueue->empty()) {
             closeSessionAndApplyOutcomes();
-            while (mSyncQueue->empty() && !_workerShouldStop()) mSyncLock->wait();
+            while (mSyncQueue->empty() && !_workerShouldStop())
+                mSyncLock->wait();
         }
         if (_workerShouldStop()) {
             mSyncLock->unlock();
@@ -534,10 +582,12 @@ void PLMSyncManager::handleMessage() {
         mCurrentItem.store(*item);
         mSyncLock->unlock();
 
-        if (*item < 0) continue;
+        if (*item < 0)
+            continue;
         if (!composeAndSync(*item)) {
             LOGE("sync Failed for gvSyncItem[%d]", *item);
-            if (!_workerShouldStop()) check_for_process_exit();
+            if (!_workerShouldStop())
+                check_for_process_exit();
         } else {
             LOGD("sync success for gvSyncItem[%d]", *item);
         }
@@ -561,11 +611,13 @@ bool PLMSyncManager::_tryClose(DataUploadHandler* handler) {
 }
 
 void PLMSyncManager::closePds(DataUploadHandler* handler) {
-    if (handler != nullptr) _tryClose(handler);
+    if (handler != nullptr)
+        _tryClose(handler);
 }
 
 void* PLMSyncManager::pdssWipe(DataUploadHandler* handler, void* /*arg*/) {
-    if (handler == nullptr) return nullptr;
+    if (handler == nullptr)
+        return nullptr;
     try {
         if (handler->wipePds(true)) {
             LOGD("Wipe PDS success ");
@@ -578,9 +630,13 @@ void* PLMSyncManager::pdssWipe(DataUploadHandler* handler, void* /*arg*/) {
     return nullptr;
 }
 
-void PLMSyncManager::handleSyncError() { LOGD("handleSyncError"); }
+void PLMSyncManager::handleSyncError() {
+    LOGD("handleSyncError");
+}
 
-void PLMSyncManager::pdsUploadStarted() { LOGD("pdsUploadStarted"); }
+void PLMSyncManager::pdsUploadStarted() {
+    LOGD("pdsUploadStarted");
+}
 
 void PLMSyncManager::clearSyncResultList() {
     LOGD("clear sync result");
@@ -598,7 +654,8 @@ void PLMSyncManager::closeSessionAndApplyOutcomes() {
         clearEmbeddedTrigger();
     }
     DataUploadHandler* handler = _uploader();
-    if (handler == nullptr || !handler->getPdsOpened()) return;
+    if (handler == nullptr || !handler->getPdsOpened())
+        return;
 
     bool closed = false;
     int attempt = 1;
@@ -661,9 +718,10 @@ void PLMSyncManager::_processSyncResults() {
             handler->setLastMediaPlmId(latest);
         }
         SyncOutcomeProcessor::applyResponse(result->jsonResponse, marks);
-        LOGD("sync success for pds close item update master before delete syncresult: "
-             "syncItemType[%d]",
-             result->itemType);
+        LOGD(
+            "sync success for pds close item update master before delete syncresult: "
+            "syncItemType[%d]",
+            result->itemType);
         update_preference_status_on_pds_close(result->itemType, marks.contactsConflict);
         LOGD("deleting syncResult");
         {
@@ -675,15 +733,18 @@ void PLMSyncManager::_processSyncResults() {
     LOGD("Clearing list");
     {
         std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-        for (SyncResult* left : mSyncResults) delete left;
+        for (SyncResult* left : mSyncResults)
+            delete left;
         mSyncResults.clear();
     }
     if (marks.contactsConflict) {
         LOGD("setting contact doc update conflict status");
         master_set_string(plm::CONTACTS_SYNC_STATUS_P, plm::STATUS_FAILED);
     }
-    if (marks.applicationsFailed) master_set_string(plm::APP_SYNC_STATUS_P, plm::STATUS_FAILED);
-    if (marks.mediaFailed) master_set_string(plm::MEDIA_SYNC_STATUS_P, plm::STATUS_FAILED);
+    if (marks.applicationsFailed)
+        master_set_string(plm::APP_SYNC_STATUS_P, plm::STATUS_FAILED);
+    if (marks.mediaFailed)
+        master_set_string(plm::MEDIA_SYNC_STATUS_P, plm::STATUS_FAILED);
 }
 
 bool PLMSyncManager::composeAndSync(int item) {
@@ -691,16 +752,18 @@ bool PLMSyncManager::composeAndSync(int item) {
     DataUploadHandler* handler = _ensureUploader();
 
     std::mutex* domainLock = getDomainLock(item);
-    if (domainLock == nullptr) LOGE("Not supported sync type[%d]", item);
+    if (domainLock == nullptr)
+        LOGE("Not supported sync type[%d]", item);
     std::unique_lock<std::mutex> domainGuard;
-    if (domainLock != nullptr) domainGuard = std::unique_lock<std::mutex>(*domainLock);
+    if (domainLock != nullptr)
+        domainGuard = std::unique_lock<std::mutex>(*domainLock);
 
     std::unique_ptr<SyncData> syncData;
     if (mHooks.makeSyncData) {
-        syncData.reset(mHooks.makeSyncData(item));
+        syncData = mHooks.makeSyncData(item);
     } else {
         JSONComposer composer;
-        syncData.reset(composer.makeSyncData(item));
+        syncData = composer.makeSyncData(item);
     }
 
     bool result = false;
@@ -777,8 +840,10 @@ bool PLMSyncManager::composeAndSync(int item) {
     }
     syncData.reset();
 
-    if (domainLock == nullptr) LOGD("Not supported syncActionType[%d]", item);
-    if (domainGuard.owns_lock()) domainGuard.unlock();
+    if (domainLock == nullptr)
+        LOGD("Not supported syncActionType[%d]", item);
+    if (domainGuard.owns_lock())
+        domainGuard.unlock();
     LOGD("Job's done");
     return result;
 }

@@ -38,6 +38,7 @@ class DataUploadHandler;
 class IntentMgr;
 class MainObserver;
 class NetworkMgr;
+class PLMSyncManager;
 class PrefMgr;
 class SyncData;
 class SyncQueue;
@@ -51,8 +52,8 @@ struct PLMSyncManagerHooks {
     std::function<void(int seconds)> sleep;
     // The upload handler, made on first use by composeAndSync. Default: a DataUploadHandler.
     std::function<std::unique_ptr<DataUploadHandler>(PLMSyncManager&)> makeUploadHandler;
-    // A domain's upload record (the caller owns it). Default: JSONComposer::makeSyncData(item).
-    std::function<SyncData*(int item)> makeSyncData;
+    // A domain's upload record (null: nothing to send). Default: JSONComposer::makeSyncData(item).
+    std::function<std::unique_ptr<SyncData>(int item)> makeSyncData;
     // requestSync(code) on a domain handler (3 contacts, 1 applications, 2 media). Default: the
     // contacts handler; the application and media handlers are not part of this build yet.
     std::function<void(int domain, int code)> requestDomainSync;

@@ -43,9 +43,13 @@ void SyncLock::lock() {
     }
 }
 
-void SyncLock::unlock() { pthread_mutex_unlock(&mMutex); }
+void SyncLock::unlock() {
+    pthread_mutex_unlock(&mMutex);
+}
 
-void SyncLock::wait() { pthread_cond_wait(&mCond, &mMutex); }
+void SyncLock::wait() {
+    pthread_cond_wait(&mCond, &mMutex);
+}
 
 bool SyncLock::waitFor(long milliseconds) {
     timespec deadline{};
@@ -59,6 +63,10 @@ bool SyncLock::waitFor(long milliseconds) {
     return pthread_cond_timedwait(&mCond, &mMutex, &deadline) != ETIMEDOUT;
 }
 
-void SyncLock::signal() { pthread_cond_signal(&mCond); }
+void SyncLock::signal() {
+    pthread_cond_signal(&mCond);
+}
 
-void SyncLock::broadcast() { pthread_cond_broadcast(&mCond); }
+void SyncLock::broadcast() {
+    pthread_cond_broadcast(&mCond);
+}

@@ -13,7 +13,7 @@
 #include <pthread.h>
 
 class SyncLock {
-public:
+  public:
     SyncLock();
     ~SyncLock();
     SyncLock(const SyncLock&) = delete;
@@ -28,7 +28,7 @@ public:
     void signal();
     void broadcast();
 
-private:
+  private:
     pthread_mutex_t mMutex;
     pthread_cond_t mCond;
     clockid_t mClock = CLOCK_MONOTONIC;
@@ -36,12 +36,12 @@ private:
 
 // Scoped holder of a SyncLock.
 class SyncLockGuard {
-public:
+  public:
     explicit SyncLockGuard(SyncLock& lock) : mLock(lock) { mLock.lock(); }
     ~SyncLockGuard() { mLock.unlock(); }
     SyncLockGuard(const SyncLockGuard&) = delete;
     SyncLockGuard& operator=(const SyncLockGuard&) = delete;
 
-private:
+  private:
     SyncLock& mLock;
 };

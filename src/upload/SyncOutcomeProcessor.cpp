@@ -88,13 +88,16 @@ std::string SyncOutcomeProcessor::getFieldStringFromJNode(JsonNode* node, const 
 
 void SyncOutcomeProcessor::updateLocalDbNewStatus(const std::string& table, const std::string& key,
                                                   const std::string& rev) {
-    if (!updateRevision(table, quoted("_id = '%s'", key), rev, false)) LOGE("error in update");
+    if (!updateRevision(table, quoted("_id = '%s'", key), rev, false))
+        LOGE("error in update");
 }
 
 void SyncOutcomeProcessor::updateLocalDbStatus(const std::string& table, const std::string& key,
                                                const std::string& rev) {
-    if (!deleteWhere(table, quoted("dirty = 2 and _id = '%s'", key))) LOGE("error in delete");
-    if (!updateRevision(table, quoted("_id = '%s'", key), rev, true)) LOGE("error in update");
+    if (!deleteWhere(table, quoted("dirty = 2 and _id = '%s'", key)))
+        LOGE("error in delete");
+    if (!updateRevision(table, quoted("_id = '%s'", key), rev, true))
+        LOGE("error in update");
 }
 
 void SyncOutcomeProcessor::updateLocalAudioTableNewStatus(const std::string& key,
@@ -135,7 +138,8 @@ void SyncOutcomeProcessor::updateLocalAudioPlaylistTableStatus(const std::string
 }
 
 void SyncOutcomeProcessor::_applyElement(JsonNode* element, Marks& marks) {
-    if (element == nullptr || !JSON_NODE_HOLDS_OBJECT(element)) return;
+    if (element == nullptr || !JSON_NODE_HOLDS_OBJECT(element))
+        return;
     JsonObject* object = json_node_get_object(element);
 
     const std::string id = getFieldStringFromJNode(element, "id");
@@ -143,7 +147,8 @@ void SyncOutcomeProcessor::_applyElement(JsonNode* element, Marks& marks) {
     bool conflict = false;
     if (json_object_has_member(object, "error")) {
         const std::string reason = getFieldStringFromJNode(element, "reason");
-        if (reason != kConflictReason || !json_object_has_member(object, "rev")) return;
+        if (reason != kConflictReason || !json_object_has_member(object, "rev"))
+            return;
         rev = getFieldStringFromJNode(element, "rev");
         conflict = true;
     } else {
@@ -227,7 +232,8 @@ void SyncOutcomeProcessor::update_dirtyflag(const char* table) {
         LOGE("Invalid table name");
         return;
     }
-    if (!deleteWhere(table, "dirty = 3")) LOGE("error in delete");
+    if (!deleteWhere(table, "dirty = 3"))
+        LOGE("error in delete");
     Bundle request;
     request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
     request.addStr(bundlekeys::URI_TABLE_NAME, table);
@@ -235,7 +241,8 @@ void SyncOutcomeProcessor::update_dirtyflag(const char* table) {
     request.addStr(bundlekeys::COLUMN_COUNT, "1");
     request.addStr(columnKey(1), "dirty");
     request.addStr("dirty", "4");
-    if (!runRequest(request)) LOGE("error in update");
+    if (!runRequest(request))
+        LOGE("error in update");
 }
 
 void SyncOutcomeProcessor::update_dirty_flags(int item) {

@@ -18,7 +18,7 @@
 #include <string>
 
 class SyncOutcomeProcessor {
-public:
+  public:
     // Domains that had a document refused as a conflict.
     struct Marks {
         bool contactsConflict = false;
@@ -39,8 +39,7 @@ public:
                                             int type);
     static void updateLocalAudioPlaylistTableNewStatus(const std::string& key,
                                                        const std::string& rev);
-    static void updateLocalAudioPlaylistTableStatus(const std::string& key,
-                                                    const std::string& rev);
+    static void updateLocalAudioPlaylistTableStatus(const std::string& key, const std::string& rev);
 
     // The string member name of an object node, or "" when absent.
     static std::string getFieldStringFromJNode(JsonNode* node, const std::string& name);
@@ -51,6 +50,6 @@ public:
     static void update_dirty_flags(int item);
     static void update_dirtyflag(const char* table);
 
-private:
+  private:
     static void _applyElement(JsonNode* element, Marks& marks);
 };

@@ -20,7 +20,8 @@ void SyncQueue::append(int item) {
 
 std::optional<int> SyncQueue::takeHead() {
     SyncLockGuard guard(mLock);
-    if (mItems.empty()) return std::nullopt;
+    if (mItems.empty())
+        return std::nullopt;
     int head = mItems.front();
     mItems.pop_front();
     return head;

@@ -12,7 +12,7 @@
 #include "upload/SyncLock.h"
 
 class SyncQueue {
-public:
+  public:
     bool contains(int item);
     bool empty();
     // Links the item at the tail and signals the queue's condition.
@@ -25,7 +25,7 @@ public:
     // Wakes every waiter of the queue's condition.
     void wakeAll();
 
-private:
+  private:
     SyncLock mLock;
     std::list<int> mItems;
 };
