@@ -1,0 +1,30 @@
+// The process's main loop (EFL Ecore) and its D-Bus library (Eldbus).
+//
+// MainLoopScope initialises Ecore and Eldbus for its lifetime, with Ecore's system modules
+// switched off (they would log about and reach for buses this process does not use). Scopes nest:
+// the libraries are shut down when the outermost one ends. Create it on the thread that will run
+// the loop; everything else here except runOnMainLoop() belongs to that thread.
+#pragma once
+
+#include <functional>
+
+namespace pelio::platform {
+
+class MainLoopScope {
+  public:
+    MainLoopScope();
+    ~MainLoopScope();
+    MainLoopScope(const MainLoopScope&) = delete;
+    MainLoopScope& operator=(const MainLoopScope&) = delete;
+};
+
+// Runs the loop until quitMainLoop() is called.
+void runMainLoop();
+void quitMainLoop();
+// True on the thread that initialised the loop.
+bool onMainLoopThread();
+// Runs fn on the main loop thread: at once when called there, otherwise queued to the loop
+// (thread-safe). Returns false when no loop is initialised (fn is dropped).
+bool runOnMainLoop(std::function<void()> fn);
+
+}  // namespace pelio::platform

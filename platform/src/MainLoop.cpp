@@ -1,0 +1,67 @@
+#include "pelio/platform/MainLoop.h"
+
+#include <Ecore.h>
+#include <Eldbus.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+
+#include "EldbusHandles.h"
+
+namespace pelio::platform {
+namespace {
+
+std::atomic<int> g_depth{0};
+
+void runQueued(void* data) {
+    std::unique_ptr<std::function<void()>> fn(static_cast<std::function<void()>*>(data));
+    (*fn)();
+}
+
+}  // namespace
+
+MainLoopScope::MainLoopScope() {
+    if (g_depth.fetch_add(1) == 0) {
+        // Ecore's system modules watch the system bus, locale and power on their own: this
+        // process has platform modules for what it needs, and they would log for missing buses.
+        setenv("ECORE_NO_SYSTEM_MODULES", "1", 1);
+        ecore_app_no_system_modules();
+        ecore_init();
+        eldbus_init();
+    }
+}
+
+MainLoopScope::~MainLoopScope() {
+    if (g_depth.fetch_sub(1) == 1) {
+        detail::releaseSessionBus();
+        eldbus_shutdown();
+        ecore_shutdown();
+    }
+}
+
+void runMainLoop() {
+    ecore_main_loop_begin();
+}
+
+void quitMainLoop() {
+    ecore_main_loop_quit();
+}
+
+bool onMainLoopThread() {
+    return g_depth.load() > 0 && eina_main_loop_is();
+}
+
+bool runOnMainLoop(std::function<void()> fn) {
+    if (g_depth.load() == 0)
+        return false;
+    if (eina_main_loop_is()) {
+        fn();
+        return true;
+    }
+    auto* heap = new std::function<void()>(std::move(fn));  // owned by runQueued
+    ecore_main_loop_thread_safe_call_async(runQueued, heap);
+    return true;
+}
+
+}  // namespace pelio::platform
