@@ -14,7 +14,7 @@ namespace {
 
 // A handler whose collection returns a configured result and records what it was asked.
 class ScriptedHandler : public BaseSyncHandler {
-public:
+  public:
     ScriptedHandler(SyncHandlerHost* host, int domain, int result)
         : BaseSyncHandler(host), result_(result) {
         mDomainId = domain;
@@ -30,7 +30,8 @@ public:
             std::lock_guard<std::mutex> guard(mutex_);
             types_.push_back(syncType);
         }
-        if (hook) hook(syncType);
+        if (hook)
+            hook(syncType);
         --inside_;
         return result_;
     }
@@ -43,7 +44,7 @@ public:
 
     std::function<void(int)> hook;
 
-private:
+  private:
     int result_;
     std::mutex mutex_;
     std::vector<int> types_;
@@ -125,9 +126,9 @@ TEST_F(BaseSyncHandlerTest, ResultsDecideStatusAndUploadThreaded) {
         ScriptedHandler handler(&host, 3, 0);
         EXPECT_EQ(handler.requestSync(98), 0);
         ASSERT_TRUE(eventually([&] { return !handler.isWorkerRunning(); }));
-        EXPECT_EQ(host.statusCalls(),
-                  (std::vector<std::pair<std::string, std::string>>{{"CONTACTS_SYNC_STATUS_P",
-                                                                     "0"}}));
+        EXPECT_EQ(
+            host.statusCalls(),
+            (std::vector<std::pair<std::string, std::string>>{{"CONTACTS_SYNC_STATUS_P", "0"}}));
         EXPECT_EQ(host.queuedItems(), std::vector<int>{3});
         EXPECT_TRUE(log_.hasMessage("Sync type called from base[98], ret[0]"));
     }
@@ -172,12 +173,15 @@ TEST_F(BaseSyncHandlerTest, ConcurrentRequestsNeverRunTwoWorkersNorStrandAReques
     for (int t = 0; t < 4; ++t) {
         senders.emplace_back([&, t] {
             for (int i = 0; i < 200; ++i) {
-                if (handler.requestSync((i + t) % 7 == 0 ? 99 : 98) == 0) ++accepted;
-                if (i % 16 == 0) std::this_thread::yield();
+                if (handler.requestSync((i + t) % 7 == 0 ? 99 : 98) == 0)
+                    ++accepted;
+                if (i % 16 == 0)
+                    std::this_thread::yield();
             }
         });
     }
-    for (auto& s : senders) s.join();
+    for (auto& s : senders)
+        s.join();
     ASSERT_TRUE(eventually([&] { return !handler.isWorkerRunning(); }));
     EXPECT_EQ(handler.maxConcurrent(), 1);
     // Whatever was queued last has been taken by a worker.
@@ -224,7 +228,8 @@ TEST_F(BaseSyncHandlerTest, DestroyingAHandlerWithABusyWorkerStopsItCooperativel
         }
         entered = true;
         // A long collection that polls for interruption, as the collectors do.
-        while (!raw->interrupted()) std::this_thread::yield();
+        while (!raw->interrupted())
+            std::this_thread::yield();
     };
     handler->requestSync(98);
     ASSERT_TRUE(eventually([&] { return entered.load(); }));

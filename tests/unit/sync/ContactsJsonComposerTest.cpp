@@ -23,7 +23,7 @@ namespace {
 
 // Counts look-ups, to show that deleted rows are never looked up.
 class CountingContacts : public FakeContactsService {
-public:
+  public:
     int getContactByPersonId(int personId, pp::ContactRecord& record) override {
         ++lookups;
         return FakeContactsService::getContactByPersonId(personId, record);
@@ -48,7 +48,8 @@ Bodies parse(const SyncData& data) {
         GError* error = nullptr;
         JsonNode* node = json_from_string(text.c_str(), &error);
         EXPECT_EQ(error, nullptr) << (error ? error->message : "");
-        if (error) g_error_free(error);
+        if (error)
+            g_error_free(error);
         out.roots.emplace_back(node);
     }
     return out;
@@ -57,13 +58,14 @@ Bodies parse(const SyncData& data) {
 std::vector<std::string> memberNames(JsonObject* object) {
     std::vector<std::string> names;
     GList* members = json_object_get_members(object);  // in insertion order
-    for (GList* m = members; m; m = m->next) names.emplace_back(static_cast<const char*>(m->data));
+    for (GList* m = members; m; m = m->next)
+        names.emplace_back(static_cast<const char*>(m->data));
     g_list_free(members);
     return names;
 }
 
 class ContactsJsonComposerTest : public SyncStoreTest {
-protected:
+  protected:
     void SetUp() override {
         savedLanguage_ = env("LANGUAGE");
         savedMessages_ = env("LC_MESSAGES");
@@ -209,18 +211,17 @@ TEST_F(ContactsJsonComposerTest, LiveDocumentEnvelopeNamesAndNumbers) {
     EXPECT_STREQ(json_object_get_string_member(meta, "displayname"), "Ann Lee");
     EXPECT_STREQ(json_object_get_string_member(meta, "phoneticname"), "an mei li");
     EXPECT_TRUE(json_object_get_boolean_member(meta, "starred"));
-    EXPECT_EQ(json_object_get_int_member(
-                  json_object_get_object_member(meta, "contact_count_info"), "times_contacted"),
+    EXPECT_EQ(json_object_get_int_member(json_object_get_object_member(meta, "contact_count_info"),
+                                         "times_contacted"),
               0);
 
     // Numbers: label from the type bits, the number record's id, never the number itself.
     JsonArray* phone = json_object_get_array_member(meta, "phone");
     ASSERT_EQ(json_array_get_length(phone), 4u);
     const std::vector<int> ids = contacts_->numberIds(ann);
-    const std::vector<std::string> labels = {
-        dgettext("pelio-service", "contact_mobile"),
-        dgettext("pelio-service", "IDS_VOICE_BODY_FAX_HHOME"),
-        dgettext("pelio-service", "contact_other"), "main"};
+    const std::vector<std::string> labels = {dgettext("pelio-service", "contact_mobile"),
+                                             dgettext("pelio-service", "IDS_VOICE_BODY_FAX_HHOME"),
+                                             dgettext("pelio-service", "contact_other"), "main"};
     for (guint i = 0; i < 4; ++i) {
         JsonObject* n = json_array_get_object_element(phone, i);
         EXPECT_EQ(memberNames(n), (std::vector<std::string>{"phonetype", "clientData", "default"}));
@@ -259,8 +260,8 @@ TEST_F(ContactsJsonComposerTest, BatchesOfExactlyOneThousand) {
     };
     int firstId = 1;
     gint64 lastNumber = ContactsJsonComposer::lastDocumentNumber();
-    for (const Case& c : {Case{1000, {1000}}, Case{1001, {1000, 1}},
-                          Case{2500, {1000, 1000, 500}}}) {
+    for (const Case& c :
+         {Case{1000, {1000}}, Case{1001, {1000, 1}}, Case{2500, {1000, 1000, 500}}}) {
         exec("DELETE FROM contacts");
         insertRows(firstId, c.rows, 1);
         firstId += c.rows;

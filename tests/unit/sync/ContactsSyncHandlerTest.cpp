@@ -15,20 +15,20 @@ namespace {
 
 // Reports an interruption (as a pending forced request would) at the n-th poll.
 class InterruptedContactsHandler : public ContactsSyncHandler {
-public:
+  public:
     InterruptedContactsHandler(SyncHandlerHost* host, int atPoll)
         : ContactsSyncHandler(host), atPoll_(atPoll) {}
 
-protected:
+  protected:
     bool isInterrupted() override { return ++polls_ >= atPoll_; }
 
-private:
+  private:
     int atPoll_;
     int polls_ = 0;
 };
 
 class ContactsSyncHandlerTest : public SyncStoreTest {
-protected:
+  protected:
     int addPerson(const std::string& name) {
         return contacts_->addContact(FakeContactsService::person(name, name));
     }
@@ -50,7 +50,7 @@ TEST_F(ContactsSyncHandlerTest, FirstRunInsertsEveryNamedPersonWithAChange) {
     const int ann = addPerson("Ann");
     const int bob = addPerson("Bob");
     contacts_->addContact(FakeContactsService::person(""));  // no display name: never entered
-    prefs_->setInt(plm::PREF_CONTACTS_DB_VERSION, 1);         // ignored while "is_force" is absent
+    prefs_->setInt(plm::PREF_CONTACTS_DB_VERSION, 1);        // ignored while "is_force" is absent
 
     ContactsSyncHandler handler(&host_);
     EXPECT_EQ(handler.syncData(98), 0);
@@ -59,7 +59,8 @@ TEST_F(ContactsSyncHandlerTest, FirstRunInsertsEveryNamedPersonWithAChange) {
     ASSERT_EQ(byId.size(), 2u);
     EXPECT_EQ(byId.at(std::to_string(ann)), std::vector<int>{1});
     EXPECT_EQ(byId.at(std::to_string(bob)), std::vector<int>{1});
-    for (const auto& row : rows()) EXPECT_EQ(row.version, contacts_->version());
+    for (const auto& row : rows())
+        EXPECT_EQ(row.version, contacts_->version());
     EXPECT_TRUE(log_.hasMessage("No display name"));
     int stored = 0;
     EXPECT_NE(prefs_->getInt(plm::PREF_CONTACTS_DB_VERSION, stored), 0);  // removed
@@ -79,8 +80,9 @@ TEST_F(ContactsSyncHandlerTest, NothingRequiredWhenInStepAndVersionsMatch) {
 
     EXPECT_EQ(handler.syncData(98), 2);
     EXPECT_TRUE(log_.hasMessage("Skip by _isSyncRequired()"));
-    EXPECT_TRUE(log_.hasMessage("They have same contact version in plm sync requested and "
-                                "contact db's"));
+    EXPECT_TRUE(
+        log_.hasMessage("They have same contact version in plm sync requested and "
+                        "contact db's"));
     EXPECT_EQ(status(), "2");
 
     // A failed previous sync asks for a collection even with matching versions.
@@ -99,8 +101,9 @@ TEST_F(ContactsSyncHandlerTest, DeltaMarksInsertsUpdatesAndDeletes) {
     markUploaded(handler);
 
     contacts_->beginBatch();
-    contacts_->updateContact(ann, FakeContactsService::person("Ann", "Anna")
-                                      .withNumber("555", CONTACTS_NUMBER_TYPE_CELL));
+    contacts_->updateContact(
+        ann,
+        FakeContactsService::person("Ann", "Anna").withNumber("555", CONTACTS_NUMBER_TYPE_CELL));
     contacts_->deleteContact(bob);
     const int dee = addPerson("Dee");
     contacts_->commitBatch();
@@ -214,7 +217,8 @@ TEST_F(ContactsSyncHandlerTest, ForcedRequestWhileCollectingIsTakenNextThreaded)
 
 TEST_F(ContactsSyncHandlerTest, LargeAddressBookIsReadBackCompletely) {
     contacts_->beginBatch();
-    for (int i = 0; i < 5200; ++i) addPerson("P" + std::to_string(i));
+    for (int i = 0; i < 5200; ++i)
+        addPerson("P" + std::to_string(i));
     contacts_->commitBatch();
     ContactsSyncHandler handler(&host_);
     ASSERT_EQ(handler.syncData(98), 0);

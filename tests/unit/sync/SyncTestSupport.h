@@ -32,7 +32,7 @@ namespace pelio::test {
 
 // Records what a domain handler reports to the sync manager.
 class RecordingHost : public SyncHandlerHost {
-public:
+  public:
     std::mutex* getDomainLock(int item) override {
         return item == 1 || item == 2 || item == 3 || item == 11 ? &domainLock : nullptr;
     }
@@ -58,7 +58,7 @@ public:
 
     std::mutex domainLock;
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable cv_;
     std::vector<std::pair<std::string, std::string>> statuses;
@@ -70,7 +70,8 @@ private:
 inline bool eventually(const std::function<bool()>& cond) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (std::chrono::steady_clock::now() < limit) {
-        if (cond()) return true;
+        if (cond())
+            return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return cond();
@@ -84,7 +85,7 @@ struct ShadowRow {
 };
 
 class SyncStoreTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         auto prefs = std::make_unique<FakePreferences>();
         prefs_ = prefs.get();
@@ -122,7 +123,8 @@ protected:
     std::vector<ShadowRow> rows() {
         std::vector<ShadowRow> out;
         sqlite3* db = nullptr;
-        if (sqlite3_open(DbManager::databasePath().c_str(), &db) != SQLITE_OK) return out;
+        if (sqlite3_open(DbManager::databasePath().c_str(), &db) != SQLITE_OK)
+            return out;
         sqlite3_stmt* stmt = nullptr;
         sqlite3_prepare_v2(db,
                            "SELECT _id, dirty, version, ifnull(rev_id,'') FROM contacts "
@@ -141,7 +143,8 @@ protected:
     // id -> dirty values of its rows, in row order.
     std::map<std::string, std::vector<int>> dirtyById() {
         std::map<std::string, std::vector<int>> out;
-        for (const auto& r : rows()) out[r.id].push_back(r.dirty);
+        for (const auto& r : rows())
+            out[r.id].push_back(r.dirty);
         return out;
     }
 
