@@ -135,6 +135,9 @@ void ContactsJsonComposer::_setLocaleForJsonFields() {
     }
     if (changed) {
         std::setlocale(LC_ALL, locale.c_str());
+        // A locale that is not installed leaves a plain "C" LC_MESSAGES, under which gettext
+        // ignores LANGUAGE; binding again moves it to C.UTF-8 so the catalogues still apply.
+        pp::bindServiceTextDomain();
         pp::refreshServiceTranslations();
     }
 }

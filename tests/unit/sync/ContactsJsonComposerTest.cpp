@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 
+#include <pelio/platform/I18n.h>
 #include "SyncHandlers/BaseSyncHandler.h"
 #include "composer/ContactsJsonComposer.h"
 #include "composer/JSONComposer.h"
@@ -69,13 +70,14 @@ class ContactsJsonComposerTest : public SyncStoreTest {
     void SetUp() override {
         savedLanguage_ = env("LANGUAGE");
         savedMessages_ = env("LC_MESSAGES");
+        savedLocale_ = std::setlocale(LC_ALL, nullptr);
         SyncStoreTest::SetUp();
     }
     void TearDown() override {
         SyncStoreTest::TearDown();
         restore("LANGUAGE", savedLanguage_);
         restore("LC_MESSAGES", savedMessages_);
-        std::setlocale(LC_ALL, "C");
+        std::setlocale(LC_ALL, savedLocale_.c_str());
     }
     std::unique_ptr<FakeContactsService> makeContactsService() override {
         auto fake = std::make_unique<CountingContacts>();
@@ -109,6 +111,7 @@ class ContactsJsonComposerTest : public SyncStoreTest {
 
     CountingContacts* counting_ = nullptr;
     std::optional<std::string> savedLanguage_, savedMessages_;
+    std::string savedLocale_;
 };
 
 }  // namespace
@@ -371,4 +374,23 @@ TEST(JSONComposerTest, DeletionDocumentAndSerialisation) {
     // The caller's reference survives serialisation.
     EXPECT_TRUE(json_object_has_member(doc.get(), "_id"));
     EXPECT_EQ(JSONComposer::getTimestampString().size(), 19u);
+}
+
+TEST_F(ContactsJsonComposerTest, LabelsComeOutInTheDeviceLanguage) {
+    const std::string catalogue = pp::serviceLocaleDir() + "/ko_KR/LC_MESSAGES/pelio-service.mo";
+    if (!g_file_test(catalogue.c_str(), G_FILE_TEST_EXISTS)) {
+        GTEST_SKIP() << "message catalogues not built: " << catalogue;
+    }
+    const int id = contacts_->addContact(FakeContactsService::person("Kim", "Minsu", "Kim")
+                                             .withNumber("010", pp::CONTACTS_NUMBER_TYPE_CELL));
+    insertRows(id, 1, 1);
+    prefs_->setString("locale", "ko-KR");
+    auto data = compose();
+    Bodies bodies = parse(*data);
+    JsonObject* meta = json_object_get_object_member(bodies.doc(0, 0), "meta_data");
+    JsonObject* number =
+        json_array_get_object_element(json_object_get_array_member(meta, "phone"), 0);
+    const std::string label = json_object_get_string_member(number, "phonetype");
+    EXPECT_FALSE(label.empty());
+    EXPECT_NE(label, "contact_mobile");  // translated, not the message id
 }
