@@ -6,6 +6,7 @@
 #include <httplib.h>
 #include <zlib.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -125,7 +126,8 @@ class RunningServer {
         port = server.bind_to_any_port("127.0.0.1");
         ASSERT_GT(port, 0);
         thread = std::thread([this] { server.listen_after_bind(); });
-        server.wait_until_ready();
+        while (!server.is_running())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     void stop() {
         server.stop();
