@@ -123,6 +123,8 @@ class RunningServer {
     ~RunningServer() { stop(); }
 
     void start() {
+        // One request per connection: stopping never waits for an idle keep-alive client.
+        server.set_keep_alive_max_count(1);
         port = server.bind_to_any_port("127.0.0.1");
         ASSERT_GT(port, 0);
         thread = std::thread([this] { server.listen_after_bind(); });
