@@ -56,7 +56,12 @@ void PathConfig::MakeAppSubDir() {
         LOGE("mkdir for databases failed (%s)", "no shared trusted directory");
         return;
     }
-    if (mkdir(dir.c_str(), 0744) != 0 && errno != EEXIST) {
-        LOGE("mkdir for databases failed (%s)", strerror(errno));
+    if (mkdir(dir.c_str(), 0744) == 0) return;
+    int error = errno;
+    struct stat st;
+    if (error == EEXIST) {
+        if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return;  // already there
+        error = ENOTDIR;
     }
+    LOGE("mkdir for databases failed (%s)", strerror(error));
 }
