@@ -5,20 +5,24 @@ namespace pelio::platform {
 std::string applicationObjectPath(const std::string& appId) {
     std::string path = "/" + appId;
     for (char& c : path) {
-        if (c == '.') c = '/';
-        if (c == '-') c = '_';
+        if (c == '.')
+            c = '/';
+        if (c == '-')
+            c = '_';
     }
     return path;
 }
 
 int AppControl::setAppId(const std::string& appId) {
-    if (appId.empty()) return APP_CONTROL_ERROR_INVALID_PARAMETER;
+    if (appId.empty())
+        return APP_CONTROL_ERROR_INVALID_PARAMETER;
     appId_ = appId;
     return APP_CONTROL_ERROR_NONE;
 }
 
 int AppControl::addExtraData(const std::string& key, const std::string& value) {
-    if (key.empty()) return APP_CONTROL_ERROR_INVALID_PARAMETER;
+    if (key.empty())
+        return APP_CONTROL_ERROR_INVALID_PARAMETER;
     for (auto& [k, v] : extras_) {
         if (k == key) {
             v = value;
@@ -30,7 +34,8 @@ int AppControl::addExtraData(const std::string& key, const std::string& value) {
 }
 
 int AppControl::getExtraData(const std::string& key, std::string& value) const {
-    if (key.empty()) return APP_CONTROL_ERROR_INVALID_PARAMETER;
+    if (key.empty())
+        return APP_CONTROL_ERROR_INVALID_PARAMETER;
     for (const auto& [k, v] : extras_) {
         if (k == key) {
             value = v;
@@ -43,7 +48,8 @@ int AppControl::getExtraData(const std::string& key, std::string& value) const {
 AppControl AppControl::incoming(Extras extras) {
     AppControl request;
     for (auto& [k, v] : extras) {
-        if (!k.empty()) request.addExtraData(k, v);
+        if (!k.empty())
+            request.addExtraData(k, v);
     }
     request.replySlot_ = std::make_shared<LaunchReply>();
     return request;

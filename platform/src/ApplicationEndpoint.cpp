@@ -17,7 +17,8 @@ struct ApplicationEndpoint::Impl {
 
     ~Impl() {
         onName = nullptr;
-        if (namePending) eldbus_pending_cancel(namePending);
+        if (namePending)
+            eldbus_pending_cancel(namePending);
     }
 
     static const Eldbus_Service_Interface_Desc* desc() {
@@ -28,8 +29,8 @@ struct ApplicationEndpoint::Impl {
                                                 {nullptr, nullptr, nullptr, nullptr, 0}};
         static const Eldbus_Property properties[] = {{"State", "i", &Impl::getState, nullptr, 0},
                                                      {nullptr, nullptr, nullptr, nullptr, 0}};
-        static const Eldbus_Service_Interface_Desc d = {kApplicationInterface, methods, nullptr,
-                                                        properties, nullptr, nullptr};
+        static const Eldbus_Service_Interface_Desc d = {
+            kApplicationInterface, methods, nullptr, properties, nullptr, nullptr};
         return &d;
     }
 
@@ -37,7 +38,8 @@ struct ApplicationEndpoint::Impl {
         return static_cast<Impl*>(eldbus_service_object_data_get(iface, "pelio.endpoint"));
     }
 
-    static Eldbus_Message* launch(const Eldbus_Service_Interface* iface, const Eldbus_Message* msg) {
+    static Eldbus_Message* launch(const Eldbus_Service_Interface* iface,
+                                  const Eldbus_Message* msg) {
         Impl* self = from(iface);
         Eldbus_Message_Iter* array = nullptr;
         if (!self || !eldbus_message_arguments_get(msg, "a{ss}", &array)) {
@@ -46,11 +48,13 @@ struct ApplicationEndpoint::Impl {
         }
         AppControl request = AppControl::incoming(readExtras(array));
         request.setAppId(self->appId);
-        if (self->onLaunch) self->onLaunch(request);
+        if (self->onLaunch)
+            self->onLaunch(request);
 
         const LaunchReply* reply = request.reply();
         Eldbus_Message* answer = eldbus_message_method_return_new(msg);
-        if (!answer) return nullptr;
+        if (!answer)
+            return nullptr;
         Eldbus_Message_Iter* main = eldbus_message_iter_get(answer);
         const bool replied = reply && reply->replied;
         eldbus_message_iter_basic_append(main, 'b', replied ? EINA_TRUE : EINA_FALSE);
@@ -84,10 +88,10 @@ struct ApplicationEndpoint::Impl {
             owned = reply == ELDBUS_NAME_REQUEST_REPLY_PRIMARY_OWNER ||
                     reply == ELDBUS_NAME_REQUEST_REPLY_ALREADY_OWNER;
         }
-        if (self->onName) self->onName(owned);
+        if (self->onName)
+            self->onName(owned);
     }
 };
-
 
 ApplicationEndpoint::ApplicationEndpoint(std::string appId, int state, LaunchHandler onLaunch)
     : impl_(std::make_unique<Impl>()) {
@@ -100,22 +104,28 @@ ApplicationEndpoint::~ApplicationEndpoint() = default;
 
 bool ApplicationEndpoint::start(NameHandler onName) {
     Eldbus_Connection* bus = sessionBus();
-    if (!bus) return false;
+    if (!bus)
+        return false;
     impl_->onName = std::move(onName);
-    impl_->iface.reset(
-        eldbus_service_interface_register(bus, applicationObjectPath(impl_->appId).c_str(), Impl::desc()));
-    if (!impl_->iface) return false;
+    impl_->iface.reset(eldbus_service_interface_register(
+        bus, applicationObjectPath(impl_->appId).c_str(), Impl::desc()));
+    if (!impl_->iface)
+        return false;
     eldbus_service_object_data_set(impl_->iface.get(), "pelio.endpoint", impl_.get());
-    impl_->namePending = eldbus_name_request(bus, impl_->appId.c_str(), ELDBUS_NAME_REQUEST_FLAG_DO_NOT_QUEUE,
-                        &Impl::nameReply, impl_.get());
+    impl_->namePending =
+        eldbus_name_request(bus, impl_->appId.c_str(), ELDBUS_NAME_REQUEST_FLAG_DO_NOT_QUEUE,
+                            &Impl::nameReply, impl_.get());
     return true;
 }
 
 void ApplicationEndpoint::setState(int state) {
     impl_->state = state;
-    if (impl_->iface) eldbus_service_property_changed(impl_->iface.get(), "State");
+    if (impl_->iface)
+        eldbus_service_property_changed(impl_->iface.get(), "State");
 }
 
-int ApplicationEndpoint::state() const { return impl_->state; }
+int ApplicationEndpoint::state() const {
+    return impl_->state;
+}
 
 }  // namespace pelio::platform

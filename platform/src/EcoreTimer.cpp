@@ -8,10 +8,11 @@ namespace pelio::platform {
 namespace {
 
 class EcoreTimer : public Timer {
-public:
+  public:
     explicit EcoreTimer(std::function<TimerAction()> tick) : tick_(std::move(tick)) {}
     ~EcoreTimer() override {
-        if (handle_) ecore_timer_del(handle_);
+        if (handle_)
+            ecore_timer_del(handle_);
     }
     bool start(double seconds) {
         handle_ = ecore_timer_add(seconds, &EcoreTimer::onTick, this);
@@ -19,10 +20,11 @@ public:
     }
     bool active() const override { return handle_ != nullptr; }
 
-private:
+  private:
     static Eina_Bool onTick(void* data) {
         auto* self = static_cast<EcoreTimer*>(data);
-        if (self->tick_() == TimerAction::Renew) return ECORE_CALLBACK_RENEW;
+        if (self->tick_() == TimerAction::Renew)
+            return ECORE_CALLBACK_RENEW;
         self->handle_ = nullptr;  // Ecore frees a cancelled timer itself
         return ECORE_CALLBACK_CANCEL;
     }
@@ -31,11 +33,12 @@ private:
 };
 
 class EcoreTimerFactory : public TimerFactory {
-public:
+  public:
     std::unique_ptr<Timer> addRepeating(double seconds,
                                         std::function<TimerAction()> tick) override {
         auto timer = std::make_unique<EcoreTimer>(std::move(tick));
-        if (!timer->start(seconds)) return nullptr;
+        if (!timer->start(seconds))
+            return nullptr;
         return timer;
     }
 };
@@ -47,7 +50,11 @@ Slot<TimerFactory>& slot() {
 
 }  // namespace
 
-TimerFactory& timers() { return slot().get(); }
-void installTimers(std::unique_ptr<TimerFactory> impl) { slot().install(std::move(impl)); }
+TimerFactory& timers() {
+    return slot().get();
+}
+void installTimers(std::unique_ptr<TimerFactory> impl) {
+    slot().install(std::move(impl));
+}
 
 }  // namespace pelio::platform

@@ -10,15 +10,19 @@ ConnectionPtr& sessionSlot() {
 
 Eldbus_Connection* sessionBus() {
     auto& slot = sessionSlot();
-    if (!slot) slot.reset(eldbus_connection_get(ELDBUS_CONNECTION_TYPE_SESSION));
+    if (!slot)
+        slot.reset(eldbus_connection_get(ELDBUS_CONNECTION_TYPE_SESSION));
     return slot.get();
 }
 
-void releaseSessionBus() { sessionSlot().reset(); }
+void releaseSessionBus() {
+    sessionSlot().reset();
+}
 
 bool appendExtras(Eldbus_Message_Iter* iter, const Extras& extras) {
     Eldbus_Message_Iter* array = nullptr;
-    if (!eldbus_message_iter_arguments_append(iter, "a{ss}", &array) || !array) return false;
+    if (!eldbus_message_iter_arguments_append(iter, "a{ss}", &array) || !array)
+        return false;
     bool ok = true;
     for (const auto& [key, value] : extras) {
         Eldbus_Message_Iter* entry = nullptr;
@@ -28,7 +32,8 @@ bool appendExtras(Eldbus_Message_Iter* iter, const Extras& extras) {
         }
         ok = eldbus_message_iter_arguments_append(entry, "ss", key.c_str(), value.c_str());
         eldbus_message_iter_container_close(array, entry);
-        if (!ok) break;
+        if (!ok)
+            break;
     }
     eldbus_message_iter_container_close(iter, array);
     return ok;

@@ -15,7 +15,8 @@ struct PendingLaunch {
 
 void onLaunchReply(void* data, const Eldbus_Message* msg, Eldbus_Pending*) {
     std::unique_ptr<PendingLaunch> pending(static_cast<PendingLaunch*>(data));
-    if (!pending->onReply) return;
+    if (!pending->onReply)
+        return;
     LaunchOutcome outcome;
     const char* errName = nullptr;
     const char* errText = nullptr;
@@ -37,14 +38,17 @@ void onLaunchReply(void* data, const Eldbus_Message* msg, Eldbus_Pending*) {
 
 void sendNow(const AppControl& request, LaunchReplyCallback onReply) {
     auto fail = [&](const char* why) {
-        if (onReply) onReply(LaunchOutcome{false, why, {}});
+        if (onReply)
+            onReply(LaunchOutcome{false, why, {}});
     };
     Eldbus_Connection* bus = sessionBus();
-    if (!bus) return fail("no session bus");
-    MessagePtr msg(eldbus_message_method_call_new(
-        request.appId().c_str(), applicationObjectPath(request.appId()).c_str(),
-        kApplicationInterface, "Launch"));
-    if (!msg) return fail("invalid application id");
+    if (!bus)
+        return fail("no session bus");
+    MessagePtr msg(eldbus_message_method_call_new(request.appId().c_str(),
+                                                  applicationObjectPath(request.appId()).c_str(),
+                                                  kApplicationInterface, "Launch"));
+    if (!msg)
+        return fail("invalid application id");
     if (!appendExtras(eldbus_message_iter_get(msg.get()), request.extras())) {
         return fail("extras are not valid D-Bus strings (UTF-8 without NUL)");
     }
@@ -58,11 +62,13 @@ void sendNow(const AppControl& request, LaunchReplyCallback onReply) {
 }
 
 class LinuxAppControlService : public AppControlService {
-public:
+  public:
     int sendLaunchRequest(const AppControl& request, LaunchReplyCallback onReply) override {
-        if (request.appId().empty()) return APP_CONTROL_ERROR_INVALID_PARAMETER;
-        const bool queued = runOnMainLoop(
-            [request, onReply = std::move(onReply)]() mutable { sendNow(request, std::move(onReply)); });
+        if (request.appId().empty())
+            return APP_CONTROL_ERROR_INVALID_PARAMETER;
+        const bool queued = runOnMainLoop([request, onReply = std::move(onReply)]() mutable {
+            sendNow(request, std::move(onReply));
+        });
         return queued ? APP_CONTROL_ERROR_NONE : APP_CONTROL_ERROR_LAUNCH_FAILED;
     }
 };
@@ -74,7 +80,9 @@ Slot<AppControlService>& slot() {
 
 }  // namespace
 
-AppControlService& appControlService() { return slot().get(); }
+AppControlService& appControlService() {
+    return slot().get();
+}
 void installAppControlService(std::unique_ptr<AppControlService> impl) {
     slot().install(std::move(impl));
 }

@@ -26,7 +26,8 @@ constexpr int kTimeoutMs = 5000;
 
 BusPtr sessionBus() {
     GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
-    if (bus) g_dbus_connection_set_exit_on_close(bus, FALSE);
+    if (bus)
+        g_dbus_connection_set_exit_on_close(bus, FALSE);
     return BusPtr(bus);
 }
 
@@ -34,26 +35,28 @@ VariantPtr call(const char* dest, const char* path, const char* iface, const cha
                 GVariant* args, const char* replyType) {
     BusPtr bus = sessionBus();
     if (!bus) {
-        if (args) g_variant_unref(g_variant_ref_sink(args));
+        if (args)
+            g_variant_unref(g_variant_ref_sink(args));
         return nullptr;
     }
     GError* raw = nullptr;
-    VariantPtr reply(g_dbus_connection_call_sync(bus.get(), dest, path, iface, method, args,
-                                                 G_VARIANT_TYPE(replyType),
-                                                 G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMs,
-                                                 nullptr, &raw));
+    VariantPtr reply(g_dbus_connection_call_sync(
+        bus.get(), dest, path, iface, method, args, G_VARIANT_TYPE(replyType),
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMs, nullptr, &raw));
     ErrorPtr error(raw);
     return reply;
 }
 
 class LinuxAppManager : public AppManager {
-public:
+  public:
     int isRunning(const std::string& appId, bool& running) override {
-        if (appId.empty() || !g_dbus_is_name(appId.c_str())) return APP_MANAGER_ERROR_INVALID_PARAMETER;
-        VariantPtr reply = call("org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                "org.freedesktop.DBus", "NameHasOwner",
-                                g_variant_new("(s)", appId.c_str()), "(b)");
-        if (!reply) return APP_MANAGER_ERROR_IO_ERROR;
+        if (appId.empty() || !g_dbus_is_name(appId.c_str()))
+            return APP_MANAGER_ERROR_INVALID_PARAMETER;
+        VariantPtr reply =
+            call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                 "NameHasOwner", g_variant_new("(s)", appId.c_str()), "(b)");
+        if (!reply)
+            return APP_MANAGER_ERROR_IO_ERROR;
         gboolean has = FALSE;
         g_variant_get(reply.get(), "(b)", &has);
         running = has;
@@ -63,18 +66,22 @@ public:
     int getAppContext(const std::string& appId, std::unique_ptr<AppContext>& context) override {
         bool running = false;
         const int rc = isRunning(appId, running);
-        if (rc != APP_MANAGER_ERROR_NONE) return rc;
-        if (!running) return APP_MANAGER_ERROR_NO_SUCH_APP;
+        if (rc != APP_MANAGER_ERROR_NONE)
+            return rc;
+        if (!running)
+            return APP_MANAGER_ERROR_NO_SUCH_APP;
         context = std::make_unique<AppContext>(AppContext{appId});
         return APP_MANAGER_ERROR_NONE;
     }
 
     int getAppState(const AppContext& context, int& state) override {
-        if (context.appId.empty()) return APP_MANAGER_ERROR_INVALID_PARAMETER;
+        if (context.appId.empty())
+            return APP_MANAGER_ERROR_INVALID_PARAMETER;
         VariantPtr reply = call(context.appId.c_str(), applicationObjectPath(context.appId).c_str(),
                                 "org.freedesktop.DBus.Properties", "Get",
                                 g_variant_new("(ss)", kApplicationInterface, "State"), "(v)");
-        if (!reply) return APP_MANAGER_ERROR_IO_ERROR;
+        if (!reply)
+            return APP_MANAGER_ERROR_IO_ERROR;
         GVariant* raw = nullptr;
         g_variant_get(reply.get(), "(v)", &raw);
         VariantPtr value(raw);
@@ -93,7 +100,11 @@ Slot<AppManager>& slot() {
 
 }  // namespace
 
-AppManager& appManager() { return slot().get(); }
-void installAppManager(std::unique_ptr<AppManager> impl) { slot().install(std::move(impl)); }
+AppManager& appManager() {
+    return slot().get();
+}
+void installAppManager(std::unique_ptr<AppManager> impl) {
+    slot().install(std::move(impl));
+}
 
 }  // namespace pelio::platform

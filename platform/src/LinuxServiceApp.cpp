@@ -31,7 +31,8 @@ constexpr int kUPowerWarningLow = 3;  // low, critical and action all count
 struct FdCloser {
     int fd = -1;
     ~FdCloser() {
-        if (fd >= 0) close(fd);
+        if (fd >= 0)
+            close(fd);
     }
 };
 
@@ -41,19 +42,21 @@ bool systemBusReachable() {
     if (address) {
         const std::string a = address;
         const std::string prefix = "unix:path=";
-        if (a.rfind(prefix, 0) != 0) return true;  // some other transport: let the library try
+        if (a.rfind(prefix, 0) != 0)
+            return true;  // some other transport: let the library try
         path = a.substr(prefix.size(), a.find(',') - prefix.size());
     }
     return access(path.c_str(), W_OK) == 0;
 }
 
 class LinuxServiceApp : public ServiceApp {
-public:
+  public:
     int main(int argc, char** argv, const ServiceAppLifecycleCallbacks& callbacks,
              void* userData) override {
         (void)argc;
         (void)argv;
-        if (running_) return APP_ERROR_ALREADY_RUNNING;
+        if (running_)
+            return APP_ERROR_ALREADY_RUNNING;
         running_ = true;
         MainLoopScope loop;
         callbacks_ = callbacks;
@@ -63,12 +66,14 @@ public:
             if (startBus()) {
                 watchMemoryPressure();
                 watchBattery();
-                if (!exitRequested_) runMainLoop();
+                if (!exitRequested_)
+                    runMainLoop();
             } else {
                 dlog_print(DLOG_ERROR, kTag, "no session bus: the application cannot serve");
                 rc = APP_ERROR_INVALID_CONTEXT;
             }
-            if (callbacks.terminate) callbacks.terminate(userData);
+            if (callbacks.terminate)
+                callbacks.terminate(userData);
         }
         stopSources();
         running_ = false;
@@ -91,10 +96,11 @@ public:
 
     void exit() override {
         exitRequested_ = true;
-        if (running_) quitMainLoop();
+        if (running_)
+            quitMainLoop();
     }
 
-private:
+  private:
     struct Handler {
         AppEventType type;
         AppEventCallback cb;
@@ -104,21 +110,24 @@ private:
     void raise(AppEventType type) {
         std::vector<Handler> matching;
         for (const auto& [id, h] : handlers_)
-            if (h.type == type) matching.push_back(h);
-        for (const auto& h : matching) h.cb(nullptr, h.userData);
+            if (h.type == type)
+                matching.push_back(h);
+        for (const auto& h : matching)
+            h.cb(nullptr, h.userData);
     }
 
     bool startBus() {
         Eldbus_Connection* bus = sessionBus();
-        if (!bus) return false;
+        if (!bus)
+            return false;
         endpoint_ = std::make_unique<ApplicationEndpoint>(
             kServiceAppId, 2, [this](const AppControl& request) {
-                if (callbacks_.appControl) callbacks_.appControl(request, userData_);
+                if (callbacks_.appControl)
+                    callbacks_.appControl(request, userData_);
             });
         if (!endpoint_->start([this](bool owned) {
                 if (!owned) {
-                    dlog_print(DLOG_ERROR, kTag, "bus name %s is not ours: ending",
-                               kServiceAppId);
+                    dlog_print(DLOG_ERROR, kTag, "bus name %s is not ours: ending", kServiceAppId);
                     exit();
                 }
             })) {
@@ -142,7 +151,8 @@ private:
 
     void watchMemoryPressure() {
         const int fd = open("/proc/pressure/memory", O_RDWR | O_NONBLOCK | O_CLOEXEC);
-        if (fd < 0) return;  // kernel without pressure stall information
+        if (fd < 0)
+            return;  // kernel without pressure stall information
         pressureFd_.fd = fd;
         if (write(fd, kPressureTrigger, std::strlen(kPressureTrigger) + 1) < 0) {
             dlog_print(DLOG_DEBUG, kTag, "memory pressure trigger not available: %s",
@@ -161,9 +171,11 @@ private:
     }
 
     void watchBattery() {
-        if (!systemBusReachable()) return;
+        if (!systemBusReachable())
+            return;
         systemBus_.reset(eldbus_connection_get(ELDBUS_CONNECTION_TYPE_SYSTEM));
-        if (!systemBus_) return;
+        if (!systemBus_)
+            return;
         eldbus_name_owner_has(
             systemBus_.get(), "org.freedesktop.UPower",
             [](void* data, const Eldbus_Message* msg, Eldbus_Pending*) {
@@ -186,12 +198,14 @@ private:
         const char* iface = nullptr;
         Eldbus_Message_Iter* changed = nullptr;
         Eldbus_Message_Iter* invalidated = nullptr;
-        if (!eldbus_message_arguments_get(msg, "sa{sv}as", &iface, &changed, &invalidated)) return;
+        if (!eldbus_message_arguments_get(msg, "sa{sv}as", &iface, &changed, &invalidated))
+            return;
         Eldbus_Message_Iter* entry = nullptr;
         while (eldbus_message_iter_get_and_next(changed, 'e', &entry)) {
             const char* name = nullptr;
             Eldbus_Message_Iter* variant = nullptr;
-            if (!eldbus_message_iter_arguments_get(entry, "sv", &name, &variant) || !name) continue;
+            if (!eldbus_message_iter_arguments_get(entry, "sv", &name, &variant) || !name)
+                continue;
             unsigned int level = 0;
             if (std::strcmp(name, "WarningLevel") == 0 &&
                 eldbus_message_iter_arguments_get(variant, "u", &level) &&
@@ -234,7 +248,11 @@ Slot<ServiceApp>& slot() {
 
 }  // namespace
 
-ServiceApp& serviceApp() { return slot().get(); }
-void installServiceApp(std::unique_ptr<ServiceApp> impl) { slot().install(std::move(impl)); }
+ServiceApp& serviceApp() {
+    return slot().get();
+}
+void installServiceApp(std::unique_ptr<ServiceApp> impl) {
+    slot().install(std::move(impl));
+}
 
 }  // namespace pelio::platform

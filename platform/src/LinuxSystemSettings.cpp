@@ -41,13 +41,14 @@ struct KeyFileFree {
 using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
 
 class LinuxSystemSettings : public SystemSettings {
-public:
+  public:
     ~LinuxSystemSettings() override { stopWatch(); }
 
     int getInt(const std::string& key, int& value) override {
         std::string text;
         const int rc = getString(key, text);
-        if (rc != SETTINGS_ERROR_NONE) return rc;
+        if (rc != SETTINGS_ERROR_NONE)
+            return rc;
         char* end = nullptr;
         errno = 0;
         const long v = std::strtol(text.c_str(), &end, 10);
@@ -61,7 +62,8 @@ public:
     int getBool(const std::string& key, bool& value) override {
         std::string text;
         const int rc = getString(key, text);
-        if (rc != SETTINGS_ERROR_NONE) return rc;
+        if (rc != SETTINGS_ERROR_NONE)
+            return rc;
         if (text == "true" || text == "1") {
             value = true;
         } else if (text == "false" || text == "0") {
@@ -73,11 +75,13 @@ public:
     }
 
     int getString(const std::string& key, std::string& value) override {
-        if (key.empty()) return SETTINGS_ERROR_INVALID_PARAMETER;
+        if (key.empty())
+            return SETTINGS_ERROR_INVALID_PARAMETER;
         std::lock_guard<std::mutex> guard(mutex_);
         auto values = load();
         auto it = values.find(key);
-        if (it == values.end()) return SETTINGS_ERROR_NO_KEY;
+        if (it == values.end())
+            return SETTINGS_ERROR_NO_KEY;
         value = it->second;
         return SETTINGS_ERROR_NONE;
     }
@@ -102,13 +106,16 @@ public:
 
     int addChangedCallback(const std::string& key, SettingChangedCallback cb,
                            void* userData) override {
-        if (key.empty() || !cb) return SETTINGS_ERROR_INVALID_PARAMETER;
-        if (!watchHandler_ && !startWatch()) return SETTINGS_ERROR_IO_ERROR;
+        if (key.empty() || !cb)
+            return SETTINGS_ERROR_INVALID_PARAMETER;
+        if (!watchHandler_ && !startWatch())
+            return SETTINGS_ERROR_IO_ERROR;
         std::optional<std::string> current;
         {
             std::lock_guard<std::mutex> guard(mutex_);
             auto values = load();
-            if (auto it = values.find(key); it != values.end()) current = it->second;
+            if (auto it = values.find(key); it != values.end())
+                current = it->second;
         }
         watchers_.push_back({key, cb, userData, current});
         return SETTINGS_ERROR_NONE;
@@ -117,11 +124,12 @@ public:
     int removeChangedCallback(const std::string& key, SettingChangedCallback cb) override {
         const auto before = watchers_.size();
         std::erase_if(watchers_, [&](const Watcher& w) { return w.key == key && w.cb == cb; });
-        if (watchers_.empty()) stopWatch();
+        if (watchers_.empty())
+            stopWatch();
         return watchers_.size() < before ? SETTINGS_ERROR_NONE : SETTINGS_ERROR_INVALID_PARAMETER;
     }
 
-private:
+  private:
     struct Watcher {
         std::string key;
         SettingChangedCallback cb;
@@ -141,7 +149,8 @@ private:
         gchar** keys = g_key_file_get_keys(kf.get(), kGroup, &n, nullptr);
         for (gsize i = 0; keys && i < n; ++i) {
             gchar* v = g_key_file_get_value(kf.get(), kGroup, keys[i], nullptr);
-            if (v) values[keys[i]] = v;
+            if (v)
+                values[keys[i]] = v;
             g_free(v);
         }
         g_strfreev(keys);
@@ -154,7 +163,8 @@ private:
         const std::string dir = configDir();
         std::filesystem::create_directories(dir, ec);
         KeyFilePtr kf(g_key_file_new());
-        for (const auto& [k, v] : values) g_key_file_set_value(kf.get(), kGroup, k.c_str(), v.c_str());
+        for (const auto& [k, v] : values)
+            g_key_file_set_value(kf.get(), kGroup, k.c_str(), v.c_str());
         gsize length = 0;
         gchar* data = g_key_file_to_data(kf.get(), &length, nullptr);
         const std::string path = dir + "/" + kFileName;
@@ -179,15 +189,15 @@ private:
         std::error_code ec;
         std::filesystem::create_directories(configDir(), ec);
         inotifyFd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (inotifyFd_ < 0) return false;
+        if (inotifyFd_ < 0)
+            return false;
         if (inotify_add_watch(inotifyFd_, configDir().c_str(),
                               IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_CREATE) < 0) {
             stopWatch();
             return false;
         }
-        watchHandler_ = ecore_main_fd_handler_add(inotifyFd_, ECORE_FD_READ,
-                                                  &LinuxSystemSettings::onInotify, this, nullptr,
-                                                  nullptr);
+        watchHandler_ = ecore_main_fd_handler_add(
+            inotifyFd_, ECORE_FD_READ, &LinuxSystemSettings::onInotify, this, nullptr, nullptr);
         if (!watchHandler_) {
             stopWatch();
             return false;
@@ -196,9 +206,11 @@ private:
     }
 
     void stopWatch() {
-        if (watchHandler_) ecore_main_fd_handler_del(watchHandler_);
+        if (watchHandler_)
+            ecore_main_fd_handler_del(watchHandler_);
         watchHandler_ = nullptr;
-        if (inotifyFd_ >= 0) close(inotifyFd_);
+        if (inotifyFd_ >= 0)
+            close(inotifyFd_);
         inotifyFd_ = -1;
     }
 
@@ -220,13 +232,15 @@ private:
         std::vector<std::pair<std::string, std::pair<SettingChangedCallback, void*>>> due;
         for (auto& w : watchers_) {
             std::optional<std::string> now;
-            if (auto it = values.find(w.key); it != values.end()) now = it->second;
+            if (auto it = values.find(w.key); it != values.end())
+                now = it->second;
             if (now != w.last) {
                 w.last = now;
                 due.push_back({w.key, {w.cb, w.userData}});
             }
         }
-        for (const auto& [key, cb] : due) cb.first(key.c_str(), cb.second);
+        for (const auto& [key, cb] : due)
+            cb.first(key.c_str(), cb.second);
     }
 
     std::mutex mutex_;
@@ -242,7 +256,11 @@ Slot<SystemSettings>& slot() {
 
 }  // namespace
 
-SystemSettings& systemSettings() { return slot().get(); }
-void installSystemSettings(std::unique_ptr<SystemSettings> impl) { slot().install(std::move(impl)); }
+SystemSettings& systemSettings() {
+    return slot().get();
+}
+void installSystemSettings(std::unique_ptr<SystemSettings> impl) {
+    slot().install(std::move(impl));
+}
 
 }  // namespace pelio::platform

@@ -88,16 +88,19 @@ char logPriorityLetter(int priority) {
 
 int dlog_vprint(int priority, const char* tag, const char* fmt, va_list ap) {
     using namespace pelio::platform;
-    if (tag == nullptr || fmt == nullptr) return -1;
+    if (tag == nullptr || fmt == nullptr)
+        return -1;
 
     va_list copy;
     va_copy(copy, ap);
     const int needed = std::vsnprintf(nullptr, 0, fmt, copy);
     va_end(copy);
-    if (needed < 0) return -1;
+    if (needed < 0)
+        return -1;
     std::string message(static_cast<size_t>(needed), '\0');
     std::vsnprintf(message.data(), message.size() + 1, fmt, ap);
-    while (!message.empty() && message.back() == '\n') message.pop_back();
+    while (!message.empty() && message.back() == '\n')
+        message.pop_back();
 
     LogState& s = state();
     std::lock_guard<std::mutex> guard(s.mutex);
@@ -111,7 +114,8 @@ int dlog_vprint(int priority, const char* tag, const char* fmt, va_list ap) {
                         "SYSLOG_IDENTIFIER=%s", tag, nullptr);
     }
 #endif
-    for (LogSink* sink : s.sinks) sink->write(priority, tag, message);
+    for (LogSink* sink : s.sinks)
+        sink->write(priority, tag, message);
     return needed;
 }
 

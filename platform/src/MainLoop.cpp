@@ -40,14 +40,21 @@ MainLoopScope::~MainLoopScope() {
     }
 }
 
-void runMainLoop() { ecore_main_loop_begin(); }
+void runMainLoop() {
+    ecore_main_loop_begin();
+}
 
-void quitMainLoop() { ecore_main_loop_quit(); }
+void quitMainLoop() {
+    ecore_main_loop_quit();
+}
 
-bool onMainLoopThread() { return g_depth.load() > 0 && eina_main_loop_is(); }
+bool onMainLoopThread() {
+    return g_depth.load() > 0 && eina_main_loop_is();
+}
 
 bool runOnMainLoop(std::function<void()> fn) {
-    if (g_depth.load() == 0) return false;
+    if (g_depth.load() == 0)
+        return false;
     if (eina_main_loop_is()) {
         fn();
         return true;

@@ -37,8 +37,8 @@ TEST(Log, StderrLineFormatAndBadArguments) {
     const ssize_t n = read(fds[0], buf, sizeof(buf) - 1);
     close(fds[0]);
     ASSERT_GT(n, 0);
-    EXPECT_EQ(std::string(buf), "I/PelioService(" + std::to_string(getpid()) +
-                                    "): x: f(1) > hello there\n");
+    EXPECT_EQ(std::string(buf),
+              "I/PelioService(" + std::to_string(getpid()) + "): x: f(1) > hello there\n");
     EXPECT_EQ(dlog_print(pelio::platform::DLOG_INFO, nullptr, "x"), -1);
 }
 
@@ -47,8 +47,10 @@ TEST(Log, ThreadedWritersNeverLoseLines) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([] {
-            for (int i = 0; i < 200; ++i) LOGD("tick");
+            for (int i = 0; i < 200; ++i)
+                LOGD("tick");
         });
-    for (auto& th : threads) th.join();
+    for (auto& th : threads)
+        th.join();
     EXPECT_EQ(capture.count("tick"), 800);
 }

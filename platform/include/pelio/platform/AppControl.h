@@ -51,7 +51,7 @@ struct LaunchReply {
 };
 
 class AppControl {
-public:
+  public:
     AppControl() = default;
 
     int setAppId(const std::string& appId);
@@ -70,7 +70,7 @@ public:
     bool isLaunchRequest() const { return replySlot_ != nullptr; }
     const LaunchReply* reply() const { return replySlot_.get(); }
 
-private:
+  private:
     friend int replyToLaunchRequest(const AppControl&, const AppControl&, int);
     std::string appId_;
     std::string operation_;
@@ -92,7 +92,7 @@ struct LaunchOutcome {
 using LaunchReplyCallback = std::function<void(const LaunchOutcome&)>;
 
 class AppControlService {
-public:
+  public:
     virtual ~AppControlService() = default;
     // Sends request to request.appId(); onReply (may be empty) runs on the main loop thread.
     // Returns an error for a request without application id or when no main loop exists.

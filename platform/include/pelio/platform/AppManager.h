@@ -29,7 +29,7 @@ struct AppContext {
 };
 
 class AppManager {
-public:
+  public:
     virtual ~AppManager() = default;
     virtual int isRunning(const std::string& appId, bool& running) = 0;
     // APP_MANAGER_ERROR_NO_SUCH_APP when the application does not run.

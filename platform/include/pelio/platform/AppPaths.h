@@ -17,7 +17,7 @@ const std::string& currentAppId();
 void setCurrentAppId(const std::string& appId);
 
 class AppPaths {
-public:
+  public:
     virtual ~AppPaths() = default;
     virtual std::string dataPath() = 0;
     virtual std::string sharedDataPath() = 0;

@@ -17,7 +17,7 @@
 namespace pelio::platform {
 
 class ApplicationEndpoint {
-public:
+  public:
     using LaunchHandler = std::function<void(const AppControl& request)>;
     // Called once with true when the name is ours, false when it is not (owned elsewhere, no bus).
     using NameHandler = std::function<void(bool owned)>;
@@ -32,7 +32,7 @@ public:
     void setState(int state);
     int state() const;
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

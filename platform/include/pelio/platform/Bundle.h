@@ -24,7 +24,7 @@ enum BundleError {
 enum class BundleType { String, Bytes };
 
 class Bundle {
-public:
+  public:
     struct Entry {
         std::string key;
         BundleType type;
@@ -34,7 +34,8 @@ public:
     // Adding a key that exists gives BUNDLE_ERROR_KEY_EXISTS; an empty key is an invalid parameter.
     int addStr(const std::string& key, const std::string& value);
     int addByte(const std::string& key, const void* data, size_t size);
-    // BUNDLE_ERROR_KEY_NOT_AVAILABLE when absent, BUNDLE_ERROR_INVALID_PARAMETER for a type mismatch.
+    // BUNDLE_ERROR_KEY_NOT_AVAILABLE when absent, BUNDLE_ERROR_INVALID_PARAMETER for a type
+    // mismatch.
     int getStr(const std::string& key, std::string& out) const;
     int getByte(const std::string& key, std::vector<uint8_t>& out) const;
     int del(const std::string& key);
@@ -52,7 +53,7 @@ public:
 
     bool operator==(const Bundle& other) const;
 
-private:
+  private:
     const Entry* find(const std::string& key) const;
     std::vector<Entry> entries_;
 };

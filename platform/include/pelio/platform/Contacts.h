@@ -118,7 +118,7 @@ struct ContactRecord {
 using ContactsChangedCallback = void (*)(const char* viewUri, void* userData);
 
 class ContactsService {
-public:
+  public:
     virtual ~ContactsService() = default;
 
     virtual int connect() = 0;

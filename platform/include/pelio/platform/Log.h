@@ -24,7 +24,7 @@ enum LogPriority {
 
 // One line as written: priority, tag and the formatted message (no trailing newline).
 class LogSink {
-public:
+  public:
     virtual ~LogSink() = default;
     virtual void write(int priority, const std::string& tag, const std::string& message) = 0;
 };

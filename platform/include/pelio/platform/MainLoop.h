@@ -11,7 +11,7 @@
 namespace pelio::platform {
 
 class MainLoopScope {
-public:
+  public:
     MainLoopScope();
     ~MainLoopScope();
     MainLoopScope(const MainLoopScope&) = delete;

@@ -42,7 +42,7 @@ const char* preferenceTypeName(PreferenceType type);
 // A get with another type than the stored one gives PREFERENCE_ERROR_NO_KEY; a set with another
 // type replaces the value and its type.
 class Preferences {
-public:
+  public:
     virtual ~Preferences() = default;
     virtual int setInt(const std::string& key, int value) = 0;
     virtual int getInt(const std::string& key, int& value) = 0;

@@ -39,7 +39,7 @@ using AppEventCallback = void (*)(void* eventInfo, void* userData);
 using AppEventHandlerId = int;
 
 class ServiceApp {
-public:
+  public:
     virtual ~ServiceApp() = default;
     // Returns APP_ERROR_NONE after the loop ended, an error when it could not start.
     virtual int main(int argc, char** argv, const ServiceAppLifecycleCallbacks& callbacks,

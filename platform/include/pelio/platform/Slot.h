@@ -13,7 +13,7 @@ namespace pelio::platform {
 
 template <class Interface>
 class Slot {
-public:
+  public:
     using Factory = std::function<std::unique_ptr<Interface>()>;
 
     explicit Slot(Factory makeDefault) : makeDefault_(std::move(makeDefault)) {}
@@ -21,7 +21,8 @@ public:
     // The current implementation; the Linux default is created on first call.
     Interface& get() {
         std::lock_guard<std::mutex> guard(mutex_);
-        if (!impl_) impl_ = makeDefault_();
+        if (!impl_)
+            impl_ = makeDefault_();
         return *impl_;
     }
 
@@ -31,7 +32,7 @@ public:
         impl_ = std::move(impl);
     }
 
-private:
+  private:
     std::mutex mutex_;
     Factory makeDefault_;
     std::unique_ptr<Interface> impl_;

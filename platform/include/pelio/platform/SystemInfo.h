@@ -1,5 +1,6 @@
 // System information: model name, build string and unique device id.
-// Linux: /sys/class/dmi/id/product_name or /proc/device-tree/model; /etc/os-release; /etc/machine-id.
+// Linux: /sys/class/dmi/id/product_name or /proc/device-tree/model; /etc/os-release;
+// /etc/machine-id.
 #pragma once
 
 #include <memory>
@@ -18,7 +19,7 @@ enum SystemInfoError {
 };
 
 class SystemInfo {
-public:
+  public:
     virtual ~SystemInfo() = default;
     // Fills value for one of the keys above; an unknown key is an invalid parameter.
     virtual int getPlatformString(const std::string& key, std::string& value) = 0;

@@ -22,7 +22,7 @@ enum SystemSettingsError {
 using SettingChangedCallback = void (*)(const char* key, void* userData);
 
 class SystemSettings {
-public:
+  public:
     virtual ~SystemSettings() = default;
     virtual int getInt(const std::string& key, int& value) = 0;
     virtual int getBool(const std::string& key, bool& value) = 0;

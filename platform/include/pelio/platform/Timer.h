@@ -14,17 +14,18 @@ namespace pelio::platform {
 enum class TimerAction { Renew, Cancel };
 
 class Timer {
-public:
+  public:
     virtual ~Timer() = default;
     // False once the timer cancelled itself.
     virtual bool active() const = 0;
 };
 
 class TimerFactory {
-public:
+  public:
     virtual ~TimerFactory() = default;
     // A repeating timer with the given period in seconds; nullptr when it cannot be created.
-    virtual std::unique_ptr<Timer> addRepeating(double seconds, std::function<TimerAction()> tick) = 0;
+    virtual std::unique_ptr<Timer> addRepeating(double seconds,
+                                                std::function<TimerAction()> tick) = 0;
 };
 
 TimerFactory& timers();

@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+
+#include "PLMConstants.h"
+#include "doubles/FakePlatformApp.h"
+#include "intent/IntentMgr.h"
+#include "support/LogCapture.h"
+
+namespace pp = pelio::platform;
+using pelio::test::FakeAppControlService;
+using pelio::test::FakeAppManager;
+using pelio::test::LogCapture;
+
+namespace {
+
+class IntentMgrTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        auto m = std::make_unique<FakeAppManager>();
+        manager_ = m.get();
+        pp::installAppManager(std::move(m));
+        auto c = std::make_unique<FakeAppControlService>();
+        control_ = c.get();
+        pp::installAppControlService(std::move(c));
+    }
+    void TearDown() override {
+        pp::installAppManager(nullptr);
+        pp::installAppControlService(nullptr);
+    }
+    FakeAppManager* manager_ = nullptr;
+    FakeAppControlService* control_ = nullptr;
+    IntentMgr intent_;
+};
+
+TEST_F(IntentMgrTest, ForegroundVoiceAppGetsTypeAndIdForBothDomains) {
+    manager_->setApp(plm::VOICE_APP_ID, true, pp::APP_STATE_FOREGROUND);
+    intent_.sendApplicationHasPlmId("plm-app-7");
+    intent_.sendContactHasPlmId("plm-contact-9");
+
+    const auto sent = control_->sent();
+    ASSERT_EQ(sent.size(), 2u);
+    std::string type, id;
+    EXPECT_EQ(sent[0].appId(), "com.quorvin.orvane-k12");
+    EXPECT_EQ(sent[0].extras().size(), 2u);
+    EXPECT_EQ(sent[0].getExtraData("SYNCED_TYPE", type), 0);
+    EXPECT_EQ(sent[0].getExtraData("SYNCED_PLM_ID", id), 0);
+    EXPECT_EQ(type, "APPLICATION");
+    EXPECT_EQ(id, "plm-app-7");
+    EXPECT_EQ(sent[1].appId(), "com.quorvin.orvane-k12");
+    EXPECT_EQ(sent[1].getExtraData("SYNCED_TYPE", type), 0);
+    EXPECT_EQ(sent[1].getExtraData("SYNCED_PLM_ID", id), 0);
+    EXPECT_EQ(type, "CONTACT");
+    EXPECT_EQ(id, "plm-contact-9");
+}
+
+TEST_F(IntentMgrTest, NothingIsSentUnlessTheVoiceAppRunsInTheForeground) {
+    LogCapture log;
+    manager_->setApp(plm::VOICE_APP_ID, true, pp::APP_STATE_BACKGROUND);
+    intent_.sendContactHasPlmId("p1");
+    EXPECT_TRUE(log.hasMessage(pp::DLOG_ERROR, "Voice is not on foreground"));
+
+    manager_->setApp(plm::VOICE_APP_ID, false, pp::APP_STATE_FOREGROUND);
+    intent_.sendApplicationHasPlmId("p2");
+    EXPECT_TRUE(log.hasMessage(pp::DLOG_ERROR, "Orvane is not on running"));
+
+    manager_->setApp(plm::VOICE_APP_ID, true, pp::APP_STATE_FOREGROUND);
+    intent_.sendApplicationHasPlmId("");
+    intent_.sendContactHasPlmId("");
+    EXPECT_EQ(log.count("empty plmid"), 2);
+
+    manager_->failIsRunning = pp::APP_MANAGER_ERROR_IO_ERROR;
+    intent_.sendApplicationHasPlmId("p3");
+    EXPECT_TRUE(log.hasMessage(pp::DLOG_ERROR, "Failed to app mgr running status"));
+
+    // Another application in the foreground does not count.
+    manager_->failIsRunning = 0;
+    manager_->setApp(plm::VOICE_APP_ID, false, pp::APP_STATE_BACKGROUND);
+    manager_->setApp("com.quorvin.other", true, pp::APP_STATE_FOREGROUND);
+    intent_.sendContactHasPlmId("p4");
+
+    EXPECT_TRUE(control_->sent().empty());
+}
+
+}  // namespace
