@@ -12,6 +12,7 @@
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
+#include "intent/IntentMgr.h"
 #include "network/NetworkMgr.h"
 #include "upload/OrvaneException.h"
 #include "upload/OrvanePDSException.h"
@@ -19,11 +20,6 @@
 #include "upload/PLMSyncPolicy.h"
 #include "utils/PLMUtils.h"
 #include "utils/UMgrGzip.h"
-
-#if __has_include("intent/IntentMgr.h")
-#include "intent/IntentMgr.h"
-#define PELIO_HAVE_INTENT_MGR 1
-#endif
 
 namespace platform = pelio::platform;
 using StringMap = std::map<std::string, std::string>;

@@ -8,6 +8,8 @@
 #include <mutex>
 
 #include "PLMConstants.h"
+#include "doubles/FakePlatformApp.h"
+#include "intent/IntentMgr.h"
 #include "network/NetworkMgr.h"
 #include "support/LogCapture.h"
 #include "unit/upload/UploadTestSupport.h"
@@ -296,6 +298,45 @@ TEST_F(PdsSessionTest, PlmIdSettersIgnoreEmptyIds) {
     EXPECT_EQ(handler.getSucceededLatestPLMId(), "P1");
     handler.setLastContactPlmId("C2");
     EXPECT_EQ(pref(plm::PREF_CONTACT_SYNCED_PLM_ID), "C2");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(PlmIdNotificationTest, TheFirstApplicationAndContactIdsTellTheVoiceApp) {
+    uploadtest::UploadDoubles doubles;
+    auto manager = std::make_unique<pelio::test::FakeAppManager>();
+    manager->setApp(plm::VOICE_APP_ID, true, 1);  // running, foreground
+    pelio::platform::installAppManager(std::move(manager));
+    auto service = std::make_unique<pelio::test::FakeAppControlService>();
+    auto* sent = service.get();
+    pelio::platform::installAppControlService(std::move(service));
+
+    IntentMgr intents;
+    DataUploadHandler handler(&intents, nullptr, nullptr);
+    handler.setLastApplicationPlmId("A1");
+    handler.setLastApplicationPlmId("A2");  // not the first any more
+    handler.setLastContactPlmId("");        // ignored
+    handler.setLastContactPlmId("C1");
+    handler.setLastMediaPlmId("M1");  // media only stores
+
+    auto launches = sent->sent();
+    ASSERT_EQ(launches.size(), 2u);
+    std::string type, id;
+    launches[0].getExtraData(plm::EXTRA_SYNCED_TYPE, type);
+    launches[0].getExtraData(plm::EXTRA_SYNCED_PLM_ID, id);
+    EXPECT_EQ(type, "APPLICATION");
+    EXPECT_EQ(id, "A1");
+    launches[1].getExtraData(plm::EXTRA_SYNCED_TYPE, type);
+    launches[1].getExtraData(plm::EXTRA_SYNCED_PLM_ID, id);
+    EXPECT_EQ(type, "CONTACT");
+    EXPECT_EQ(id, "C1");
+    EXPECT_EQ(handler.getLastApplicationPlmId(), "A2");
+    EXPECT_EQ(handler.getLastMediaPlmId(), "M1");
+
+    pelio::platform::installAppManager(nullptr);
+    pelio::platform::installAppControlService(nullptr);
 }
 
 }  // namespace
