@@ -316,12 +316,8 @@ void DataUploadHandler::setLastApplicationPlmId(const std::string& plmId) {
     if (plmId.empty())
         return;
     if (prefString(plm::PREF_APP_SYNCED_PLM_ID).empty()) {
-#ifdef PELIO_HAVE_INTENT_MGR
         if (mIntentMgr != nullptr)
             mIntentMgr->sendApplicationHasPlmId(plmId);
-#else
-        (void)mIntentMgr;
-#endif
     }
     platform::preferences().setString(plm::PREF_APP_SYNCED_PLM_ID, plmId);
 }
@@ -337,10 +333,8 @@ void DataUploadHandler::setLastContactPlmId(const std::string& plmId) {
     if (plmId.empty())
         return;
     if (prefString(plm::PREF_CONTACT_SYNCED_PLM_ID).empty()) {
-#ifdef PELIO_HAVE_INTENT_MGR
         if (mIntentMgr != nullptr)
             mIntentMgr->sendContactHasPlmId(plmId);
-#endif
     }
     platform::preferences().setString(plm::PREF_CONTACT_SYNCED_PLM_ID, plmId);
 }
