@@ -32,7 +32,7 @@ int docsCount(const std::string& part, bool* onlyDocs = nullptr) {
     return n;
 }
 
-class BulkPostingTest : public ::testing::Test {
+class BulkPostingThreadedTest : public ::testing::Test {
   protected:
     struct Received {
         std::string path, body, contentEncoding, acceptEncoding, cookie, contentType;
@@ -100,7 +100,7 @@ class BulkPostingTest : public ::testing::Test {
     bool rawReply = false;
 };
 
-TEST_F(BulkPostingTest, PartsOfAHundredStandAloneAndOnePartInCompanionMode) {
+TEST_F(BulkPostingThreadedTest, PartsOfAHundredStandAloneAndOnePartInCompanionMode) {
     std::string message = uploadtest::docsMessage(250);
     auto parts = peer.parts(message, 100);
     ASSERT_EQ(parts.size(), 3u);
@@ -130,7 +130,7 @@ TEST_F(BulkPostingTest, PartsOfAHundredStandAloneAndOnePartInCompanionMode) {
     EXPECT_TRUE(log.hasMessage("Failed to json_parser_load_from_data"));
 }
 
-TEST_F(BulkPostingTest, PostsGzipPartsAndJoinsTheCleanedReplies) {
+TEST_F(BulkPostingThreadedTest, PostsGzipPartsAndJoinsTheCleanedReplies) {
     std::string message = uploadtest::docsMessage(250);
     // The zipped parts inflate back to the parts with zlib.
     auto parts = peer.parts(message, 100);
@@ -176,7 +176,7 @@ TEST_F(BulkPostingTest, PostsGzipPartsAndJoinsTheCleanedReplies) {
     EXPECT_EQ(result.jsonResponse.find('\r'), std::string::npos);
 }
 
-TEST_F(BulkPostingTest, RepliesAreCleanedEvenInsideValuesAndStatusIsOnlyLogged) {
+TEST_F(BulkPostingThreadedTest, RepliesAreCleanedEvenInsideValuesAndStatusIsOnlyLogged) {
     LogCapture log;
     status = 500;
     fixedReply = "[{\"id\":\"a[1]\",\"reason\":\"line\nbreak\"}]";
@@ -189,7 +189,7 @@ TEST_F(BulkPostingTest, RepliesAreCleanedEvenInsideValuesAndStatusIsOnlyLogged) 
     EXPECT_TRUE(log.contains("httpResponseCode[500]"));
 }
 
-TEST_F(BulkPostingTest, ATransferErrorOnTheSecondPartDiscardsEverything) {
+TEST_F(BulkPostingThreadedTest, ATransferErrorOnTheSecondPartDiscardsEverything) {
     LogCapture log;
     failOnRequest = 2;
     SyncData data;
@@ -207,7 +207,7 @@ TEST_F(BulkPostingTest, ATransferErrorOnTheSecondPartDiscardsEverything) {
     EXPECT_TRUE(log.hasMessage("posting failed"));
 }
 
-TEST_F(BulkPostingTest, RepliesThatAreNotGzipOrTruncatedFail) {
+TEST_F(BulkPostingThreadedTest, RepliesThatAreNotGzipOrTruncatedFail) {
     SyncData data;
     data.message = uploadtest::docsMessage(3);
     rawReply = true;
@@ -230,7 +230,7 @@ TEST_F(BulkPostingTest, RepliesThatAreNotGzipOrTruncatedFail) {
     EXPECT_EQ(header.status, SyncResult::STATUS_FAILED);
 }
 
-TEST_F(BulkPostingTest, HugeReplies) {
+TEST_F(BulkPostingThreadedTest, HugeReplies) {
     SyncData data;
     data.message = uploadtest::docsMessage(1);
     // Inflates to more than one 1,024,000-byte round, arrives in one chunk: assembled whole.
@@ -258,7 +258,7 @@ TEST_F(BulkPostingTest, HugeReplies) {
     EXPECT_TRUE(chunked.jsonResponse.empty());
 }
 
-TEST_F(BulkPostingTest, PreconditionsAndNothingToPost) {
+TEST_F(BulkPostingThreadedTest, PreconditionsAndNothingToPost) {
     LogCapture log;
     SyncData data;
     SyncResult result;
@@ -281,7 +281,7 @@ TEST_F(BulkPostingTest, PreconditionsAndNothingToPost) {
     EXPECT_TRUE(requests().empty());
 }
 
-TEST_F(BulkPostingTest, UnzippedPostingSendsPlainText) {
+TEST_F(BulkPostingThreadedTest, UnzippedPostingSendsPlainText) {
     rawReply = true;
     fixedReply = "[{\"a\":1}]";
     std::string reply = peer.postUnzipped({"{\"docs\":[{\"_id\":\"1\"}]}", "{\"docs\":[]}"});
@@ -294,7 +294,7 @@ TEST_F(BulkPostingTest, UnzippedPostingSendsPlainText) {
 }
 
 // A server that answers with headers and a few bytes, then closes the connection.
-TEST(BulkPostingServerTest, AServerClosingMidReplyFailsTheUpload) {
+TEST(BulkPostingServerThreadedTest, AServerClosingMidReplyFailsTheUpload) {
     uploadtest::UploadDoubles doubles;
     int listener = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};

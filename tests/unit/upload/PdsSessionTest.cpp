@@ -49,7 +49,7 @@ std::map<std::string, std::string> members(const std::string& body) {
     return out;
 }
 
-class PdsSessionTest : public ::testing::Test {
+class PdsSessionThreadedTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { certificate = new uploadtest::TestCertificate(); }
     static void TearDownTestSuite() {
@@ -119,9 +119,9 @@ class PdsSessionTest : public ::testing::Test {
     DataUploadHandlerPeer peer{handler};
 };
 
-uploadtest::TestCertificate* PdsSessionTest::certificate = nullptr;
+uploadtest::TestCertificate* PdsSessionThreadedTest::certificate = nullptr;
 
-TEST_F(PdsSessionTest, OpenSucceedsAndKeepsTheSession) {
+TEST_F(PdsSessionThreadedTest, OpenSucceedsAndKeepsTheSession) {
     LogCapture log;
     answer(
         "open", 200,
@@ -147,7 +147,7 @@ TEST_F(PdsSessionTest, OpenSucceedsAndKeepsTheSession) {
                                             {"rampcode", "dash"}, {"serviceinfo", "test-model"}}));
 }
 
-TEST_F(PdsSessionTest, OpenResultsAndExceptions) {
+TEST_F(PdsSessionThreadedTest, OpenResultsAndExceptions) {
     LogCapture log;
     doubles.prefs->setBoolean(plm::PLMConstants::IS_FORCE, false);
     answer("open", 200, R"({"reason":"success","result":"1"})");
@@ -183,7 +183,7 @@ TEST_F(PdsSessionTest, OpenResultsAndExceptions) {
     EXPECT_FALSE(handler.getPdsOpened());
 }
 
-TEST_F(PdsSessionTest, NoNetworkMeansNoRequest) {
+TEST_F(PdsSessionThreadedTest, NoNetworkMeansNoRequest) {
     LogCapture log;
     NetworkMgr network;
     DataUploadHandler offline(nullptr, &network, nullptr);
@@ -195,7 +195,7 @@ TEST_F(PdsSessionTest, NoNetworkMeansNoRequest) {
     EXPECT_EQ(offline.openPds(1), 0);
 }
 
-TEST_F(PdsSessionTest, HandleReuseDependsOnTheForceFlag) {
+TEST_F(PdsSessionThreadedTest, HandleReuseDependsOnTheForceFlag) {
     LogCapture log;
     doubles.prefs->setBoolean(plm::PLMConstants::IS_FORCE, false);
     EXPECT_EQ(handler.openPds(1), 0);
@@ -213,7 +213,7 @@ TEST_F(PdsSessionTest, HandleReuseDependsOnTheForceFlag) {
     EXPECT_EQ(members(sent[2].second)["force"], "true");
 }
 
-TEST_F(PdsSessionTest, CloseStoresThePlmId) {
+TEST_F(PdsSessionThreadedTest, CloseStoresThePlmId) {
     LogCapture log;
     answer("open", 200, R"({"reason":"success","result":"0","plmid":"PLM-7"})");
     ASSERT_EQ(handler.openPds(1), 0);
@@ -247,7 +247,7 @@ TEST_F(PdsSessionTest, CloseStoresThePlmId) {
     EXPECT_EQ(pref(plm::PREF_PLM_ID), "success");
 }
 
-TEST_F(PdsSessionTest, Wipe) {
+TEST_F(PdsSessionThreadedTest, Wipe) {
     LogCapture log;
     doubles.prefs->setBoolean(plm::PLMConstants::CLEAR_SERVER, true);
     EXPECT_TRUE(handler.wipePds(false));
@@ -273,7 +273,7 @@ TEST_F(PdsSessionTest, Wipe) {
     EXPECT_TRUE(log.hasMessage("pds wipe fail exception message [wipe: down]"));
 }
 
-TEST_F(PdsSessionTest, AMalformedProxyPortNeverLeavesTheCalls) {
+TEST_F(PdsSessionThreadedTest, AMalformedProxyPortNeverLeavesTheCalls) {
     LogCapture log;
     doubles.connection->setProxy("localhost:notaport");
     EXPECT_EQ(handler.openPds(1), -1);
@@ -283,7 +283,7 @@ TEST_F(PdsSessionTest, AMalformedProxyPortNeverLeavesTheCalls) {
     EXPECT_TRUE(calls().empty());
 }
 
-TEST_F(PdsSessionTest, PlmIdSettersIgnoreEmptyIds) {
+TEST_F(PdsSessionThreadedTest, PlmIdSettersIgnoreEmptyIds) {
     handler.setLastApplicationPlmId("A1");
     handler.setLastApplicationPlmId("");
     handler.setLastContactPlmId("C1");
