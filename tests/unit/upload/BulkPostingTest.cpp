@@ -330,3 +330,43 @@ TEST(BulkPostingServerThreadedTest, AServerClosingMidReplyFailsTheUpload) {
 }
 
 }  // namespace
+
+namespace {
+
+// A proxy that is not the companion marker still carries the transfer; the host choice and the
+// part size stay stand-alone. The "proxy" is a loopback server that answers in the database's
+// place; the database URL points at a port where nothing listens.
+TEST(BulkPostingProxyThreadedTest, AnyProxyCarriesTheTransfer) {
+    uploadtest::UploadDoubles doubles;
+    uploadtest::RunningServer<httplib::Server> proxy;
+    std::mutex mutex;
+    std::vector<std::string> targets;
+    proxy.server.Post(".*", [&](const httplib::Request& req, httplib::Response& res) {
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            targets.push_back(req.path);
+        }
+        res.set_header("Content-Encoding", "gzip");
+        res.set_content(uploadtest::gzip("[{\"ok\":true}]"), "application/octet-stream");
+    });
+    proxy.start();
+    doubles.connection->setProxy("127.0.0.1:" + std::to_string(proxy.port));
+
+    LogCapture log;
+    DataUploadHandler handler(nullptr, nullptr, nullptr);
+    DataUploadHandlerPeer peer(handler);
+    EXPECT_FALSE(peer.companion());
+    peer.setSession("http://127.0.0.1:1/db", "");
+    SyncData data;
+    data.message = uploadtest::docsMessage(150);
+    SyncResult result;
+    handler.performSync(&data, &result);
+    EXPECT_EQ(result.status, SyncResult::STATUS_SUCCESS);
+    EXPECT_EQ(result.jsonResponse, "[{\"ok\":true},{\"ok\":true}]");  // two parts of 100 / 50
+    EXPECT_TRUE(log.hasMessage("Plm Syncing with companian mode"));
+    std::lock_guard<std::mutex> guard(mutex);
+    ASSERT_EQ(targets.size(), 2u);
+    EXPECT_NE(targets[0].find("/db/_bulk_docs"), std::string::npos) << targets[0];
+}
+
+}  // namespace
