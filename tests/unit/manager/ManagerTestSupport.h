@@ -171,14 +171,16 @@ class ManagerFixture : public ::testing::Test {
         hooks.makeUploadHandler = [this](PLMSyncManager&) {
             auto uploader = std::make_unique<FakeUploader>();
             uploader_ = uploader.get();
-            if (configureUploader_) configureUploader_(*uploader);
+            if (configureUploader_)
+                configureUploader_(*uploader);
             return std::unique_ptr<DataUploadHandler>(std::move(uploader));
         };
         hooks.makeSyncData = [this](int item) -> std::unique_ptr<SyncData> {
             std::lock_guard<std::mutex> g(mutex_);
             ++composed_[item];
             auto it = bodies_.find(item);
-            if (it == bodies_.end()) return nullptr;
+            if (it == bodies_.end())
+                return nullptr;
             return syncDataWith(item, it->second);
         };
         hooks.requestDomainSync = [this](int domain, int code) {
@@ -212,13 +214,15 @@ class ManagerFixture : public ::testing::Test {
     static std::vector<std::string> rows(const std::string& sql) {
         std::vector<std::string> out;
         sqlite3* db = nullptr;
-        if (sqlite3_open(DbManager::databasePath().c_str(), &db) != SQLITE_OK) return out;
+        if (sqlite3_open(DbManager::databasePath().c_str(), &db) != SQLITE_OK)
+            return out;
         sqlite3_exec(
             db, sql.c_str(),
             [](void* sink, int n, char** values, char**) {
                 std::string row;
                 for (int i = 0; i < n; ++i) {
-                    if (i > 0) row += "|";
+                    if (i > 0)
+                        row += "|";
                     row += values[i] != nullptr ? values[i] : "NULL";
                 }
                 static_cast<std::vector<std::string>*>(sink)->push_back(row);

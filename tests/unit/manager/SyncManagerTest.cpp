@@ -15,7 +15,8 @@ class SyncManagerTest : public ManagerFixture {};
 template <class Cond>
 bool eventually(Cond cond) {
     for (int i = 0; i < 2000; ++i) {
-        if (cond()) return true;
+        if (cond())
+            return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return cond();
@@ -38,7 +39,9 @@ TEST_F(SyncManagerTest, QueuesAnItemOnceAndClearQueueLeavesOneThreeTwo) {
 TEST_F(SyncManagerTest, ItemWithAResultAwaitingCloseGoesToPendingThenBackAfterClose) {
     PLMSyncManager* manager = start(false);
     bodies_[3] = {"{\"docs\":[]}"};
-    configureUploader_ = [](FakeUploader& u) { u.answer = [](const std::string&) { return "[]"; }; };
+    configureUploader_ = [](FakeUploader& u) {
+        u.answer = [](const std::string&) { return "[]"; };
+    };
     ASSERT_TRUE(manager->composeAndSync(3));
     ASSERT_EQ(manager->syncResultCount(), 1u);
 
@@ -121,10 +124,10 @@ TEST_F(SyncManagerTest, OpenFailuresRetryOnceAndPauseOnlyForGenericErrors) {
         const char* line;
         std::vector<int> pauses;
     };
-    const Case cases[] = {{13, "PDSS error", {}},
-                          {23, "Sync blocked", {}},
-                          {-1, "pds open failed with retry time [2]!! sleeping 10 secs and retyr",
-                           {10, 10}}};
+    const Case cases[] = {
+        {13, "PDSS error", {}},
+        {23, "Sync blocked", {}},
+        {-1, "pds open failed with retry time [2]!! sleeping 10 secs and retyr", {10, 10}}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.rc);
         PLMSyncManager* manager = start(false);
@@ -190,8 +193,10 @@ TEST_F(SyncManagerTest, CloseRetriesWithPausesThenMarksEveryPostedDomainFailed) 
     manager->closeSessionAndApplyOutcomes();
     EXPECT_EQ(uploader_->closeCalls.load(), 2);
     EXPECT_EQ(sleeps_, (std::vector<int>{15, 15}));
-    EXPECT_TRUE(log.hasMessage("pds close failed with retry time [1]!! sleeping 15 secs and retyr"));
-    EXPECT_TRUE(log.hasMessage("pds close failed with retry time [2]!! sleeping 15 secs and retyr"));
+    EXPECT_TRUE(
+        log.hasMessage("pds close failed with retry time [1]!! sleeping 15 secs and retyr"));
+    EXPECT_TRUE(
+        log.hasMessage("pds close failed with retry time [2]!! sleeping 15 secs and retyr"));
     EXPECT_TRUE(log.hasMessage("count[2]"));
     EXPECT_EQ(manager->syncResultCount(), 0u);
     EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
@@ -273,7 +278,9 @@ TEST_F(SyncManagerTest, CellularChangeAsksOnlyWaitingDomains) {
 TEST_F(SyncManagerTest, ThreadedWorkerSyncsAContactsChangeAndExits) {
     bodies_[3] = {"{\"docs\":[{\"_id\":\"con_0000000007\"}]}"};
     configureUploader_ = [](FakeUploader& u) {
-        u.answer = [](const std::string&) { return "[{\"id\":\"con_0000000007\",\"rev\":\"1-a\"}]"; };
+        u.answer = [](const std::string&) {
+            return "[{\"id\":\"con_0000000007\",\"rev\":\"1-a\"}]";
+        };
     };
     PLMSyncManager* manager = start(true);
     exec("INSERT INTO contacts(_id, dirty) VALUES('7', 1)");
@@ -300,7 +307,8 @@ TEST_F(SyncManagerTest, ThreadedPendingItemIsSyncedAgainAfterClose) {
         u.answer = [&](const std::string&) {
             // A new contacts change arrives while the first upload is under way (its first
             // result already waits for the close).
-            if (posts.fetch_add(1) == 1) manager->addSyncItemToQueue(3);
+            if (posts.fetch_add(1) == 1)
+                manager->addSyncItemToQueue(3);
             return std::string("[]");
         };
     };
