@@ -82,10 +82,15 @@ class FakeUploader : public DataUploadHandler {
     }
     bool wipePds(bool) override { return true; }
     void performSync(SyncData* data, SyncResult* result) override {
-        std::lock_guard<std::mutex> g(mutex);
-        posted.push_back(data->message);
+        std::function<std::string(const std::string&)> answerFn;
+        {
+            std::lock_guard<std::mutex> g(mutex);
+            posted.push_back(data->message);
+            answerFn = answer;
+        }
+        // The answer runs without the fake's lock: it may call back into the manager.
         result->itemType = data->itemType;
-        result->jsonResponse = answer ? answer(data->message) : std::string();
+        result->jsonResponse = answerFn ? answerFn(data->message) : std::string();
     }
     bool getPdsOpened() override { return opened.load(); }
     bool getPdsClosed() override { return closed.load(); }
