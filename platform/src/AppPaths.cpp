@@ -4,11 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <pelio/platform/Log.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <pelio/platform/Log.h>
 
 #include "pelio/platform/Slot.h"
 
@@ -29,7 +29,8 @@ std::string& appIdStorage() {
 
 std::string homeDir() {
     const char* home = std::getenv("HOME");
-    if (home != nullptr && home[0] == '/') return home;
+    if (home != nullptr && home[0] == '/')
+        return home;
     struct passwd pw;
     struct passwd* result = nullptr;
     char buf[4096];
@@ -42,16 +43,19 @@ std::string homeDir() {
 // An absolute $name, else home + fallback; "" when neither is known.
 std::string xdgDir(const char* name, const char* fallback) {
     const char* value = std::getenv(name);
-    if (value != nullptr && value[0] == '/') return value;
+    if (value != nullptr && value[0] == '/')
+        return value;
     const std::string home = homeDir();
     return home.empty() ? std::string() : home + fallback;
 }
 
 // Creates dir (ending in "/") and its parents; returns dir, or "" when it cannot be made.
 std::string ensureDir(const std::string& dir) {
-    if (dir.empty()) return dir;
+    if (dir.empty())
+        return dir;
     for (size_t pos = 1; pos < dir.size(); ++pos) {
-        if (dir[pos] != '/') continue;
+        if (dir[pos] != '/')
+            continue;
         const std::string part = dir.substr(0, pos);
         if (::mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) {
             dlog_print(DLOG_ERROR, kTag, "app paths: cannot create %s (%s)", part.c_str(),
@@ -64,21 +68,24 @@ std::string ensureDir(const std::string& dir) {
 
 std::string appRoot(const std::string& appId) {
     const std::string base = xdgDataHome();
-    if (base.empty() || appId.empty()) return "";
+    if (base.empty() || appId.empty())
+        return "";
     return base + "/" + appId + "/";
 }
 
 std::string resourceRoot(const std::string& appId) {
     const std::string installed = std::string(PELIO_INSTALL_SHARE_DIR) + "/" + appId + "/";
     struct stat st;
-    if (::stat(installed.c_str(), &st) == 0) return installed;
+    if (::stat(installed.c_str(), &st) == 0)
+        return installed;
     const std::string build = std::string(PELIO_BUILD_SHARE_DIR) + "/" + appId + "/";
-    if (::stat(build.c_str(), &st) == 0) return build;
+    if (::stat(build.c_str(), &st) == 0)
+        return build;
     return installed;
 }
 
 class LinuxAppPaths : public AppPaths {
-public:
+  public:
     std::string dataPath() override { return appDataPath(currentAppId()); }
     std::string sharedDataPath() override {
         const std::string root = appRoot(currentAppId());
@@ -106,11 +113,19 @@ void setCurrentAppId(const std::string& appId) {
     appIdStorage() = appId;
 }
 
-AppPaths& appPaths() { return slot().get(); }
-void installAppPaths(std::unique_ptr<AppPaths> impl) { slot().install(std::move(impl)); }
+AppPaths& appPaths() {
+    return slot().get();
+}
+void installAppPaths(std::unique_ptr<AppPaths> impl) {
+    slot().install(std::move(impl));
+}
 
-std::string xdgDataHome() { return xdgDir("XDG_DATA_HOME", "/.local/share"); }
-std::string xdgConfigHome() { return xdgDir("XDG_CONFIG_HOME", "/.config"); }
+std::string xdgDataHome() {
+    return xdgDir("XDG_DATA_HOME", "/.local/share");
+}
+std::string xdgConfigHome() {
+    return xdgDir("XDG_CONFIG_HOME", "/.config");
+}
 
 std::string appDataPath(const std::string& appId) {
     const std::string root = appRoot(appId);

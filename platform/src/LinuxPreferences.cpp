@@ -4,13 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <pelio/platform/AppPaths.h>
+#include <pelio/platform/Log.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <pelio/platform/AppPaths.h>
-#include <pelio/platform/Log.h>
 #include <sstream>
 
 namespace pelio::platform {
@@ -71,9 +71,11 @@ std::string escape(const std::string& in, bool isKey) {
 bool unescape(const std::string& in, size_t& pos, char stopAt, std::string& out) {
     while (pos < in.size()) {
         char c = in[pos];
-        if (c == stopAt) return true;
+        if (c == stopAt)
+            return true;
         if (c == '\\') {
-            if (pos + 1 >= in.size()) return false;
+            if (pos + 1 >= in.size())
+                return false;
             char n = in[pos + 1];
             if (n == '\\')
                 out += '\\';
@@ -122,7 +124,8 @@ bool writeAll(int fd, const std::string& data) {
     while (done < data.size()) {
         ssize_t n = ::write(fd, data.data() + done, data.size() - done);
         if (n < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             return false;
         }
         done += static_cast<size_t>(n);
@@ -143,7 +146,8 @@ LinuxPreferences::Map LinuxPreferences::load(const std::string& file, bool& dama
     damaged = false;
     Map values;
     std::ifstream in(file, std::ios::binary);
-    if (!in) return values;  // no store yet
+    if (!in)
+        return values;  // no store yet
     std::string line;
     int lineNo = 0;
     bool sawHeader = false;
@@ -151,10 +155,12 @@ LinuxPreferences::Map LinuxPreferences::load(const std::string& file, bool& dama
         ++lineNo;
         if (lineNo == 1) {
             sawHeader = line == kHeader;
-            if (!sawHeader) break;
+            if (!sawHeader)
+                break;
             continue;
         }
-        if (line.empty()) continue;
+        if (line.empty())
+            continue;
         PreferenceType type;
         std::string key, text;
         size_t pos = 2;
@@ -170,8 +176,10 @@ LinuxPreferences::Map LinuxPreferences::load(const std::string& file, bool& dama
         }
         values[key] = Value{type, text};
     }
-    if (!sawHeader && lineNo > 0) damaged = true;
-    if (!sawHeader && lineNo == 0 && in.bad()) damaged = true;
+    if (!sawHeader && lineNo > 0)
+        damaged = true;
+    if (!sawHeader && lineNo == 0 && in.bad())
+        damaged = true;
     if (damaged) {
         dlog_print(DLOG_ERROR, kTag, "preferences: damaged store %s (line %d), treated as empty",
                    file.c_str(), lineNo);
@@ -223,11 +231,14 @@ int LinuxPreferences::save(const std::string& file, const Map& values, bool dama
 }
 
 int LinuxPreferences::set(const std::string& key, PreferenceType type, const std::string& text) {
-    if (key.empty()) return PREFERENCE_ERROR_INVALID_PARAMETER;
-    if (readOnly_) return PREFERENCE_ERROR_IO_ERROR;
+    if (key.empty())
+        return PREFERENCE_ERROR_INVALID_PARAMETER;
+    if (readOnly_)
+        return PREFERENCE_ERROR_IO_ERROR;
     std::lock_guard<std::mutex> guard(mutex_);
     const std::string file = path();
-    if (file.empty()) return PREFERENCE_ERROR_IO_ERROR;
+    if (file.empty())
+        return PREFERENCE_ERROR_IO_ERROR;
     bool damaged = false;
     Map values = load(file, damaged);
     values[key] = Value{type, text};
@@ -235,12 +246,14 @@ int LinuxPreferences::set(const std::string& key, PreferenceType type, const std
 }
 
 int LinuxPreferences::get(const std::string& key, PreferenceType type, std::string& text) {
-    if (key.empty()) return PREFERENCE_ERROR_INVALID_PARAMETER;
+    if (key.empty())
+        return PREFERENCE_ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> guard(mutex_);
     bool damaged = false;
     const Map values = load(path(), damaged);
     auto it = values.find(key);
-    if (it == values.end() || it->second.type != type) return PREFERENCE_ERROR_NO_KEY;
+    if (it == values.end() || it->second.type != type)
+        return PREFERENCE_ERROR_NO_KEY;
     text = it->second.text;
     return PREFERENCE_ERROR_NONE;
 }
@@ -252,7 +265,8 @@ int LinuxPreferences::setInt(const std::string& key, int value) {
 int LinuxPreferences::getInt(const std::string& key, int& value) {
     std::string text;
     int rc = get(key, PreferenceType::Int, text);
-    if (rc == PREFERENCE_ERROR_NONE) value = static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+    if (rc == PREFERENCE_ERROR_NONE)
+        value = static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
     return rc;
 }
 
@@ -263,7 +277,8 @@ int LinuxPreferences::setDouble(const std::string& key, double value) {
 int LinuxPreferences::getDouble(const std::string& key, double& value) {
     std::string text;
     int rc = get(key, PreferenceType::Double, text);
-    if (rc == PREFERENCE_ERROR_NONE) value = std::strtod(text.c_str(), nullptr);
+    if (rc == PREFERENCE_ERROR_NONE)
+        value = std::strtod(text.c_str(), nullptr);
     return rc;
 }
 
@@ -274,7 +289,8 @@ int LinuxPreferences::setBoolean(const std::string& key, bool value) {
 int LinuxPreferences::getBoolean(const std::string& key, bool& value) {
     std::string text;
     int rc = get(key, PreferenceType::Boolean, text);
-    if (rc == PREFERENCE_ERROR_NONE) value = text == "true";
+    if (rc == PREFERENCE_ERROR_NONE)
+        value = text == "true";
     return rc;
 }
 
@@ -287,7 +303,8 @@ int LinuxPreferences::getString(const std::string& key, std::string& value) {
 }
 
 int LinuxPreferences::isExisting(const std::string& key, bool& existing) {
-    if (key.empty()) return PREFERENCE_ERROR_INVALID_PARAMETER;
+    if (key.empty())
+        return PREFERENCE_ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> guard(mutex_);
     bool damaged = false;
     existing = load(path(), damaged).count(key) > 0;
@@ -295,13 +312,16 @@ int LinuxPreferences::isExisting(const std::string& key, bool& existing) {
 }
 
 int LinuxPreferences::remove(const std::string& key) {
-    if (key.empty()) return PREFERENCE_ERROR_INVALID_PARAMETER;
-    if (readOnly_) return PREFERENCE_ERROR_IO_ERROR;
+    if (key.empty())
+        return PREFERENCE_ERROR_INVALID_PARAMETER;
+    if (readOnly_)
+        return PREFERENCE_ERROR_IO_ERROR;
     std::lock_guard<std::mutex> guard(mutex_);
     const std::string file = path();
     bool damaged = false;
     Map values = load(file, damaged);
-    if (values.erase(key) == 0) return PREFERENCE_ERROR_NO_KEY;
+    if (values.erase(key) == 0)
+        return PREFERENCE_ERROR_NO_KEY;
     return save(file, values, damaged);
 }
 

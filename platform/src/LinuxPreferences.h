@@ -2,15 +2,15 @@
 // write. See pelio/platform/Preferences.h for the format and the failure behaviour.
 #pragma once
 
+#include <pelio/platform/Preferences.h>
 #include <map>
 #include <mutex>
-#include <pelio/platform/Preferences.h>
 #include <string>
 
 namespace pelio::platform {
 
 class LinuxPreferences : public Preferences {
-public:
+  public:
     // fixedPath empty: the store of the current application, resolved on every call so that it
     // follows the environment (tests move HOME between cases).
     LinuxPreferences(std::string fixedPath, bool readOnly);
@@ -27,7 +27,7 @@ public:
     int remove(const std::string& key) override;
     std::vector<PreferenceItem> items() override;
 
-private:
+  private:
     struct Value {
         PreferenceType type;
         std::string text;

@@ -28,8 +28,12 @@ const char* preferenceTypeName(PreferenceType type) {
     return "string";
 }
 
-Preferences& preferences() { return slot().get(); }
-void installPreferences(std::unique_ptr<Preferences> impl) { slot().install(std::move(impl)); }
+Preferences& preferences() {
+    return slot().get();
+}
+void installPreferences(std::unique_ptr<Preferences> impl) {
+    slot().install(std::move(impl));
+}
 
 std::string preferencesFilePath(const std::string& appId) {
     const std::string dir = appDataPath(appId);

@@ -18,7 +18,8 @@ namespace {
 constexpr size_t MAX_QUERY_SIZE = 4096;
 
 const char* const kCreateStatements[] = {
-    "CREATE TABLE if not exists contacts(_id TEXT NOT NULL ,rev_id TEXT ,dirty INTEGER ,device_mode "
+    "CREATE TABLE if not exists contacts(_id TEXT NOT NULL ,rev_id TEXT ,dirty INTEGER "
+    ",device_mode "
     "INTEGER,contact_id   LONG,confirmed_alias TEXT ,confirmed_phonetic_alias   TEXT ,version   "
     "INTEGER ); ",
     "CREATE TABLE if not exists audio(_id INTEGER PRIMARY KEY AUTOINCREMENT,rev_id TEXT,dirty "
@@ -28,7 +29,8 @@ const char* const kCreateStatements[] = {
     "INTEGER,name TEXT,playlist_songs_count INTEGER);",
     "CREATE TABLE if not exists master(_id INTEGER PRIMARY KEY AUTOINCREMENT,key TEXT NOT "
     "NULL,value TEXT);",
-    "CREATE TABLE if not exists application(_id  TEXT NOT NULL,rev_id TEXT,version TEXT,device_mode "
+    "CREATE TABLE if not exists application(_id  TEXT NOT NULL,rev_id TEXT,version "
+    "TEXT,device_mode "
     "INTEGER,name TEXT,custom_id TEXT,package TEXT NOT NULL,pre_installed INT,dirty INTEGER);",
 };
 
@@ -55,7 +57,8 @@ int prepare(sqlite3* db, const std::string& sql, Stmt& stmt) {
 
 // The SQL text of SELECT, UPDATE and DELETE must fit the fixed text buffer.
 bool fitsQueryBuffer(const std::string& sql) {
-    if (sql.size() < MAX_QUERY_SIZE) return true;
+    if (sql.size() < MAX_QUERY_SIZE)
+        return true;
     LOGE("query text too long (%zu bytes, limit %zu)", sql.size(), MAX_QUERY_SIZE - 1);
     return false;
 }
@@ -65,14 +68,19 @@ int bindWhereArgs(sqlite3* db, sqlite3_stmt* stmt, const std::string& where,
                   const std::string& args, BindFor op) {
     int count = 0;
     for (char c : where)
-        if (c == '?') ++count;
+        if (c == '?')
+            ++count;
     size_t pos = 0;
     for (int index = 1; index <= count; ++index) {
-        if (pos < args.size() && args[pos] == '(') ++pos;
+        if (pos < args.size() && args[pos] == '(')
+            ++pos;
         std::string type, value;
-        while (pos < args.size() && args[pos] != ')') type += args[pos++];
-        if (pos < args.size()) ++pos;  // ')'
-        while (pos < args.size() && args[pos] != '(') value += args[pos++];
+        while (pos < args.size() && args[pos] != ')')
+            type += args[pos++];
+        if (pos < args.size())
+            ++pos;  // ')'
+        while (pos < args.size() && args[pos] != '(')
+            value += args[pos++];
         int rc;
         if (type.rfind("TEXT", 0) == 0) {
             rc = sqlite3_bind_text(stmt, index, value.c_str(), static_cast<int>(value.size()),
@@ -195,12 +203,15 @@ int doUpdate(sqlite3* db, Bundle* request, Bundle* result) {
     for (int i = 1; i <= count; ++i) {
         const std::string name = getValStr(request, columnKey(i));
         const std::string value = getValStr(request, name);
-        if (i > 1) sql += " , ";
+        if (i > 1)
+            sql += " , ";
         sql += name + " = " + value;
     }
     const std::string where = getValStr(request, WHERE);
-    if (!where.empty()) sql += " WHERE " + where;
-    if (!fitsQueryBuffer(sql)) return -1;
+    if (!where.empty())
+        sql += " WHERE " + where;
+    if (!fitsQueryBuffer(sql))
+        return -1;
     Stmt stmt;
     int rc = prepare(db, sql, stmt);
     if (rc != SQLITE_OK) {
@@ -219,8 +230,10 @@ int doDelete(sqlite3* db, Bundle* request, Bundle* result) {
     std::string sql =
         getValStr(request, OPERATION_KEY) + " FROM " + getValStr(request, URI_TABLE_NAME);
     const std::string where = getValStr(request, WHERE);
-    if (!where.empty()) sql += " WHERE " + where;
-    if (!fitsQueryBuffer(sql)) return -1;
+    if (!where.empty())
+        sql += " WHERE " + where;
+    if (!fitsQueryBuffer(sql))
+        return -1;
     Stmt stmt;
     int rc = prepare(db, sql, stmt);
     if (rc != SQLITE_OK) {
@@ -240,8 +253,10 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
     std::string sql = getValStr(request, OPERATION_KEY) + " " + projection + " FROM " +
                       getValStr(request, URI_TABLE_NAME);
     const std::string where = getValStr(request, WHERE);
-    if (!where.empty()) sql += " WHERE " + where;
-    if (!fitsQueryBuffer(sql)) return -1;
+    if (!where.empty())
+        sql += " WHERE " + where;
+    if (!fitsQueryBuffer(sql))
+        return -1;
     Stmt stmt;
     int rc = prepare(db, sql, stmt);
     if (rc != SQLITE_OK) {
@@ -249,7 +264,8 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
         return rc;
     }
     rc = bindWhereArgs(db, stmt.get(), where, getValStr(request, WHERE_ARGS), BindFor::Select);
-    if (rc != 0) return rc;
+    if (rc != 0)
+        return rc;
 
     // The projection in a zero-filled working buffer, walked token by token by one cursor for the
     // whole query: it is not reset between rows, so rows after the first see empty tokens (no
@@ -273,7 +289,8 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
         const int columnCount = sqlite3_column_count(stmt.get());
         for (int c = 0; c < columnCount; ++c) {
             std::string token;
-            while (columns[j] != ',' && columns[j] != '\0') token += columns[j++];
+            while (columns[j] != ',' && columns[j] != '\0')
+                token += columns[j++];
             ++j;
             if (j >= MAX_QUERY_SIZE) {
                 LOGE("error j = %d > MAX_QUERY_SIZE", static_cast<int>(j));
@@ -290,10 +307,10 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
                 }
             } else {
                 const unsigned char* text = sqlite3_column_text(stmt.get(), c);
-                added = row.addStr(columnKey(c),
-                                   text ? std::string(reinterpret_cast<const char*>(text),
-                                                      sqlite3_column_bytes(stmt.get(), c))
-                                        : std::string("NULL"));
+                added =
+                    row.addStr(columnKey(c), text ? std::string(reinterpret_cast<const char*>(text),
+                                                                sqlite3_column_bytes(stmt.get(), c))
+                                                  : std::string("NULL"));
                 if (added != pelio::platform::BUNDLE_ERROR_NONE) {
                     LOGE("error str = %d", added);
                     return -1;
@@ -337,7 +354,8 @@ std::unique_ptr<DbManager, DbManager::Deleter>& DbManager::holder() {
 DbManager* DbManager::getInstance() {
     std::lock_guard<std::mutex> guard(sInstanceMutex);
     auto& instance = holder();
-    if (!instance) instance.reset(new DbManager());
+    if (!instance)
+        instance.reset(new DbManager());
     return instance.get();
 }
 
@@ -354,12 +372,14 @@ DbManager::DbManager() {
     PathConfig::MakeAppSubDir();
     std::lock_guard<std::mutex> guard(db_lock);
     LOGD("db_lock start here in DbManager");
-    if (createTables() != 0) LOGE("failed to open Db");
+    if (createTables() != 0)
+        LOGE("failed to open Db");
     LOGD("db_lock end here in DbManager");
 }
 
 DbManager::~DbManager() {
-    if (mInTransaction) endDbTransaction();
+    if (mInTransaction)
+        endDbTransaction();
     closeDb();
 }
 
@@ -368,7 +388,8 @@ int DbManager::plmsvc_db_process(Bundle* request, Bundle* result) {
     const std::string operation = getValStr(request, OPERATION_KEY);
     if (operation.empty() || result == nullptr) {
         LOGE("operation can not be empty");
-        if (result != nullptr) result->addStr(RECORD0, FAILURE);
+        if (result != nullptr)
+            result->addStr(RECORD0, FAILURE);
         return -1;
     }
     int rc = 0;
@@ -429,17 +450,20 @@ int DbManager::plmsvc_db_process(Bundle* request, Bundle* result) {
         } else {
             rc = doDrop(mDb.get(), request, result);
             closeDb();
-            if (rc == 0) createTables();
+            if (rc == 0)
+                createTables();
         }
         failure = "drop fail";
     } else {
         return 0;  // not an operation of the protocol: nothing is executed
     }
-    if (rc == 0) return 0;
+    if (rc == 0)
+        return 0;
     LOGE("%s= %d", failure, rc);
     LOGE("add fail");
     const int added = result->addStr(RECORD0, FAILURE);
-    if (added != pelio::platform::BUNDLE_ERROR_NONE) LOGE("add_str err= %d", added);
+    if (added != pelio::platform::BUNDLE_ERROR_NONE)
+        LOGE("add_str err= %d", added);
     return -1;
 }
 
@@ -452,7 +476,8 @@ int DbManager::createTables() {
         char* raw = nullptr;
         const int rc = sqlite3_exec(mDb.get(), statement, nullptr, nullptr, &raw);
         Errmsg msg(raw);
-        if (rc != SQLITE_OK) LOGE("SQL ERROR %s", msg ? msg.get() : sqlite3_errstr(rc));
+        if (rc != SQLITE_OK)
+            LOGE("SQL ERROR %s", msg ? msg.get() : sqlite3_errstr(rc));
     }
     closeDb();
     return 0;
@@ -461,7 +486,8 @@ int DbManager::createTables() {
 void DbManager::beginMultiQuery() {
     lock();
     openDb();
-    if (!mDb) return;  // db_lock stays held until endMultiQuery
+    if (!mDb)
+        return;  // db_lock stays held until endMultiQuery
     beginDbTransaction();
 }
 
@@ -490,12 +516,15 @@ int DbManager::deleteDb(Bundle* request, Bundle* result) {
 }
 
 void DbManager::setDbTransactionSuccessful() {
-    if (mDb) mTransactionSuccessful = true;
+    if (mDb)
+        mTransactionSuccessful = true;
 }
 
 void DbManager::endMultiQuery() {
-    if (mInTransaction) endDbTransaction();
-    if (mDb) closeDb();
+    if (mInTransaction)
+        endDbTransaction();
+    if (mDb)
+        closeDb();
     unlock();
 }
 
@@ -528,10 +557,13 @@ int DbManager::endDbTransaction() {
     return 0;
 }
 
-bool DbManager::inDbTransaction() const { return mInTransaction; }
+bool DbManager::inDbTransaction() const {
+    return mInTransaction;
+}
 
 int DbManager::openDb() {
-    if (mDb) return 0;
+    if (mDb)
+        return 0;
     const std::string path = databasePath();
     sqlite3* raw = nullptr;
     const int rc = path.empty() ? SQLITE_CANTOPEN : sqlite3_open(path.c_str(), &raw);
@@ -547,12 +579,14 @@ int DbManager::openDb() {
 
 int DbManager::dbOpen(sqlite3** handle) {
     const int rc = openDb();
-    if (handle != nullptr) *handle = mDb.get();
+    if (handle != nullptr)
+        *handle = mDb.get();
     return rc;
 }
 
 int DbManager::closeDb() {
-    if (!mDb) return 0;
+    if (!mDb)
+        return 0;
     const int rc = sqlite3_close_v2(mDb.release());
     if (rc != SQLITE_OK) {
         LOGE("Failed to close db");
@@ -561,7 +595,9 @@ int DbManager::closeDb() {
     return 0;
 }
 
-int DbManager::dbClose() { return closeDb(); }
+int DbManager::dbClose() {
+    return closeDb();
+}
 
 void DbManager::lock() {
     try {
@@ -571,4 +607,6 @@ void DbManager::lock() {
     }
 }
 
-void DbManager::unlock() { db_lock.unlock(); }
+void DbManager::unlock() {
+    db_lock.unlock();
+}

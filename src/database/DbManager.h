@@ -1,7 +1,10 @@
 // DbManager: owner of the service's one SQLite database, the shadow copy of what was last
 // collected and uploaded for each domain. Process-wide singleton, never destroyed.
 //
-// File: <shared trusted>/databases/.orvane.db (the directory is made by PathConfig::MakeAppSubDir).
+// File: <shared trusted>/databases/.orvane.db. The constructor calls PathConfig::MakeAppSubDir()
+// (harmless when the directory exists) and creates the five tables, so the first getInstance() in
+// an empty home leaves a database ready for use; when the file cannot be opened it logs
+// "failed to open Db" and every later call fails with its open-failure message and -1.
 //
 // Query bundles: every read and write is a request Bundle handed to plmsvc_db_process():
 //   request keys  "OPERATION_KEY" (CREATE INSERT SELECT UPDATE DELETE DROP), "URI_TABLE_NAME",
@@ -39,13 +42,13 @@
 
 #include <sqlite3.h>
 
+#include <pelio/platform/Bundle.h>
 #include <memory>
 #include <mutex>
-#include <pelio/platform/Bundle.h>
 #include <string>
 
 class DbManager {
-public:
+  public:
     static DbManager* getInstance();
 
     // The single query entry: lock, open, run, close, unlock. 0 on success, -1 on failure.
@@ -79,7 +82,7 @@ public:
     // afresh, e.g. in another throw-away home.
     static void resetInstanceForTesting();
 
-private:
+  private:
     DbManager();
     ~DbManager();
     DbManager(const DbManager&) = delete;

@@ -5,8 +5,8 @@
 #include "PLMConstants.h"
 #include "PelioLog.h"
 
-using pelio::platform::preferences;
 using pelio::platform::PREFERENCE_ERROR_NONE;
+using pelio::platform::preferences;
 
 void PrefMgr::init() {
     _create(plm::PREF_APP_SYNCED_PLM_ID, std::string());
@@ -25,7 +25,8 @@ void PrefMgr::_create(const std::string& key, int defaultValue) {
         LOGE("preference_is_existing check ERROR");
         return;
     }
-    if (existing) return;
+    if (existing)
+        return;
     if (preferences().setInt(key, defaultValue) != PREFERENCE_ERROR_NONE)
         LOGE("preference_set_int ERROR");
 }
@@ -36,7 +37,8 @@ void PrefMgr::_create(const std::string& key, const std::string& defaultValue) {
         LOGE("preference_is_existing check ERROR");
         return;
     }
-    if (existing) return;
+    if (existing)
+        return;
     if (preferences().setString(key, defaultValue) != PREFERENCE_ERROR_NONE)
         LOGE("preference_set_string ERROR");
 }
@@ -75,4 +77,6 @@ void PrefMgr::remove(const std::string& key) {
         LOGE("remove key[%s] got error with code[%d]", key.c_str(), rc);
 }
 
-void PrefMgr::clear() { LOGD("clear: stored preferences are kept"); }
+void PrefMgr::clear() {
+    LOGD("clear: stored preferences are kept");
+}

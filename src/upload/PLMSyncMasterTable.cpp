@@ -101,10 +101,9 @@ int master_set_string(const char* key, const char* value) {
                                      "value",       value,     WHERE,          condition.c_str()};
         request = get_query_bundle(pairs, 12);
     } else {
-        const char* const pairs[] = {OPERATION_KEY, OP_INSERT, URI_TABLE_NAME, "master",
-                                     COLUMN_COUNT,  "2",       "COL1",         "key",
-                                     "key",         key,       "COL2",         "value",
-                                     "value",       value};
+        const char* const pairs[] = {
+            OPERATION_KEY, OP_INSERT, URI_TABLE_NAME, "master", COLUMN_COUNT, "2",  "COL1", "key",
+            "key",         key,       "COL2",         "value",  "value",      value};
         request = get_query_bundle(pairs, 14);
     }
     if (!request) {
@@ -112,7 +111,8 @@ int master_set_string(const char* key, const char* value) {
         return -1;
     }
     rc = insert_into_db(request.get());
-    if (rc != 0) LOGE("insert_into_db failed retval = %d", rc);
+    if (rc != 0)
+        LOGE("insert_into_db failed retval = %d", rc);
     return rc;
 }
 
@@ -161,6 +161,7 @@ std::string master_get_value(const std::string& key, bool* ok) {
     char* raw = nullptr;
     const int rc = master_get_string(key.c_str(), &raw);
     std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
-    if (ok != nullptr) *ok = rc == 0;
+    if (ok != nullptr)
+        *ok = rc == 0;
     return owned ? std::string(owned.get()) : std::string();
 }

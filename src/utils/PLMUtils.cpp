@@ -2,10 +2,10 @@
 
 #include <openssl/evp.h>
 
-#include <cstdio>
-#include <memory>
 #include <pelio/platform/Preferences.h>
 #include <pelio/platform/SystemInfo.h>
+#include <cstdio>
+#include <memory>
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
@@ -13,8 +13,8 @@
 #include "utils/BundleMacro.h"
 
 using pelio::platform::Bundle;
-using pelio::platform::preferences;
 using pelio::platform::PREFERENCE_ERROR_NONE;
+using pelio::platform::preferences;
 
 namespace {
 
@@ -111,19 +111,23 @@ std::string getMediaHexaId(int audioRowId) {
 
 void sendsyncTriggerToEmbedded() {
     const int rc = preferences().setInt(plm::PREF_TRIGGER_EMBEDDED, 1);
-    if (rc != PREFERENCE_ERROR_NONE) LOGE("preference_set_int ERROR");
+    if (rc != PREFERENCE_ERROR_NONE)
+        LOGE("preference_set_int ERROR");
 }
 
 int getEmbeddedTriggerStatus() {
     int value = 0;
-    if (!preferenceExists(plm::PREF_TRIGGER_EMBEDDED)) return 0;
-    if (preferences().getInt(plm::PREF_TRIGGER_EMBEDDED, value) != PREFERENCE_ERROR_NONE) return 0;
+    if (!preferenceExists(plm::PREF_TRIGGER_EMBEDDED))
+        return 0;
+    if (preferences().getInt(plm::PREF_TRIGGER_EMBEDDED, value) != PREFERENCE_ERROR_NONE)
+        return 0;
     return value;
 }
 
 void clearEmbeddedTrigger() {
     const int rc = preferences().setInt(plm::PREF_TRIGGER_EMBEDDED, 0);
-    if (rc != PREFERENCE_ERROR_NONE) LOGE("preference_set_int ERROR");
+    if (rc != PREFERENCE_ERROR_NONE)
+        LOGE("preference_set_int ERROR");
 }
 
 std::string getHashedDeviceId() {
@@ -136,9 +140,8 @@ std::string getHashedDeviceId() {
         return stored;
     }
     std::string platformId;
-    const int rc =
-        pelio::platform::systemInfo().getPlatformString(pelio::platform::kSystemKeyDeviceId,
-                                                        platformId);
+    const int rc = pelio::platform::systemInfo().getPlatformString(
+        pelio::platform::kSystemKeyDeviceId, platformId);
     LOGD("device id2 is [%s]", platformId.c_str());
     if (rc != pelio::platform::SYSTEM_INFO_ERROR_NONE) {
         LOGE("error code  is  %d", rc);

@@ -2,9 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <pelio/platform/AppPaths.h>
 #include <cerrno>
 #include <cstring>
-#include <pelio/platform/AppPaths.h>
 
 #include "PelioLog.h"
 
@@ -12,7 +12,8 @@ namespace {
 
 // Platform directory (ending in "/") followed directly by the relative part; "" without directory.
 std::string join(const std::string& dir, const std::string& relative) {
-    if (dir.empty()) return "";
+    if (dir.empty())
+        return "";
     return dir + relative;
 }
 
@@ -56,7 +57,14 @@ void PathConfig::MakeAppSubDir() {
         LOGE("mkdir for databases failed (%s)", "no shared trusted directory");
         return;
     }
-    if (mkdir(dir.c_str(), 0744) != 0 && errno != EEXIST) {
-        LOGE("mkdir for databases failed (%s)", strerror(errno));
+    if (mkdir(dir.c_str(), 0744) == 0)
+        return;
+    int error = errno;
+    struct stat st;
+    if (error == EEXIST) {
+        if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+            return;  // already there
+        error = ENOTDIR;
     }
+    LOGE("mkdir for databases failed (%s)", strerror(error));
 }

@@ -19,9 +19,13 @@ struct FreeDeleter {
 
 }  // namespace
 
-UMgrGzip::UMgrGzip() { LOGD(""); }
+UMgrGzip::UMgrGzip() {
+    LOGD("");
+}
 
-UMgrGzip::~UMgrGzip() { LOGD(""); }
+UMgrGzip::~UMgrGzip() {
+    LOGD("");
+}
 
 int UMgrGzip::compress(const std::string& source, int level, unsigned char** compressed,
                        int* compressedSize) {
@@ -68,7 +72,8 @@ int UMgrGzip::compress(const std::string& source, int level, unsigned char** com
         return RESULT;  // the buffer is released here, nothing refers to it
     }
     *compressedSize = outSize;
-    if (compressed != nullptr) *compressed = buffer.release();
+    if (compressed != nullptr)
+        *compressed = buffer.release();
     return RESULT;
 }
 

@@ -8,7 +8,8 @@ namespace pelio::test {
 
 FakeAppPaths::FakeAppPaths() {
     std::string templ = (std::filesystem::temp_directory_path() / "pelio-paths-XXXXXX").string();
-    if (mkdtemp(templ.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    if (mkdtemp(templ.data()) == nullptr)
+        throw std::runtime_error("mkdtemp failed");
     root_ = templ + "/";
     for (const char* dir : {"data", "shared/data", "shared/trusted", "res/shared"})
         std::filesystem::create_directories(root_ + dir);
@@ -25,10 +26,20 @@ std::string FakeAppPaths::answer(const std::string& relative) const {
     return available_ ? root_ + relative : std::string();
 }
 
-std::string FakeAppPaths::dataPath() { return answer("data/"); }
-std::string FakeAppPaths::sharedDataPath() { return answer("shared/data/"); }
-std::string FakeAppPaths::sharedTrustedPath() { return answer("shared/trusted/"); }
-std::string FakeAppPaths::resourcePath() { return answer("res/"); }
-std::string FakeAppPaths::sharedResourcePath() { return answer("res/shared/"); }
+std::string FakeAppPaths::dataPath() {
+    return answer("data/");
+}
+std::string FakeAppPaths::sharedDataPath() {
+    return answer("shared/data/");
+}
+std::string FakeAppPaths::sharedTrustedPath() {
+    return answer("shared/trusted/");
+}
+std::string FakeAppPaths::resourcePath() {
+    return answer("res/");
+}
+std::string FakeAppPaths::sharedResourcePath() {
+    return answer("res/shared/");
+}
 
 }  // namespace pelio::test

@@ -4,14 +4,14 @@
 // "" (no directory), as a platform without the directory would.
 #pragma once
 
-#include <atomic>
 #include <pelio/platform/AppPaths.h>
+#include <atomic>
 #include <string>
 
 namespace pelio::test {
 
 class FakeAppPaths : public pelio::platform::AppPaths {
-public:
+  public:
     FakeAppPaths();
     ~FakeAppPaths() override;
 
@@ -24,7 +24,7 @@ public:
     const std::string& root() const { return root_; }  // with trailing "/"
     void setAvailable(bool available) { available_ = available; }
 
-private:
+  private:
     std::string answer(const std::string& relative) const;
     std::string root_;
     std::atomic<bool> available_{true};

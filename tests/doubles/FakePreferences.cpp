@@ -10,7 +10,8 @@ namespace pelio::test {
 int FakePreferences::enter(const std::string& operation) {
     ++calls_[operation];
     auto it = failures_.find(operation);
-    if (it == failures_.end() || it->second.second <= 0) return 0;
+    if (it == failures_.end() || it->second.second <= 0)
+        return 0;
     --it->second.second;
     return it->second.first;
 }
@@ -29,8 +30,10 @@ int FakePreferences::calls(const std::string& operation) const {
 int FakePreferences::set(const std::string& op, const std::string& key, PreferenceType type,
                          const std::string& text) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = enter(op)) return rc;
-    if (key.empty()) return pelio::platform::PREFERENCE_ERROR_INVALID_PARAMETER;
+    if (int rc = enter(op))
+        return rc;
+    if (key.empty())
+        return pelio::platform::PREFERENCE_ERROR_INVALID_PARAMETER;
     values_[key] = {type, text};
     return 0;
 }
@@ -38,7 +41,8 @@ int FakePreferences::set(const std::string& op, const std::string& key, Preferen
 int FakePreferences::get(const std::string& op, const std::string& key, PreferenceType type,
                          std::string& text) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = enter(op)) return rc;
+    if (int rc = enter(op))
+        return rc;
     auto it = values_.find(key);
     if (it == values_.end() || it->second.first != type)
         return pelio::platform::PREFERENCE_ERROR_NO_KEY;
@@ -52,7 +56,8 @@ int FakePreferences::setInt(const std::string& key, int value) {
 int FakePreferences::getInt(const std::string& key, int& value) {
     std::string text;
     int rc = get("getInt", key, PreferenceType::Int, text);
-    if (rc == 0) value = std::atoi(text.c_str());
+    if (rc == 0)
+        value = std::atoi(text.c_str());
     return rc;
 }
 int FakePreferences::setDouble(const std::string& key, double value) {
@@ -63,7 +68,8 @@ int FakePreferences::setDouble(const std::string& key, double value) {
 int FakePreferences::getDouble(const std::string& key, double& value) {
     std::string text;
     int rc = get("getDouble", key, PreferenceType::Double, text);
-    if (rc == 0) value = std::strtod(text.c_str(), nullptr);
+    if (rc == 0)
+        value = std::strtod(text.c_str(), nullptr);
     return rc;
 }
 int FakePreferences::setBoolean(const std::string& key, bool value) {
@@ -72,7 +78,8 @@ int FakePreferences::setBoolean(const std::string& key, bool value) {
 int FakePreferences::getBoolean(const std::string& key, bool& value) {
     std::string text;
     int rc = get("getBoolean", key, PreferenceType::Boolean, text);
-    if (rc == 0) value = text == "true";
+    if (rc == 0)
+        value = text == "true";
     return rc;
 }
 int FakePreferences::setString(const std::string& key, const std::string& value) {
@@ -83,19 +90,22 @@ int FakePreferences::getString(const std::string& key, std::string& value) {
 }
 int FakePreferences::isExisting(const std::string& key, bool& existing) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = enter("isExisting")) return rc;
+    if (int rc = enter("isExisting"))
+        return rc;
     existing = values_.count(key) > 0;
     return 0;
 }
 int FakePreferences::remove(const std::string& key) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = enter("remove")) return rc;
+    if (int rc = enter("remove"))
+        return rc;
     return values_.erase(key) ? 0 : pelio::platform::PREFERENCE_ERROR_NO_KEY;
 }
 std::vector<pelio::platform::PreferenceItem> FakePreferences::items() {
     std::lock_guard<std::mutex> guard(mutex_);
     std::vector<pelio::platform::PreferenceItem> out;
-    for (const auto& [key, value] : values_) out.push_back({key, value.first, value.second});
+    for (const auto& [key, value] : values_)
+        out.push_back({key, value.first, value.second});
     return out;
 }
 

@@ -2,15 +2,15 @@
 // makes the next calls of one operation fail with a given code; calls() counts each operation.
 #pragma once
 
+#include <pelio/platform/Preferences.h>
 #include <map>
 #include <mutex>
-#include <pelio/platform/Preferences.h>
 #include <string>
 
 namespace pelio::test {
 
 class FakePreferences : public pelio::platform::Preferences {
-public:
+  public:
     int setInt(const std::string& key, int value) override;
     int getInt(const std::string& key, int& value) override;
     int setDouble(const std::string& key, double value) override;
@@ -27,7 +27,7 @@ public:
     void failNext(const std::string& operation, int code, int times = 1);
     int calls(const std::string& operation) const;
 
-private:
+  private:
     int enter(const std::string& operation);  // counts; the injected failure code or 0
     int set(const std::string& op, const std::string& key, pelio::platform::PreferenceType type,
             const std::string& text);

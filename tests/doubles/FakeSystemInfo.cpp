@@ -5,9 +5,11 @@ namespace pelio::test {
 int FakeSystemInfo::getPlatformString(const std::string& key, std::string& value) {
     std::lock_guard<std::mutex> guard(mutex_);
     ++calls_[key];
-    if (auto f = failures_.find(key); f != failures_.end()) return f->second;
+    if (auto f = failures_.find(key); f != failures_.end())
+        return f->second;
     auto it = values_.find(key);
-    if (it == values_.end()) return pelio::platform::SYSTEM_INFO_ERROR_IO_ERROR;
+    if (it == values_.end())
+        return pelio::platform::SYSTEM_INFO_ERROR_IO_ERROR;
     value = it->second;
     return pelio::platform::SYSTEM_INFO_ERROR_NONE;
 }

@@ -2,15 +2,15 @@
 // with an error), and a count of the calls per key so a test can check a lookup was not repeated.
 #pragma once
 
+#include <pelio/platform/SystemInfo.h>
 #include <map>
 #include <mutex>
-#include <pelio/platform/SystemInfo.h>
 #include <string>
 
 namespace pelio::test {
 
 class FakeSystemInfo : public pelio::platform::SystemInfo {
-public:
+  public:
     int getPlatformString(const std::string& key, std::string& value) override;
 
     void set(const std::string& key, const std::string& value);
@@ -18,7 +18,7 @@ public:
     void fail(const std::string& key, int code);
     int calls(const std::string& key) const;
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::map<std::string, std::string> values_;
     std::map<std::string, int> failures_;

@@ -5,6 +5,7 @@
 //   resources       <prefix>/share/<appid>/      shared resources  <prefix>/share/<appid>/shared/
 // Every directory ends with "/". $XDG_DATA_HOME defaults to $HOME/.local/share. The data
 // directories are created on first query; an empty string means the directory is not available.
+// The Linux implementation reads the environment on every call (tests move HOME between cases).
 #pragma once
 
 #include <memory>
@@ -12,7 +13,8 @@
 
 namespace pelio::platform {
 
-// The application id of this process (default "com.quorvin.plmsvc").
+// The application id of this process (default "com.quorvin.plmsvc"). Set it before other threads
+// start (process entry); the returned reference is not re-read under a lock.
 const std::string& currentAppId();
 void setCurrentAppId(const std::string& appId);
 

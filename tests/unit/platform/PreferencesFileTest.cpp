@@ -1,0 +1,188 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <pelio/platform/Preferences.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "support/LogCapture.h"
+
+using namespace pelio::platform;
+
+namespace {
+
+class PreferencesFileTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char templ[] = "/tmp/pelio-prefs-XXXXXX";
+        dir_ = mkdtemp(templ);
+        file_ = dir_ + "/.preferences.ini";
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+    std::string contents(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        std::ostringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    std::vector<std::string> dirEntries() {
+        std::vector<std::string> names;
+        for (const auto& e : std::filesystem::directory_iterator(dir_))
+            names.push_back(e.path().filename().string());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    std::string dir_, file_;
+    pelio::test::LogCapture log_;
+};
+
+TEST_F(PreferencesFileTest, TypedValuesPersistAcrossInstancesAndTypesAreChecked) {
+    {
+        auto prefs = openPreferencesFile(file_, false);
+        EXPECT_EQ(0, prefs->setInt("port", -8443));
+        EXPECT_EQ(0, prefs->setDouble("ratio", 0.1));
+        EXPECT_EQ(0, prefs->setBoolean("is_force", true));
+        EXPECT_EQ(0, prefs->setString("odd key=x", "line1\nline2 \\ = end"));
+        EXPECT_EQ(0, prefs->setString("empty", ""));
+        EXPECT_EQ(PREFERENCE_ERROR_INVALID_PARAMETER, prefs->setString("", "v"));
+    }
+    auto prefs = openPreferencesFile(file_, false);
+    int port = 0;
+    double ratio = 0;
+    bool force = false;
+    std::string text = "before";
+    EXPECT_EQ(0, prefs->getInt("port", port));
+    EXPECT_EQ(-8443, port);
+    EXPECT_EQ(0, prefs->getDouble("ratio", ratio));
+    EXPECT_EQ(0.1, ratio);
+    EXPECT_EQ(0, prefs->getBoolean("is_force", force));
+    EXPECT_TRUE(force);
+    EXPECT_EQ(0, prefs->getString("odd key=x", text));
+    EXPECT_EQ("line1\nline2 \\ = end", text);
+    EXPECT_EQ(0, prefs->getString("empty", text));
+    EXPECT_EQ("", text);
+
+    // A get with another type is an error and leaves the output alone.
+    text = "kept";
+    EXPECT_EQ(PREFERENCE_ERROR_NO_KEY, prefs->getString("port", text));
+    EXPECT_EQ("kept", text);
+    EXPECT_EQ(PREFERENCE_ERROR_NO_KEY, prefs->getInt("is_force", port));
+    EXPECT_EQ(PREFERENCE_ERROR_NO_KEY, prefs->getInt("missing", port));
+    // A set with another type replaces the type.
+    EXPECT_EQ(0, prefs->setString("port", "x"));
+    EXPECT_EQ(PREFERENCE_ERROR_NO_KEY, prefs->getInt("port", port));
+
+    bool existing = false;
+    EXPECT_EQ(0, prefs->isExisting("ratio", existing));
+    EXPECT_TRUE(existing);
+    EXPECT_EQ(0, prefs->remove("ratio"));
+    EXPECT_EQ(0, prefs->isExisting("ratio", existing));
+    EXPECT_FALSE(existing);
+    EXPECT_EQ(PREFERENCE_ERROR_NO_KEY, prefs->remove("ratio"));
+
+    const auto items = prefs->items();
+    ASSERT_EQ(4u, items.size());
+    EXPECT_EQ("empty", items[0].key);
+    EXPECT_EQ("is_force", items[1].key);
+    EXPECT_EQ(PreferenceType::Boolean, items[1].type);
+    EXPECT_EQ("true", items[1].value);
+    EXPECT_STREQ("bool", preferenceTypeName(items[1].type));
+    EXPECT_EQ("odd key=x", items[2].key);
+    EXPECT_EQ("port", items[3].key);
+
+    struct stat st;
+    ASSERT_EQ(0, stat(file_.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777u);
+    EXPECT_EQ((std::vector<std::string>{".preferences.ini"}), dirEntries());  // no temp files left
+}
+
+TEST_F(PreferencesFileTest, ReadOnlyStoreNeverWrites) {
+    auto missing = openPreferencesFile(file_, true);
+    EXPECT_TRUE(missing->items().empty());
+    EXPECT_EQ(PREFERENCE_ERROR_IO_ERROR, missing->setInt("a", 1));
+    EXPECT_FALSE(std::filesystem::exists(file_));
+
+    openPreferencesFile(file_, false)->setInt("a", 1);
+    const std::string before = contents(file_);
+    auto ro = openPreferencesFile(file_, true);
+    EXPECT_EQ(PREFERENCE_ERROR_IO_ERROR, ro->setString("b", "x"));
+    EXPECT_EQ(PREFERENCE_ERROR_IO_ERROR, ro->remove("a"));
+    int a = 0;
+    EXPECT_EQ(0, ro->getInt("a", a));
+    EXPECT_EQ(1, a);
+    EXPECT_EQ(before, contents(file_));
+}
+
+TEST_F(PreferencesFileTest, DamagedFileIsLoggedTreatedAsEmptyAndKeptAside) {
+    const std::vector<std::string> damaged = {
+        "garbage without header\n",
+        "# pelio preferences 1\ni:port=notanumber\n",
+        "# pelio preferences 1\nx:key=1\n",
+        "# pelio preferences 1\ns:noequals\n",
+        "# pelio preferences 1\nb:flag=maybe\n",
+        "# pelio preferences 1\ns:k=bad escape \\q\n",
+        std::string("\0\1\2\3", 4),
+    };
+    for (const auto& text : damaged) {
+        std::filesystem::remove(file_ + ".damaged");
+        std::ofstream(file_, std::ios::binary) << text;
+        log_.clear();
+        auto prefs = openPreferencesFile(file_, false);
+        bool existing = true;
+        EXPECT_EQ(0, prefs->isExisting("port", existing));
+        EXPECT_FALSE(existing);
+        EXPECT_TRUE(prefs->items().empty());
+        EXPECT_TRUE(log_.contains("damaged store")) << text;
+        // The next write starts a fresh store and keeps the damaged one for inspection.
+        EXPECT_EQ(0, prefs->setInt("port", 1));
+        EXPECT_EQ(text, contents(file_ + ".damaged"));
+        int port = 0;
+        EXPECT_EQ(0, prefs->getInt("port", port));
+        EXPECT_EQ(1, port);
+    }
+    // An empty file is an empty store, not damage.
+    std::ofstream(file_, std::ios::trunc).close();
+    log_.clear();
+    EXPECT_TRUE(openPreferencesFile(file_, false)->items().empty());
+    EXPECT_FALSE(log_.contains("damaged store"));
+}
+
+TEST_F(PreferencesFileTest, WriteIntoAMissingDirectoryFailsWithIoError) {
+    auto prefs = openPreferencesFile(dir_ + "/no/such/dir/prefs.ini", false);
+    EXPECT_EQ(PREFERENCE_ERROR_IO_ERROR, prefs->setInt("a", 1));
+    EXPECT_TRUE(log_.contains("preferences: cannot create"));
+}
+
+TEST_F(PreferencesFileTest, ThreadedWritersNeverTearTheFile) {
+    auto prefs = openPreferencesFile(file_, false);
+    std::atomic<bool> done{false};
+    std::atomic<int> torn{0};
+    std::thread reader([&] {
+        // Another instance on the same file sees complete stores only.
+        auto other = openPreferencesFile(file_, true);
+        while (!done) {
+            for (const auto& item : other->items())
+                if (item.value != "v" + item.key.substr(1))
+                    ++torn;
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 3; ++t)
+        writers.emplace_back([&, t] {
+            for (int i = 0; i < 30; ++i) {
+                const std::string n = std::to_string(t * 100 + i);
+                prefs->setString("k" + n, "v" + n);
+            }
+        });
+    for (auto& w : writers)
+        w.join();
+    done = true;
+    reader.join();
+    EXPECT_EQ(0, torn.load());
+    EXPECT_EQ(90u, prefs->items().size());
+    EXPECT_FALSE(log_.contains("damaged store"));
+}
+
+}  // namespace

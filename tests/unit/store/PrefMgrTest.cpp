@@ -1,0 +1,108 @@
+#include "pref/PrefMgr.h"
+
+#include <gtest/gtest.h>
+
+#include "doubles/FakePreferences.h"
+#include "support/LogCapture.h"
+
+using namespace pelio::test;
+using pelio::platform::PreferenceType;
+
+namespace {
+
+class PrefMgrTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        auto fake = std::make_unique<FakePreferences>();
+        prefs_ = fake.get();
+        pelio::platform::installPreferences(std::move(fake));
+    }
+    void TearDown() override { pelio::platform::installPreferences(nullptr); }
+    FakePreferences* prefs_ = nullptr;
+    LogCapture log_;
+};
+
+TEST_F(PrefMgrTest, InitSeedsTheKeysWithTypesAndNeverOverwrites) {
+    PrefMgr mgr;
+    mgr.init();
+    const auto items = prefs_->items();
+    ASSERT_EQ(8u, items.size());
+    for (const auto& item : items) {
+        if (item.key == "sync_need") {
+            EXPECT_EQ(PreferenceType::Int, item.type);
+            EXPECT_EQ("0", item.value);
+        } else {
+            EXPECT_EQ(PreferenceType::String, item.type) << item.key;
+            EXPECT_EQ("", item.value) << item.key;
+        }
+    }
+    bool existing = true;
+    prefs_->isExisting("device_id", existing);
+    EXPECT_FALSE(existing);
+    prefs_->isExisting("language", existing);
+    EXPECT_FALSE(existing);
+
+    mgr.set("plm_id", std::string("P-1"));
+    mgr.set("sync_need", 5);
+    mgr.init();
+    std::string plm = "old";
+    mgr.get("plm_id", plm);
+    EXPECT_EQ("P-1", plm);
+    int need = 0;
+    prefs_->getInt("sync_need", need);
+    EXPECT_EQ(5, need);
+
+    mgr.clear();
+    EXPECT_EQ(8u, prefs_->items().size());
+}
+
+TEST_F(PrefMgrTest, TypedSetGetAndRemoveLogAndSwallowFailures) {
+    PrefMgr mgr;
+    mgr.set("is_force", true);
+    mgr.set("port", 8443);
+    mgr.set("server_ip", "127.0.0.1");
+    bool force = false;
+    int port = 0;
+    EXPECT_EQ(0, prefs_->getBoolean("is_force", force));
+    EXPECT_TRUE(force);
+    EXPECT_EQ(0, prefs_->getInt("port", port));
+    EXPECT_EQ(8443, port);
+
+    std::string out = "unchanged";
+    mgr.get("missing", out);
+    EXPECT_EQ("unchanged", out);
+    EXPECT_TRUE(log_.hasMessage("value get from str key[missing] got error with code[-126]"));
+    mgr.get("port", out);  // stored as an int: a type mismatch is an error
+    EXPECT_EQ("unchanged", out);
+    mgr.get("server_ip", out);
+    EXPECT_EQ("127.0.0.1", out);
+
+    prefs_->failNext("setBoolean", -5);
+    mgr.set("is_force", false);
+    EXPECT_TRUE(log_.hasMessage("value set to bool key[is_force] got error with code[-5]"));
+    prefs_->failNext("setInt", -5);
+    mgr.set("port", 1);
+    EXPECT_TRUE(log_.hasMessage("value set to int key[port] got error with code[-5]"));
+    prefs_->failNext("setString", -5);
+    mgr.set("server_ip", std::string("x"));
+    EXPECT_TRUE(log_.hasMessage("value set to str key[server_ip] got error with code[-5]"));
+
+    mgr.remove("port");
+    bool existing = true;
+    prefs_->isExisting("port", existing);
+    EXPECT_FALSE(existing);
+    mgr.remove("port");
+    EXPECT_TRUE(log_.hasMessage("remove key[port] got error with code[-126]"));
+
+    prefs_->failNext("isExisting", -5);
+    prefs_->failNext("setString", -5, 100);
+    mgr.init();
+    EXPECT_TRUE(log_.hasMessage("preference_is_existing check ERROR"));
+    EXPECT_TRUE(log_.hasMessage("preference_set_string ERROR"));
+    prefs_->remove("sync_need");
+    prefs_->failNext("setInt", -5);
+    mgr.init();
+    EXPECT_TRUE(log_.hasMessage("preference_set_int ERROR"));
+}
+
+}  // namespace

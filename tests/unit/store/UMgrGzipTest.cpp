@@ -1,0 +1,154 @@
+#include "utils/UMgrGzip.h"
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "support/LogCapture.h"
+
+using namespace pelio::test;
+
+namespace {
+
+// gzip-compresses text with zlib directly, in one member.
+std::string gzipOf(const std::string& text) {
+    z_stream s{};
+    deflateInit2(&s, 6, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
+    std::string out(deflateBound(&s, text.size()) + 32, '\0');
+    s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    s.avail_in = static_cast<uInt>(text.size());
+    s.next_out = reinterpret_cast<Bytef*>(out.data());
+    s.avail_out = static_cast<uInt>(out.size());
+    deflate(&s, Z_FINISH);
+    out.resize(s.total_out);
+    deflateEnd(&s);
+    return out;
+}
+
+// Runs the system's gzip -d on bytes; the inflated text, or "<gzip failed>".
+std::string systemGunzip(const unsigned char* data, int size) {
+    char dirTemplate[] = "/tmp/pelio-gzip-XXXXXX";
+    const std::string dir = mkdtemp(dirTemplate);
+    const std::string file = dir + "/part.gz";
+    std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(data), size);
+    const int rc = std::system(("gzip -d '" + file + "'").c_str());
+    std::string out = "<gzip failed>";
+    if (rc == 0) {
+        std::ifstream in(dir + "/part", std::ios::binary);
+        std::ostringstream ss;
+        ss << in.rdbuf();
+        out = ss.str();
+    }
+    std::filesystem::remove_all(dir);
+    return out;
+}
+
+TEST(UMgrGzipTest, CompressOutputIsAGzipMemberTheSystemGzipReads) {
+    LogCapture log;
+    UMgrGzip gzip;
+    std::string json = "{\"docs\": [";
+    for (int i = 0; i < 500; ++i)
+        json += "{\"_id\": \"contact" + std::to_string(i) + "\"},";
+    json += "{}]}";
+    unsigned char* compressed = nullptr;
+    int size = 0;
+    EXPECT_EQ(100, gzip.compress(json, 6, &compressed, &size));
+    ASSERT_NE(nullptr, compressed);
+    std::unique_ptr<unsigned char, decltype(&std::free)> owned(compressed, &std::free);
+    ASSERT_GT(size, 18);
+    EXPECT_LT(size, static_cast<int>(json.size()));
+    EXPECT_EQ(0x1F, compressed[0]);
+    EXPECT_EQ(0x8B, compressed[1]);
+    EXPECT_EQ(json, systemGunzip(compressed, size));
+    EXPECT_TRUE(log.hasMessage("sourceLen[" + std::to_string(json.size()) + "]"));
+    EXPECT_TRUE(log.hasMessage("compressLevel[6]"));
+    EXPECT_TRUE(log.hasMessage("outPutSize[" + std::to_string(size) + "]"));
+
+    // And back through deCompress.
+    std::string back;
+    EXPECT_EQ(100, gzip.deCompress(compressed, size, back));
+    EXPECT_EQ(json, back);
+}
+
+TEST(UMgrGzipTest, CompressRejectsEmptySourceAndNullSize) {
+    LogCapture log;
+    UMgrGzip gzip;
+    unsigned char* compressed = reinterpret_cast<unsigned char*>(0x1);
+    int size = 77;
+    EXPECT_EQ(100, gzip.compress("", 6, &compressed, &size));
+    EXPECT_EQ(reinterpret_cast<unsigned char*>(0x1), compressed);
+    EXPECT_EQ(77, size);
+    EXPECT_TRUE(log.hasMessage("Empty source"));
+    EXPECT_EQ(100, gzip.compress("abc", 6, &compressed, nullptr));
+    EXPECT_EQ(reinterpret_cast<unsigned char*>(0x1), compressed);
+    EXPECT_TRUE(log.hasMessage("compressedSize is NULL"));
+}
+
+TEST(UMgrGzipTest, DeCompressAssemblesLargeRepliesInOrderAndCutsChunksAtZeroBytes) {
+    LogCapture log;
+    UMgrGzip gzip;
+    // 2.5 chunks of text whose every position is distinct enough to catch misordering.
+    std::string big;
+    std::mt19937 rng(7);
+    while (big.size() < 2560000)
+        big += "[\"row" + std::to_string(rng() % 100000) + "\"],";
+    const std::string gz = gzipOf(big);
+    std::string out;
+    EXPECT_EQ(100,
+              gzip.deCompress(reinterpret_cast<const unsigned char*>(gz.data()), gz.size(), out));
+    EXPECT_EQ(big.size(), out.size());
+    EXPECT_TRUE(out == big);
+    // Two full rounds, then the end of the stream in a third.
+    EXPECT_EQ(2, log.count("inflate result[0], deCompressing Size[0]"));
+    EXPECT_EQ(1, log.count("inflate result[1], deCompressing Size[" +
+                           std::to_string(3 * 1024000 - big.size()) + "]"));
+    EXPECT_TRUE(log.hasMessage("deCompressed Size[" + std::to_string(big.size()) + "]"));
+
+    // A zero byte ends the chunk's text.
+    const std::string withZero = std::string("abc") + '\0' + "def";
+    const std::string gz2 = gzipOf(withZero);
+    std::string cut;
+    gzip.deCompress(reinterpret_cast<const unsigned char*>(gz2.data()), gz2.size(), cut);
+    EXPECT_EQ("abc", cut);
+}
+
+TEST(UMgrGzipTest, DeCompressOfBadInputStillReturns100) {
+    LogCapture log;
+    UMgrGzip gzip;
+    std::string out = "kept";
+    EXPECT_EQ(100, gzip.deCompress(nullptr, 10, out));
+    EXPECT_TRUE(log.hasMessage("Empty source"));
+    const unsigned char byte = 1;
+    EXPECT_EQ(100, gzip.deCompress(&byte, 0, out));
+    EXPECT_TRUE(log.hasMessage("Empty source size"));
+    EXPECT_EQ("kept", out);
+
+    const std::string garbage = "this is not gzip at all";
+    EXPECT_EQ(100, gzip.deCompress(reinterpret_cast<const unsigned char*>(garbage.data()),
+                                   garbage.size(), out));
+    EXPECT_EQ("", out);
+    EXPECT_TRUE(log.contains("inflate result[-3]"));
+
+    // A zlib-wrapped reply is not accepted.
+    uLongf zlen = compressBound(5);
+    std::vector<Bytef> zlibbed(zlen);
+    ::compress(zlibbed.data(), &zlen, reinterpret_cast<const Bytef*>("hello"), 5);
+    out = "x";
+    gzip.deCompress(zlibbed.data(), zlen, out);
+    EXPECT_EQ("", out);
+
+    // A truncated member gives the text inflated before the end.
+    std::string text(5000, 'a');
+    std::string gz = gzipOf(text);
+    gz.resize(gz.size() - 8);  // trailer gone
+    gzip.deCompress(reinterpret_cast<const unsigned char*>(gz.data()), gz.size(), out);
+    EXPECT_EQ(text, out);
+}
+
+}  // namespace
