@@ -24,9 +24,13 @@ BaseSyncHandler::~BaseSyncHandler() {
     mSyncManager = nullptr;
 }
 
-DbManager* BaseSyncHandler::db() { return DbManager::getInstance(); }
+DbManager* BaseSyncHandler::db() {
+    return DbManager::getInstance();
+}
 
-int BaseSyncHandler::initHandler() { return 0; }
+int BaseSyncHandler::initHandler() {
+    return 0;
+}
 
 void BaseSyncHandler::_pushLocked(int syncType) {
     g_async_queue_push(mQueue.get(), GINT_TO_POINTER(syncType));
@@ -43,7 +47,8 @@ void BaseSyncHandler::_resetQueueLocked() {
     int count = 0;
     for (;;) {
         const int type = _popLocked();
-        if (type == 0) break;
+        if (type == 0)
+            break;
         LOGD("popped during reset[%d]", type);
         ++count;
     }
@@ -105,9 +110,13 @@ int BaseSyncHandler::requestSync(int syncType) {
     return 0;
 }
 
-bool BaseSyncHandler::isForcedPending() { return mPendingType.load() == plm::SYNC_TYPE_FORCE; }
+bool BaseSyncHandler::isForcedPending() {
+    return mPendingType.load() == plm::SYNC_TYPE_FORCE;
+}
 
-bool BaseSyncHandler::isInterrupted() { return mStopRequested.load() || isForcedPending(); }
+bool BaseSyncHandler::isInterrupted() {
+    return mStopRequested.load() || isForcedPending();
+}
 
 int BaseSyncHandler::queueLength() {
     std::lock_guard<std::mutex> guard(mQueueLock);

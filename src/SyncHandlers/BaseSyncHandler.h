@@ -39,7 +39,7 @@
 class DbManager;
 
 class BaseSyncHandler {
-public:
+  public:
     // host: the sync manager (PLMSyncManager::getInstance()) unless a test hands in its own.
     explicit BaseSyncHandler(SyncHandlerHost* host = nullptr);
     virtual ~BaseSyncHandler();
@@ -77,7 +77,7 @@ public:
     // all zeros after the prefix, gives "".
     static std::string decodeDocumentId(const std::string& documentId);
 
-protected:
+  protected:
     int selectAll(const std::string& table, const std::string& projection,
                   pelio::platform::Bundle* result);
     int deleteAll(const std::string& table);
@@ -94,7 +94,7 @@ protected:
     SyncHandlerHost* mSyncManager = nullptr;
     int mDomainId = -1;
 
-private:
+  private:
     struct QueueUnref {
         void operator()(GAsyncQueue* q) const { g_async_queue_unref(q); }
     };

@@ -29,7 +29,8 @@ constexpr const char* kColVersion = "version";
 
 // Base-10 value of a column text; fallback when the column is absent.
 int parseColumn(const std::string& text, int fallback) {
-    if (text.empty()) return fallback;
+    if (text.empty())
+        return fallback;
     return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
 }
 
@@ -76,7 +77,9 @@ ContactsSyncHandler::ContactsSyncHandler(SyncHandlerHost* host) : BaseSyncHandle
     mDomainId = plm::SYNC_ITEM_CONTACTS;
 }
 
-ContactsSyncHandler::~ContactsSyncHandler() { stopWorker(); }
+ContactsSyncHandler::~ContactsSyncHandler() {
+    stopWorker();
+}
 
 int ContactsSyncHandler::readSyncContactsDbVersion(int& version) {
     const int ret = pp::preferences().getInt(plm::PREF_CONTACTS_DB_VERSION, version);
@@ -159,7 +162,8 @@ int ContactsSyncHandler::syncData(int syncType) {
 }
 
 bool ContactsSyncHandler::_isSyncRequired() {
-    if (_isSyncRequiredByPreviousSyncStatus()) return true;
+    if (_isSyncRequiredByPreviousSyncStatus())
+        return true;
     return _isSyncRequiredByContactsDbVersion();
 }
 
@@ -233,7 +237,8 @@ int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
         int rows = 0;
         for (int n = 1;; ++n) {
             std::vector<uint8_t> bytes;
-            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE) break;
+            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE)
+                break;
             ++rows;
             auto row = Bundle::decode(bytes);
             if (!row) {
@@ -248,7 +253,8 @@ int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
             put(map, info);  // a repeated _id keeps the latest row's values
         }
         total += rows;
-        if (rows < kReadPageRows) break;
+        if (rows < kReadPageRows)
+            break;
     }
     if (total == 0) {
         LOGD("no information present");
@@ -306,7 +312,8 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
         // walk from the start would find it).
         std::unordered_map<int, const pp::ContactSummary*> byId;
         byId.reserve(all.size());
-        for (const auto& c : all) byId.emplace(c.id, &c);
+        for (const auto& c : all)
+            byId.emplace(c.id, &c);
 
         for (const auto& change : changes) {
             if (isInterrupted()) {
@@ -383,7 +390,8 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
             return 2;
         }
         const auto* info = static_cast<const ContactSyncInfo*>(value);
-        if (info->dirty == plm::DIRTY_SYNCED) continue;
+        if (info->dirty == plm::DIRTY_SYNCED)
+            continue;
 
         const std::string idText = std::to_string(info->id);
         Bundle request;

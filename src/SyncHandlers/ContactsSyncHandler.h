@@ -34,7 +34,7 @@ struct ContactSyncInfo {
 };
 
 class ContactsSyncHandler : public BaseSyncHandler {
-public:
+  public:
     static ContactsSyncHandler* getInstance();
     static void deleteInstance();
 
@@ -53,7 +53,7 @@ public:
     // Rows per SELECT of _readOldSyncData (keeps one SELECT within the row-transfer bound).
     static constexpr int kReadPageRows = 750;
 
-private:
+  private:
     struct MapUnref {
         void operator()(GHashTable* t) const { g_hash_table_unref(t); }
     };

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <mutex>
 
+#include <pelio/platform/I18n.h>
+
 #include "PLMConstants.h"
 #include "PelioLog.h"
 #include "SyncHandlers/BaseSyncHandler.h"
@@ -32,7 +34,9 @@ std::mutex& labelMutex() {
 std::atomic<int> gContactDocNumber{0};
 
 std::string translate(const char* msgid) {
+    static std::once_flag bound;
     std::lock_guard<std::mutex> guard(labelMutex());
+    std::call_once(bound, [] { pp::bindServiceTextDomain(); });
     return dgettext(kTextDomain, msgid);
 }
 
@@ -42,31 +46,42 @@ ContactsJsonComposer::ContactsJsonComposer() : mJsonArr(json_array_new()) {}
 
 ContactsJsonComposer::~ContactsJsonComposer() = default;
 
-int ContactsJsonComposer::lastDocumentNumber() { return gContactDocNumber.load(); }
+int ContactsJsonComposer::lastDocumentNumber() {
+    return gContactDocNumber.load();
+}
 
 std::string ContactsJsonComposer::getTypeString(int type) {
     const unsigned bits = static_cast<unsigned>(type);
     const bool home = bits & pp::CONTACTS_NUMBER_TYPE_HOME;
     const bool work = bits & pp::CONTACTS_NUMBER_TYPE_WORK;
-    if (bits & pp::CONTACTS_NUMBER_TYPE_CUSTOM) return translate("contact_other");
-    if (bits & pp::CONTACTS_NUMBER_TYPE_CELL) return translate("contact_mobile");
+    if (bits & pp::CONTACTS_NUMBER_TYPE_CUSTOM)
+        return translate("contact_other");
+    if (bits & pp::CONTACTS_NUMBER_TYPE_CELL)
+        return translate("contact_mobile");
     if (bits & pp::CONTACTS_NUMBER_TYPE_VOICE) {
-        if (home) return translate("contact_home");
-        if (work) return translate("contact_work");
+        if (home)
+            return translate("contact_home");
+        if (work)
+            return translate("contact_work");
         return translate("contact_other");
     }
     if (bits & pp::CONTACTS_NUMBER_TYPE_FAX) {
-        if (home) return translate("IDS_VOICE_BODY_FAX_HHOME");
-        if (work) return translate("IDS_VOICE_BODY_FAX_HWORK");
+        if (home)
+            return translate("IDS_VOICE_BODY_FAX_HHOME");
+        if (work)
+            return translate("IDS_VOICE_BODY_FAX_HWORK");
         return translate("contact_other");
     }
-    if (bits & pp::CONTACTS_NUMBER_TYPE_PAGER) return translate("IDS_PB_BODY_PAGER");
+    if (bits & pp::CONTACTS_NUMBER_TYPE_PAGER)
+        return translate("IDS_PB_BODY_PAGER");
     if (bits & pp::CONTACTS_NUMBER_TYPE_MAIN) {
         LOGD("main");
         return "main";
     }
-    if (bits == pp::CONTACTS_NUMBER_TYPE_HOME) return translate("contact_home");
-    if (bits == pp::CONTACTS_NUMBER_TYPE_WORK) return translate("contact_work");
+    if (bits == pp::CONTACTS_NUMBER_TYPE_HOME)
+        return translate("contact_home");
+    if (bits == pp::CONTACTS_NUMBER_TYPE_WORK)
+        return translate("contact_work");
     return translate("contact_other");
 }
 
@@ -83,8 +98,10 @@ std::string ContactsJsonComposer::joinPhoneticName(const std::string& first,
     }
     std::string joined;
     for (const std::string* part : order) {
-        if (part->empty()) continue;
-        if (!joined.empty()) joined += ' ';
+        if (part->empty())
+            continue;
+        if (!joined.empty())
+            joined += ' ';
         joined += *part;
     }
     return joined;
@@ -92,7 +109,8 @@ std::string ContactsJsonComposer::joinPhoneticName(const std::string& first,
 
 void ContactsJsonComposer::_setLocaleForJsonFields() {
     std::string locale = getLocalePreference();
-    if (locale.empty()) locale = plm::DEFAULT_LOCALE;
+    if (locale.empty())
+        locale = plm::DEFAULT_LOCALE;
     std::replace(locale.begin(), locale.end(), '-', '_');
     mLocale = locale;
     LOGD("locale[%s]", locale.c_str());
@@ -117,13 +135,18 @@ void ContactsJsonComposer::_setLocaleForJsonFields() {
     }
     if (changed) {
         std::setlocale(LC_ALL, locale.c_str());
+        // A locale that is not installed leaves a plain "C" LC_MESSAGES, under which gettext
+        // ignores LANGUAGE; binding again moves it to C.UTF-8 so the catalogues still apply.
+        pp::bindServiceTextDomain();
+        pp::refreshServiceTranslations();
     }
 }
 
 bool ContactsJsonComposer::getNameFromRecord(const pp::ContactRecord& contact,
                                              ContactComposeRecord& record) {
     record.displayName = contact.displayName;
-    if (!contact.hasName) return false;
+    if (!contact.hasName)
+        return false;
     record.firstName = contact.name.first;
     record.lastName = contact.name.last;
     record.middleName = contact.name.addition;
@@ -132,7 +155,8 @@ bool ContactsJsonComposer::getNameFromRecord(const pp::ContactRecord& contact,
 
 bool ContactsJsonComposer::getPhoneticNameFromRecord(const pp::ContactRecord& contact,
                                                      ContactComposeRecord& record) {
-    if (!contact.hasName) return false;
+    if (!contact.hasName)
+        return false;
     record.phoneticName = joinPhoneticName(contact.name.phoneticFirst, contact.name.phoneticMiddle,
                                            contact.name.phoneticLast, mLocale);
     return true;
@@ -140,7 +164,8 @@ bool ContactsJsonComposer::getPhoneticNameFromRecord(const pp::ContactRecord& co
 
 bool ContactsJsonComposer::getNumbersFromRecord(const pp::ContactRecord& contact,
                                                 ContactComposeRecord& record) {
-    if (!contact.hasPhoneNumber) return true;
+    if (!contact.hasPhoneNumber)
+        return true;
     for (const auto& number : contact.numbers) {
         ContactValueEntry entry;
         entry.label = getTypeString(number.type);
@@ -178,10 +203,14 @@ bool ContactsJsonComposer::getAddressFromRecord(const pp::ContactRecord& contact
 
 bool ContactsJsonComposer::getAllDataFromRecord(const pp::ContactRecord& contact,
                                                 ContactComposeRecord& record) {
-    if (!getNameFromRecord(contact, record)) LOGE("getNameFromRecord false");
-    if (!getPhoneticNameFromRecord(contact, record)) LOGE("getPhoneticNameFromRecord false");
-    if (!getNumbersFromRecord(contact, record)) LOGE("getNumbersFromRecord false");
-    if (!getFavoriteFromRecord(contact, record)) LOGE("getFavoriteFromRecord false");
+    if (!getNameFromRecord(contact, record))
+        LOGE("getNameFromRecord false");
+    if (!getPhoneticNameFromRecord(contact, record))
+        LOGE("getPhoneticNameFromRecord false");
+    if (!getNumbersFromRecord(contact, record))
+        LOGE("getNumbersFromRecord false");
+    if (!getFavoriteFromRecord(contact, record))
+        LOGE("getFavoriteFromRecord false");
     return true;
 }
 
@@ -223,15 +252,19 @@ bool ContactsJsonComposer::_readRows() {
         int pageRows = 0;
         for (int n = 1;; ++n) {
             std::vector<uint8_t> bytes;
-            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE) break;
+            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE)
+                break;
             ++pageRows;
             auto row = Bundle::decode(bytes);
-            if (!row) continue;
+            if (!row)
+                continue;
             const std::string id = getValStr(&*row, columnKey(0));
             std::string revision = getValStr(&*row, columnKey(1));
             const std::string dirty = getValStr(&*row, columnKey(2));
-            if (id.empty() || dirty.empty() || !row->contains(columnKey(1))) continue;
-            if (revision == "NULL") revision.clear();  // never uploaded: no revision yet
+            if (id.empty() || dirty.empty() || !row->contains(columnKey(1)))
+                continue;
+            if (revision == "NULL")
+                revision.clear();  // never uploaded: no revision yet
             ContactComposeRecord record;
             record.dirty = static_cast<int>(std::strtol(dirty.c_str(), nullptr, 10));
             record.revision = revision;
@@ -239,9 +272,11 @@ bool ContactsJsonComposer::_readRows() {
             mRecords.push_back(std::move(record));
         }
         rowCount += pageRows;
-        if (pageRows < kSelectPageRows) break;
+        if (pageRows < kSelectPageRows)
+            break;
     }
-    if (rowCount == 0) LOGD("no information present");
+    if (rowCount == 0)
+        LOGD("no information present");
     LOGD("count is[%d])", rowCount + 1);
     return ok;
 }
@@ -264,7 +299,8 @@ JsonObjectPtr ContactsJsonComposer::_makeContactObject(const ContactComposeRecor
 
     auto addEntries = [o](const char* key, const char* typeKey,
                           const std::vector<ContactValueEntry>& entries) {
-        if (entries.empty()) return;
+        if (entries.empty())
+            return;
         JsonArrayPtr array(json_array_new());
         for (const auto& entry : entries) {
             JsonObjectPtr item(json_object_new());
@@ -326,13 +362,15 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
 
     auto& contacts = pp::contactsService();
     const int connected = contacts.connectOnThread();
-    if (connected != pp::CONTACTS_ERROR_NONE) LOGE("ret[%d]", connected);
+    if (connected != pp::CONTACTS_ERROR_NONE)
+        LOGE("ret[%d]", connected);
     // Disconnects on every way out (an over-long id throws out of the document loop).
     struct Disconnect {
         pp::ContactsService& service;
         ~Disconnect() {
             const int ret = service.disconnectOnThread();
-            if (ret != pp::CONTACTS_ERROR_NONE) LOGE("ret[%d]", ret);
+            if (ret != pp::CONTACTS_ERROR_NONE)
+                LOGE("ret[%d]", ret);
         }
     } disconnect{contacts};
 
@@ -351,8 +389,7 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
         ++mItemCounter;
         if (record.dirty == plm::DIRTY_DELETED) {
             _appendDocument(makeDeletedDocument(
-                BaseSyncHandler::formatFixedWidthId(kIdPrefix, idText, kIdWidth),
-                record.revision));
+                BaseSyncHandler::formatFixedWidthId(kIdPrefix, idText, kIdWidth), record.revision));
             ++deleted;
             continue;
         }
@@ -373,7 +410,8 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
         result->insertedCount = inserted;
         result->deletedCount = deleted;
         result->updatedCount = updated;
-        if (mItemCounter != 0) _flushBatch();
+        if (mItemCounter != 0)
+            _flushBatch();
         result->documents = mBodies;
     }
 

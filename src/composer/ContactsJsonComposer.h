@@ -50,7 +50,7 @@ struct ContactComposeRecord {
 };
 
 class ContactsJsonComposer : public JSONComposer {
-public:
+  public:
     static constexpr int kBatchSize = 1000;
     // Rows per SELECT: three columns each keep one SELECT within the row-transfer bound.
     static constexpr int kSelectPageRows = 1000;
@@ -90,7 +90,7 @@ public:
     // The last "doc_number" handed out in this process.
     static int lastDocumentNumber();
 
-private:
+  private:
     void _setLocaleForJsonFields();
     JsonObjectPtr _makeContactObject(const ContactComposeRecord& record);
     JsonObjectPtr _makeLiveDocument(const ContactComposeRecord& record);

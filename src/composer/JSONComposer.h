@@ -31,7 +31,7 @@ using JsonArrayPtr = std::unique_ptr<JsonArray, JsonArrayUnref>;
 using JsonNodePtr = std::unique_ptr<JsonNode, JsonNodeUnref>;
 
 class JSONComposer {
-public:
+  public:
     JSONComposer() = default;
     virtual ~JSONComposer() = default;
 
