@@ -12,6 +12,7 @@
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
+#include "intent/IntentMgr.h"
 #include "network/NetworkMgr.h"
 #include "upload/OrvaneException.h"
 #include "upload/OrvanePDSException.h"
@@ -19,11 +20,6 @@
 #include "upload/PLMSyncPolicy.h"
 #include "utils/PLMUtils.h"
 #include "utils/UMgrGzip.h"
-
-#if __has_include("intent/IntentMgr.h")
-#include "intent/IntentMgr.h"
-#define PELIO_HAVE_INTENT_MGR 1
-#endif
 
 namespace platform = pelio::platform;
 using StringMap = std::map<std::string, std::string>;
@@ -320,12 +316,8 @@ void DataUploadHandler::setLastApplicationPlmId(const std::string& plmId) {
     if (plmId.empty())
         return;
     if (prefString(plm::PREF_APP_SYNCED_PLM_ID).empty()) {
-#ifdef PELIO_HAVE_INTENT_MGR
         if (mIntentMgr != nullptr)
             mIntentMgr->sendApplicationHasPlmId(plmId);
-#else
-        (void)mIntentMgr;
-#endif
     }
     platform::preferences().setString(plm::PREF_APP_SYNCED_PLM_ID, plmId);
 }
@@ -341,10 +333,8 @@ void DataUploadHandler::setLastContactPlmId(const std::string& plmId) {
     if (plmId.empty())
         return;
     if (prefString(plm::PREF_CONTACT_SYNCED_PLM_ID).empty()) {
-#ifdef PELIO_HAVE_INTENT_MGR
         if (mIntentMgr != nullptr)
             mIntentMgr->sendContactHasPlmId(plmId);
-#endif
     }
     platform::preferences().setString(plm::PREF_CONTACT_SYNCED_PLM_ID, plmId);
 }

@@ -6,7 +6,20 @@
 // the transport library and owns that library handle.
 // The operations are virtual so that tests of the sync manager can hand it a fake uploader.
 // Errors: open gives 0 / -1 / 13 / 23, close and wipe give false, performSync leaves its outcome
-// in the SyncResult; library exceptions never leave these operations.
+// in the SyncResult; library exceptions never leave these operations. Every exception raised
+// on the way (the service's Orvane*Exception classes, the library's OrvaneError, and the
+// std::invalid_argument / std::out_of_range of a malformed proxy port while the library handle is
+// built) is caught as std::exception inside openPds, closePds and wipePds themselves.
+//
+// Decisions of this implementation:
+// - Preferences are read and written through the platform preference store directly (typed
+//   reads: "port" int, "is_force" bool, ...), afresh on every call.
+// - A null NetworkMgr skips the connectivity check (taken as connected); a null IntentMgr sends
+//   no notification; an empty clearQueue is not called.
+// - When the connection service reports no proxy, the bulk post also turns off libcurl's own
+//   reading of the proxy environment (the service's settings may have overridden it to none).
+// - performSync copies the transfer's last reply chunk (libcurl reuses its buffer); a reply in
+//   several chunks still keeps only its last one.
 #pragma once
 
 #include <orvane/Orvane.h>
