@@ -1,4 +1,6 @@
 // Linux launch requests: a Launch call on the target's application object over the session bus.
+#include <glib.h>
+
 #include "EldbusHandles.h"
 #include "pelio/platform/AppControl.h"
 #include "pelio/platform/MainLoop.h"
@@ -8,6 +10,14 @@ namespace pelio::platform {
 namespace {
 
 using namespace detail;
+
+// The target may have to be started first, and services may run in the idle scheduling class:
+// wait longer than the bus's default 25 seconds.
+constexpr double kLaunchTimeoutMs = 120000;
+
+bool validDbusString(const std::string& s) {
+    return s.find('\0') == std::string::npos && g_utf8_validate(s.data(), s.size(), nullptr);
+}
 
 struct PendingLaunch {
     LaunchReplyCallback onReply;
@@ -41,6 +51,11 @@ void sendNow(const AppControl& request, LaunchReplyCallback onReply) {
         if (onReply)
             onReply(LaunchOutcome{false, why, {}});
     };
+    for (const auto& [key, value] : request.extras()) {
+        // libdbus aborts the process on invalid strings: refuse them here.
+        if (!validDbusString(key) || !validDbusString(value))
+            return fail("extras are not valid D-Bus strings (UTF-8 without NUL)");
+    }
     Eldbus_Connection* bus = sessionBus();
     if (!bus)
         return fail("no session bus");
@@ -54,7 +69,8 @@ void sendNow(const AppControl& request, LaunchReplyCallback onReply) {
     }
     auto pending = std::make_unique<PendingLaunch>(PendingLaunch{std::move(onReply)});
     // eldbus_connection_send takes the message reference; the callback owns pending from here.
-    if (eldbus_connection_send(bus, msg.release(), &onLaunchReply, pending.get(), -1)) {
+    if (eldbus_connection_send(bus, msg.release(), &onLaunchReply, pending.get(),
+                               kLaunchTimeoutMs)) {
         pending.release();
     } else if (pending->onReply) {
         pending->onReply(LaunchOutcome{false, "send failed", {}});

@@ -48,6 +48,19 @@ void quitMainLoop() {
     ecore_main_loop_quit();
 }
 
+void quitMainLoopOnSignals() {
+    static Ecore_Event_Handler* handler = nullptr;
+    if (handler)
+        return;
+    handler = ecore_event_handler_add(
+        ECORE_EVENT_SIGNAL_EXIT,
+        [](void*, int, void*) -> Eina_Bool {
+            ecore_main_loop_quit();
+            return ECORE_CALLBACK_PASS_ON;
+        },
+        nullptr);
+}
+
 bool onMainLoopThread() {
     return g_depth.load() > 0 && eina_main_loop_is();
 }

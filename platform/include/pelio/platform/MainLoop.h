@@ -21,6 +21,8 @@ class MainLoopScope {
 // Runs the loop until quitMainLoop() is called.
 void runMainLoop();
 void quitMainLoop();
+// Makes SIGINT, SIGTERM and SIGQUIT end the loop (runMainLoop returns).
+void quitMainLoopOnSignals();
 // True on the thread that initialised the loop.
 bool onMainLoopThread();
 // Runs fn on the main loop thread: at once when called there, otherwise queued to the loop
