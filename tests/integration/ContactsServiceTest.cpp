@@ -1,0 +1,470 @@
+// The Linux contacts service on vCard files in a throw-away home.
+#include <gtest/gtest.h>
+
+#include <pelio/platform/Contacts.h>
+
+#include <Ecore.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include "support/LogCapture.h"
+#include "support/TempHome.h"
+
+using namespace pelio::platform;
+namespace fs = std::filesystem;
+
+namespace {
+
+class ContactsServiceTest : public ::testing::Test {
+  public:
+    void SetUp() override {
+        // No UPower / logind modules in Ecore: tests have no system bus.
+        setenv("ECORE_NO_SYSTEM_MODULES", "1", 1);
+        installContactsService(nullptr);  // a fresh Linux service that reads this HOME
+        root_ = home_.dataHome() + "/contacts";
+    }
+    void TearDown() override { installContactsService(nullptr); }
+
+    void write(const std::string& rel, const std::string& text) {
+        const fs::path p = fs::path(root_) / rel;
+        fs::create_directories(p.parent_path());
+        std::ofstream(p, std::ios::binary | std::ios::trunc) << text;
+    }
+
+    static std::string card(const std::string& uid, const std::string& fn,
+                            const std::string& extra = {}) {
+        std::string c = "BEGIN:VCARD\r\nVERSION:3.0\r\n";
+        if (!uid.empty())
+            c += "UID:" + uid + "\r\n";
+        if (!fn.empty())
+            c += "FN:" + fn + "\r\n";
+        return c + extra + "END:VCARD\r\n";
+    }
+
+    // connect() rescans every time it is called; the extra count is dropped again.
+    void rescan() {
+        ASSERT_EQ(contactsService().connect(), CONTACTS_ERROR_NONE);
+        ASSERT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
+    }
+
+    int version() {
+        int v = -1;
+        EXPECT_EQ(contactsService().getCurrentVersion(v), CONTACTS_ERROR_NONE);
+        return v;
+    }
+
+    std::map<std::string, ContactSummary> byName() {
+        std::vector<ContactSummary> all;
+        EXPECT_EQ(contactsService().getAllContacts(all), CONTACTS_ERROR_NONE);
+        std::map<std::string, ContactSummary> out;
+        for (const auto& c : all)
+            out[c.displayName] = c;
+        return out;
+    }
+
+    std::map<int, ContactChange> changesAfter(int v) {
+        std::vector<ContactChange> changes;
+        int current = -1;
+        EXPECT_EQ(contactsService().getChangesByVersion(-1, v, changes, current),
+                  CONTACTS_ERROR_NONE);
+        EXPECT_EQ(current, version());
+        std::map<int, ContactChange> out;
+        for (const auto& c : changes) {
+            EXPECT_TRUE(out.emplace(c.contactId, c).second) << "two records for one contact";
+        }
+        return out;
+    }
+
+    pelio::test::LogCapture log_;
+    pelio::test::TempHome home_;
+    std::string root_;
+};
+
+TEST_F(ContactsServiceTest, NotConnectedQueriesFail) {
+    int v = 0;
+    EXPECT_EQ(contactsService().getCurrentVersion(v), CONTACTS_ERROR_NOT_CONNECTED);
+    EXPECT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NOT_CONNECTED);
+    EXPECT_EQ(contactsService().disconnectOnThread(), CONTACTS_ERROR_NOT_CONNECTED);
+}
+
+TEST_F(ContactsServiceTest, ChangeLogByVersionAndStableIds) {
+    write("personal/a.vcf", card("uid-ann", "Ann") + card("", "Bob"));
+    write("work/c.vcf", card("uid-cat", "Cat"));
+    ASSERT_EQ(contactsService().connect(), CONTACTS_ERROR_NONE);
+    EXPECT_TRUE(fs::exists(home_.dataHome() + "/pelio-platform/contacts.db"));
+
+    const int v1 = version();
+    EXPECT_EQ(v1, 1);
+    auto names = byName();
+    ASSERT_EQ(names.size(), 3u);
+    const int ann = names["Ann"].id, bob = names["Bob"].id, cat = names["Cat"].id;
+    EXPECT_GT(ann, 0);
+    EXPECT_GT(bob, 0);
+    EXPECT_NE(ann, bob);
+    EXPECT_EQ(names["Ann"].personId, ann);
+    auto changes = changesAfter(0);
+    ASSERT_EQ(changes.size(), 3u);
+    for (int id : {ann, bob, cat}) {
+        EXPECT_EQ(changes[id].type, CONTACTS_CHANGE_INSERTED);
+        EXPECT_EQ(changes[id].version, v1);
+    }
+    EXPECT_NE(changes[ann].addressBookId, changes[cat].addressBookId);
+    EXPECT_EQ(changes[ann].addressBookId, changes[bob].addressBookId);
+    // Filtered by address book.
+    std::vector<ContactChange> work;
+    int current = 0;
+    ASSERT_EQ(contactsService().getChangesByVersion(changes[cat].addressBookId, 0, work, current),
+              CONTACTS_ERROR_NONE);
+    ASSERT_EQ(work.size(), 1u);
+    EXPECT_EQ(work[0].contactId, cat);
+
+    // Nothing changed: no new version, nothing after v1.
+    rescan();
+    EXPECT_EQ(version(), v1);
+    EXPECT_TRUE(changesAfter(v1).empty());
+
+    // One rescan with an update, a delete and an insert: one new version shared by all three.
+    write("personal/a.vcf", card("uid-ann", "Ann Updated") + card("", "Bob"));
+    fs::remove(fs::path(root_) / "work/c.vcf");
+    write("work/d.vcf", card("uid-dan", "Dan"));
+    rescan();
+    const int v2 = version();
+    EXPECT_EQ(v2, v1 + 1);
+    names = byName();
+    const int dan = names["Dan"].id;
+    EXPECT_EQ(names["Ann Updated"].id, ann);
+    EXPECT_GT(dan, cat) << "ids are never reused";
+    changes = changesAfter(v1);
+    ASSERT_EQ(changes.size(), 3u);
+    EXPECT_EQ(changes[ann].type, CONTACTS_CHANGE_UPDATED);
+    EXPECT_EQ(changes[cat].type, CONTACTS_CHANGE_DELETED);
+    EXPECT_EQ(changes[dan].type, CONTACTS_CHANGE_INSERTED);
+    for (const auto& [id, c] : changes)
+        EXPECT_EQ(c.version, v2);
+    // From 0, each contact appears once with its latest change.
+    changes = changesAfter(0);
+    EXPECT_EQ(changes.size(), 4u);
+    EXPECT_EQ(changes[bob].version, v1);
+    EXPECT_EQ(changes[ann].type, CONTACTS_CHANGE_UPDATED);
+
+    // The deleted card stays listed with its last name; a lookup finds nothing.
+    ASSERT_TRUE(names.count("Cat"));
+    EXPECT_TRUE(names["Cat"].deleted);
+    EXPECT_FALSE(names["Ann Updated"].deleted);
+    ContactRecord record;
+    EXPECT_EQ(contactsService().getContactByPersonId(cat, record), CONTACTS_ERROR_NO_DATA);
+    EXPECT_EQ(contactsService().getContactByPersonId(ann, record), CONTACTS_ERROR_NONE);
+    EXPECT_EQ(record.displayName, "Ann Updated");
+
+    // The card comes back under its UID: same id, inserted again.
+    write("work/c.vcf", card("uid-cat", "Cat"));
+    rescan();
+    EXPECT_EQ(version(), v2 + 1);
+    changes = changesAfter(v2);
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_EQ(changes[cat].type, CONTACTS_CHANGE_INSERTED);
+    EXPECT_FALSE(byName()["Cat"].deleted);
+    ASSERT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
+
+    // A new service instance (as after a restart) sees the same ids and version.
+    installContactsService(nullptr);
+    ASSERT_EQ(contactsService().connect(), CONTACTS_ERROR_NONE);
+    EXPECT_EQ(version(), v2 + 1);
+    names = byName();
+    EXPECT_EQ(names["Ann Updated"].id, ann);
+    EXPECT_EQ(names["Bob"].id, bob);
+    EXPECT_EQ(names["Dan"].id, dan);
+    EXPECT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
+}
+
+TEST_F(ContactsServiceTest, NamesFavouritesNumbersAndTypes) {
+    write("book/people.vcf",
+          card("uid-1", "Dr. Kim Minsu",
+               "N:Kim;Minsu;Jae;Dr.;\r\n"
+               "X-PHONETIC-FIRST-NAME:Minsu\r\nX-PHONETIC-MIDDLE-NAME:Jae\r\n"
+               "X-PHONETIC-LAST-NAME:Gim\r\nX-FAVORITE:TRUE\r\n"
+               "TEL;TYPE=CELL:010-1111\r\n"
+               "TEL;TYPE=HOME,VOICE;TYPE=pref:02-2222\r\n"
+               "TEL;TYPE=WORK,FAX:02-3333\r\n"
+               "TEL;TYPE=x-satellite:0800-4444\r\n"
+               "TEL;PREF=1;TYPE=PAGER:0800-5555\r\n"
+               "TEL;TYPE=MAIN:0800-6666\r\n"
+               "TEL:0800-7777\r\n") +
+              card("uid-2", "", "N:Lee;Sora;;;\r\nCATEGORIES:Friends,Favorites\r\n") +
+              card("uid-3", "Plain"));
+    ASSERT_EQ(contactsService().connect(), CONTACTS_ERROR_NONE);
+    auto names = byName();
+    ASSERT_EQ(names.size(), 3u);
+    ASSERT_TRUE(names.count("Sora Lee")) << "display name composed from N";
+
+    ContactRecord kim;
+    ASSERT_EQ(contactsService().getContactByPersonId(names["Dr. Kim Minsu"].id, kim),
+              CONTACTS_ERROR_NONE);
+    EXPECT_EQ(kim.personId, names["Dr. Kim Minsu"].id);
+    EXPECT_TRUE(kim.hasName);
+    EXPECT_EQ(kim.name.first, "Minsu");
+    EXPECT_EQ(kim.name.last, "Kim");
+    EXPECT_EQ(kim.name.addition, "Jae");
+    EXPECT_EQ(kim.name.prefix, "Dr.");
+    EXPECT_EQ(kim.name.phoneticFirst, "Minsu");
+    EXPECT_EQ(kim.name.phoneticMiddle, "Jae");
+    EXPECT_EQ(kim.name.phoneticLast, "Gim");
+    EXPECT_TRUE(kim.isFavorite);
+    EXPECT_TRUE(kim.hasPhoneNumber);
+    ASSERT_EQ(kim.numbers.size(), 7u);
+    EXPECT_EQ(kim.numbers[0].type, CONTACTS_NUMBER_TYPE_CELL);
+    EXPECT_EQ(kim.numbers[1].type, CONTACTS_NUMBER_TYPE_HOME | CONTACTS_NUMBER_TYPE_VOICE);
+    EXPECT_EQ(kim.numbers[2].type, CONTACTS_NUMBER_TYPE_WORK | CONTACTS_NUMBER_TYPE_FAX);
+    EXPECT_EQ(kim.numbers[3].type, CONTACTS_NUMBER_TYPE_CUSTOM);
+    EXPECT_EQ(kim.numbers[3].label, "x-satellite");
+    EXPECT_EQ(kim.numbers[4].type, CONTACTS_NUMBER_TYPE_PAGER);
+    EXPECT_EQ(kim.numbers[5].type, static_cast<int>(CONTACTS_NUMBER_TYPE_MAIN));
+    EXPECT_EQ(kim.numbers[6].type, CONTACTS_NUMBER_TYPE_OTHER);
+    // The first preferred number is the default one.
+    for (size_t i = 0; i < kim.numbers.size(); ++i)
+        EXPECT_EQ(kim.numbers[i].isDefault, i == 1);
+    EXPECT_EQ(kim.numbers[1].number, "02-2222");
+
+    ContactRecord sora, plain;
+    ASSERT_EQ(contactsService().getContactByPersonId(names["Sora Lee"].id, sora),
+              CONTACTS_ERROR_NONE);
+    EXPECT_TRUE(sora.isFavorite);
+    EXPECT_FALSE(sora.hasPhoneNumber);
+    ASSERT_EQ(contactsService().getContactByPersonId(names["Plain"].id, plain),
+              CONTACTS_ERROR_NONE);
+    EXPECT_FALSE(plain.isFavorite);
+    EXPECT_FALSE(plain.hasName);
+
+    // Number ids survive a rescan and an edit elsewhere on the card; a changed value gets a new
+    // id, a removed one is gone.
+    std::map<std::string, int> before;
+    for (const auto& n : kim.numbers)
+        before[n.number] = n.id;
+    const int v = version();
+    write("book/people.vcf",
+          card("uid-1", "Dr. Kim Minsu",
+               "N:Kim;Minsu;Jae;Dr.;\r\nTEL;TYPE=CELL:010-1111\r\nTEL;TYPE=WORK:02-9999\r\n"
+               "TEL;TYPE=HOME,VOICE:02-2222\r\n") +
+              card("uid-2", "", "N:Lee;Sora;;;\r\nCATEGORIES:Friends,Favorites\r\n") +
+              card("uid-3", "Plain"));
+    rescan();
+    EXPECT_EQ(version(), v + 1);
+    ASSERT_EQ(contactsService().getContactByPersonId(names["Dr. Kim Minsu"].id, kim),
+              CONTACTS_ERROR_NONE);
+    ASSERT_EQ(kim.numbers.size(), 3u);
+    EXPECT_EQ(kim.numbers[0].id, before["010-1111"]);
+    EXPECT_EQ(kim.numbers[2].id, before["02-2222"]);
+    EXPECT_FALSE(kim.numbers[2].isDefault);
+    for (const auto& [number, id] : before)
+        EXPECT_NE(kim.numbers[1].id, id);
+    EXPECT_FALSE(kim.isFavorite);
+    auto changes = changesAfter(v);
+    ASSERT_EQ(changes.size(), 1u) << "only the edited card changed";
+    EXPECT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
+}
+
+TEST_F(ContactsServiceTest, BadInputIsSkippedAndLogged) {
+    write("book/good.vcf", card("uid-ok", "Good") + "BEGIN:VCARD\r\nVERSION:3.0\r\nFN:Cut off\r\n");
+    write("book/garbage.vcf", "this is not a vCard at all\n\x01\x02\xff\n");
+    write("book/noname.vcf", card("uid-nn", "", "TEL:123\r\n"));
+    write("book/empty.vcf", "");
+    write("book/notes.txt", card("uid-txt", "Not a vcf file"));
+    fs::create_directories(fs::path(root_) / "book/folder.vcf");
+    ASSERT_EQ(contactsService().connect(), CONTACTS_ERROR_NONE);
+    std::vector<ContactSummary> all;
+    ASSERT_EQ(contactsService().getAllContacts(all), CONTACTS_ERROR_NONE);
+    ASSERT_EQ(all.size(), 2u);
+    std::map<std::string, int> ids;
+    for (const auto& c : all)
+        ids[c.displayName] = c.id;
+    EXPECT_TRUE(ids.count("Good"));
+    EXPECT_TRUE(ids.count("")) << "a card without FN/N is indexed with an empty display name";
+    EXPECT_TRUE(log_.contains("invalid vCard #1"));
+    EXPECT_TRUE(log_.contains("garbage.vcf"));
+
+    // An unreadable file keeps its cards as they were (no deletion).
+    if (geteuid() != 0) {
+        fs::permissions(fs::path(root_) / "book/good.vcf", fs::perms::none);
+        rescan();
+        EXPECT_TRUE(log_.contains("cannot read"));
+        ASSERT_EQ(contactsService().getAllContacts(all), CONTACTS_ERROR_NONE);
+        for (const auto& c : all)
+            EXPECT_FALSE(c.deleted);
+        fs::permissions(fs::path(root_) / "book/good.vcf", fs::perms::owner_all);
+    }
+    EXPECT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
+}
+
+TEST_F(ContactsServiceTest, ManyCardsIndexCorrectly) {
+    constexpr int kCards = 5000;
+    std::string big;
+    for (int i = 0; i < kCards; ++i) {
+        big += card("uid-" + std::to_string(i), "Person " + std::to_string(i),
+                    "TEL;TYPE=CELL:010-" + std::to_string(100000 + i) + "\r\n");
+        if (i % 1000 == 999) {
+            write("big/part" + std::to_string(i / 1000) + ".vcf", big);
+            big.clear();
+        }
+    }
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_EQ(contactsService().connect(), CONTACTS_ERROR_NONE);
+    const auto indexed = std::chrono::steady_clock::now();
+    std::vector<ContactSummary> all;
+    ASSERT_EQ(contactsService().getAllContacts(all), CONTACTS_ERROR_NONE);
+    EXPECT_EQ(static_cast<int>(all.size()), kCards);
+    EXPECT_EQ(static_cast<int>(changesAfter(0).size()), kCards);
+    rescan();  // unchanged
+    const auto rescanned = std::chrono::steady_clock::now();
+    EXPECT_EQ(version(), 1);
+    ContactRecord r;
+    ASSERT_EQ(contactsService().getContactByPersonId(all.back().id, r), CONTACTS_ERROR_NONE);
+    ASSERT_EQ(r.numbers.size(), 1u);
+    EXPECT_EQ(r.displayName, "Person 4999");
+    EXPECT_EQ(r.numbers[0].number, "010-104999");
+    using ms = std::chrono::milliseconds;
+    std::printf(
+        "[ measure ] index %d cards: %lld ms, unchanged rescan: %lld ms\n", kCards,
+        static_cast<long long>(std::chrono::duration_cast<ms>(indexed - started).count()),
+        static_cast<long long>(std::chrono::duration_cast<ms>(rescanned - indexed).count()));
+    EXPECT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
+}
+
+struct CallbackLog {
+    std::vector<std::string> uris;
+    std::thread::id thread;
+};
+
+void recordChange(const char* uri, void* data) {
+    auto* log = static_cast<CallbackLog*>(data);
+    log->uris.emplace_back(uri);
+    log->thread = std::this_thread::get_id();
+    ecore_main_loop_quit();
+}
+
+TEST_F(ContactsServiceTest, FolderChangeRunsCallbacksOnMainLoop) {
+    ASSERT_TRUE(ecore_init());
+    write("book/a.vcf", card("uid-a", "A"));
+    ContactsService& svc = contactsService();
+    ASSERT_EQ(svc.connect(), CONTACTS_ERROR_NONE);
+    CallbackLog person, contact, phoneLog;
+    ASSERT_EQ(svc.addChangedCallback(kContactsPersonViewUri, recordChange, &person),
+              CONTACTS_ERROR_NONE);
+    ASSERT_EQ(svc.addChangedCallback(kContactsContactViewUri, recordChange, &contact),
+              CONTACTS_ERROR_NONE);
+    ASSERT_EQ(svc.addChangedCallback(kContactsPhoneLogViewUri, recordChange, &phoneLog),
+              CONTACTS_ERROR_NONE);
+    EXPECT_EQ(svc.addChangedCallback("pelio://nothing", recordChange, &phoneLog),
+              CONTACTS_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(svc.addChangedCallback(kContactsPersonViewUri, nullptr, &phoneLog),
+              CONTACTS_ERROR_INVALID_PARAMETER);
+    const int v = version();
+
+    // A new address book folder with a card, written after the watch started.
+    Ecore_Timer* writer = ecore_timer_add(
+        0.05,
+        [](void* self) -> Eina_Bool {
+            static_cast<ContactsServiceTest*>(self)->write("new-book/b.vcf", card("uid-b", "B"));
+            return ECORE_CALLBACK_CANCEL;
+        },
+        this);
+    Ecore_Timer* guard = ecore_timer_add(
+        10.0,
+        [](void*) -> Eina_Bool {
+            ecore_main_loop_quit();
+            return ECORE_CALLBACK_CANCEL;
+        },
+        nullptr);
+    ecore_main_loop_begin();
+    // Let the second callback of the same rescan run too.
+    Ecore_Timer* settle = ecore_timer_add(
+        0.3,
+        [](void*) -> Eina_Bool {
+            ecore_main_loop_quit();
+            return ECORE_CALLBACK_CANCEL;
+        },
+        nullptr);
+    ecore_main_loop_begin();
+    (void)writer;
+    (void)settle;
+    ecore_timer_del(guard);
+
+    ASSERT_EQ(person.uris.size(), 1u);
+    ASSERT_EQ(contact.uris.size(), 1u);
+    EXPECT_EQ(person.uris[0], kContactsPersonViewUri);
+    EXPECT_EQ(contact.uris[0], kContactsContactViewUri);
+    EXPECT_EQ(person.thread, std::this_thread::get_id());
+    EXPECT_TRUE(phoneLog.uris.empty());
+    EXPECT_EQ(version(), v + 1);
+    EXPECT_TRUE(byName().count("B"));
+
+    EXPECT_EQ(svc.removeChangedCallback(kContactsPersonViewUri, recordChange, &person),
+              CONTACTS_ERROR_NONE);
+    EXPECT_EQ(svc.removeChangedCallback(kContactsPersonViewUri, recordChange, &person),
+              CONTACTS_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(svc.removeChangedCallback(kContactsContactViewUri, recordChange, &contact),
+              CONTACTS_ERROR_NONE);
+    EXPECT_EQ(svc.removeChangedCallback(kContactsPhoneLogViewUri, recordChange, &phoneLog),
+              CONTACTS_ERROR_NONE);
+    EXPECT_EQ(svc.disconnect(), CONTACTS_ERROR_NONE);
+    installContactsService(nullptr);  // the watcher goes before Ecore shuts down
+    ecore_shutdown();
+}
+
+TEST_F(ContactsServiceTest, ThreadedConnectionsPerThread) {
+    write("book/a.vcf", card("uid-a", "A") + card("uid-b", "B"));
+    ContactsService& svc = contactsService();
+    // No main connection: a worker's own connection rescans and reads.
+    std::atomic<int> failures{0};
+    auto worker = [&svc, &failures](int rounds, bool mainConnected) {
+        if (svc.connectOnThread() != CONTACTS_ERROR_NONE)
+            ++failures;
+        for (int i = 0; i < rounds; ++i) {
+            int v = 0;
+            std::vector<ContactSummary> all;
+            std::vector<ContactChange> changes;
+            if (svc.getCurrentVersion(v) != CONTACTS_ERROR_NONE || v < 1)
+                ++failures;
+            if (svc.getAllContacts(all) != CONTACTS_ERROR_NONE || all.size() < 2)
+                ++failures;
+            if (svc.getChangesByVersion(-1, 0, changes, v) != CONTACTS_ERROR_NONE)
+                ++failures;
+            ContactRecord r;
+            if (!all.empty() && svc.getContactByPersonId(all[0].id, r) != CONTACTS_ERROR_NONE)
+                ++failures;
+        }
+        if (svc.disconnectOnThread() != CONTACTS_ERROR_NONE)
+            ++failures;
+        // After disconnecting, this thread has no connection of its own (nor a main one to fall
+        // back on, in the first phase).
+        int v = 0;
+        if (!mainConnected && svc.getCurrentVersion(v) != CONTACTS_ERROR_NOT_CONNECTED)
+            ++failures;
+    };
+    std::thread t1(worker, 50, false), t2(worker, 50, false);
+    t1.join();
+    t2.join();
+    EXPECT_EQ(failures.load(), 0);
+
+    // With the main connection, rescans on it race with readers on worker threads.
+    ASSERT_EQ(svc.connect(), CONTACTS_ERROR_NONE);
+    std::thread reader(worker, 100, true);
+    for (int i = 0; i < 5; ++i) {
+        write("book/c.vcf", card("uid-c", "C " + std::to_string(i)));
+        rescan();
+    }
+    reader.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(version(), 6);
+    // A thread without its own connection uses the main one.
+    int fromOther = 0;
+    std::thread([&svc, &fromOther] { svc.getCurrentVersion(fromOther); }).join();
+    EXPECT_EQ(fromOther, 6);
+    EXPECT_EQ(svc.disconnect(), CONTACTS_ERROR_NONE);
+}
+
+}  // namespace
