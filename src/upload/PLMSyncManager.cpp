@@ -160,6 +160,11 @@ void PLMSyncManager::_stopWorker() {
 PLMSyncManager::~PLMSyncManager() {
     _stopWorker();
     stopHandlerThreads();
+    // The contacts handler keeps a pointer to its host: it goes with the manager, and a manager
+    // made later (a request after CLEAR_SERVER) gets a fresh one.
+    if (!mHooks.stopDomainWorkers && mContactsHandlerUsed.load()) {
+        ContactsSyncHandler::deleteInstance();
+    }
     if (mMainObserver)
         mMainObserver->unregister_all_observers();
     mMainObserver.reset();

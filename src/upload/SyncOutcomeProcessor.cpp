@@ -59,7 +59,8 @@ bool updateRevision(const std::string& table, const std::string& where, const st
     request.addStr(bundlekeys::WHERE, where);
     request.addStr(bundlekeys::COLUMN_COUNT, synced ? "2" : "1");
     request.addStr(columnKey(1), "rev_id");
-    request.addStr("rev_id", rev);
+    // UPDATE values go into the SQL text verbatim: the text column carries its own quotes.
+    request.addStr("rev_id", "'" + rev + "'");
     if (synced) {
         request.addStr(columnKey(2), "dirty");
         request.addStr("dirty", "4");
