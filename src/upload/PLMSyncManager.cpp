@@ -499,7 +499,8 @@ bool PLMSyncManager::hasPlmId(int domain) {
             id = handler->getSucceededLatestPLMId();
             break;
     }
-    return id != kUnknownPlmId;
+    // No id yet reads as the empty text from the preference store.
+    return !id.empty() && id != kUnknownPlmId;
 }
 
 bool PLMSyncManager::getPendingResync() const {
