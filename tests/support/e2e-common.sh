@@ -106,3 +106,32 @@ e2e_card() {
         printf 'END:VCARD\r\n'
     } >"$file"
 }
+
+# Injects a fault into pds-server (its /admin/fault test knob): e2e_fault '{"op":"open",...}'.
+e2e_fault() {
+    curl -s --cacert "$STACK_CERT" -X POST -H 'Content-Type: application/json' \
+        --data-binary "$1" "$STACK_PDS_URL/admin/fault" >/dev/null || e2e_fail "fault injection"
+}
+e2e_fault_clear() {
+    curl -s --cacert "$STACK_CERT" -X POST --data-binary '{}' "$STACK_PDS_URL/admin/fault/clear" \
+        >/dev/null || e2e_fail "fault clearing"
+}
+
+# The process id of the running service (empty when it does not run).
+e2e_service_pid() {
+    gdbus call --session -d org.freedesktop.DBus -o /org/freedesktop/DBus \
+        -m org.freedesktop.DBus.GetConnectionUnixProcessID "$SVC" 2>/dev/null |
+        sed -nE 's/^\(uint32 ([0-9]+),\)$/\1/p'
+}
+
+# A value of the service's master table (status keys), straight from the shadow database.
+e2e_master() {
+    sqlite3 "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
+        "SELECT value FROM master WHERE key = '$1'"
+}
+
+# Shadow rows of the contacts table that are not yet confirmed by the server.
+e2e_unconfirmed() {
+    sqlite3 "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
+        "SELECT COUNT(*) FROM contacts WHERE dirty != 4"
+}
