@@ -24,6 +24,9 @@ struct SignalHandlerDel {
 struct FdHandlerDel {
     void operator()(Ecore_Fd_Handler* h) const { ecore_main_fd_handler_del(h); }
 };
+struct TimerDel {
+    void operator()(Ecore_Timer* t) const { ecore_timer_del(t); }
+};
 struct MessageUnref {
     void operator()(Eldbus_Message* m) const { eldbus_message_unref(m); }
 };
@@ -33,6 +36,8 @@ using InterfacePtr = std::unique_ptr<Eldbus_Service_Interface, InterfaceUnregist
 using SignalHandlerPtr = std::unique_ptr<Eldbus_Signal_Handler, SignalHandlerDel>;
 using FdHandlerPtr = std::unique_ptr<Ecore_Fd_Handler, FdHandlerDel>;
 using MessagePtr = std::unique_ptr<Eldbus_Message, MessageUnref>;
+// A repeating timer whose callback always renews (a cancelled timer is freed by Ecore itself).
+using TimerPtr = std::unique_ptr<Ecore_Timer, TimerDel>;
 
 // The shared session connection (nullptr when there is no session bus). Kept until the main loop
 // scope ends.
