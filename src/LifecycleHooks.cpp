@@ -1,11 +1,16 @@
 #include "LifecycleHooks.h"
 
-// HOOK(sync manager): the sync manager does not exist in this build yet, so nothing syncs.
-// Becomes: PLMSyncManager* m = PLMSyncManager::getInstance(); return m && m->isSyncInProgress();
+#include "upload/PLMSyncManager.h"
+
+// The terminating timer asks whether a sync runs; a manager that does not exist has none.
 bool isSyncManagerSyncing() {
-    return false;
+    PLMSyncManager* manager = PLMSyncManager::peekInstance();
+    return manager != nullptr && manager->isSyncInProgress();
 }
 
-// HOOK(sync manager): nothing to destroy in this build yet.
-// Becomes: PLMSyncManager* m = PLMSyncManager::getInstance(); if (m) delete m;
-void destroySyncManager() {}
+// Obtaining the manager goes through its accessor, which creates it if needed: a manager that was
+// never used is created here and destroyed at once.
+void destroySyncManager() {
+    if (PLMSyncManager::getInstance() != nullptr)
+        PLMSyncManager::destroyInstance();
+}

@@ -12,6 +12,7 @@
 
 #include "LifecycleHooks.h"
 #include "PelioLog.h"
+#include "PlmSyncAppEvent.h"
 
 using pelio::platform::AppControl;
 using pelio::platform::serviceApp;
@@ -30,11 +31,8 @@ static void __app_terminate(void* data) {
 }
 
 static void __app_reset(const AppControl& app_control, void* data) {
-    (void)app_control;
-    (void)data;
     LOGI("service_app_control start1");
-    // HOOK(control handler): plmsync_handle_app_event(app_control, data) takes the request here.
-    // Until it exists every request goes unanswered (the caller sees no reply).
+    plmsync_handle_app_event(app_control, data);
 }
 
 static void __service_app_low_battery_cb(void* event_info, void* user_data) {

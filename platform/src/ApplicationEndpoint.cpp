@@ -14,6 +14,7 @@ struct ApplicationEndpoint::Impl {
     NameHandler onName;
     InterfacePtr iface;
     Eldbus_Pending* namePending = nullptr;
+    bool released = false;
 
     ~Impl() {
         onName = nullptr;
@@ -116,6 +117,14 @@ bool ApplicationEndpoint::start(NameHandler onName) {
         eldbus_name_request(bus, impl_->appId.c_str(), ELDBUS_NAME_REQUEST_FLAG_DO_NOT_QUEUE,
                             &Impl::nameReply, impl_.get());
     return true;
+}
+
+void ApplicationEndpoint::releaseName() {
+    Eldbus_Connection* bus = sessionBus();
+    if (!bus || impl_->released)
+        return;
+    impl_->released = true;
+    eldbus_name_release(bus, impl_->appId.c_str(), nullptr, nullptr);
 }
 
 void ApplicationEndpoint::setState(int state) {

@@ -95,6 +95,9 @@ class LinuxServiceApp : public ServiceApp {
 
     void exit() override {
         exitRequested_ = true;
+        // Requests that arrive from now on start a new instance through D-Bus activation.
+        if (endpoint_)
+            endpoint_->releaseName();
         if (running_)
             quitMainLoop();
     }

@@ -6,15 +6,32 @@
 // the transport library and owns that library handle.
 // The operations are virtual so that tests of the sync manager can hand it a fake uploader.
 // Errors: open gives 0 / -1 / 13 / 23, close and wipe give false, performSync leaves its outcome
-// in the SyncResult; library exceptions never leave these operations.
+// in the SyncResult; library exceptions never leave these operations. Every exception raised
+// on the way (the service's Orvane*Exception classes, the library's OrvaneError, and the
+// std::invalid_argument / std::out_of_range of a malformed proxy port while the library handle is
+// built) is caught as std::exception inside openPds, closePds and wipePds themselves.
+//
+// Decisions of this implementation:
+// - Preferences are read and written through the platform preference store directly (typed
+//   reads: "port" int, "is_force" bool, ...), afresh on every call.
+// - A null NetworkMgr skips the connectivity check (taken as connected); a null IntentMgr sends
+//   no notification; an empty clearQueue is not called.
+// - When the connection service reports no proxy, the bulk post also turns off libcurl's own
+//   reading of the proxy environment (the service's settings may have overridden it to none).
+// - performSync copies the transfer's last reply chunk (libcurl reuses its buffer); a reply in
+//   several chunks still keeps only its last one.
 #pragma once
 
 #include <orvane/Orvane.h>
 #include <orvane/OrvaneCallbacks.h>
 
+#include <curl/curl.h>
+
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "upload/SyncData.h"
 #include "upload/SyncResult.h"
@@ -23,7 +40,7 @@ class IntentMgr;
 class NetworkMgr;
 
 class DataUploadHandler : public OrvaneCallbacks {
-public:
+  public:
     // intentMgr: told when a domain gets its first PLM id; networkMgr: connectivity;
     // clearQueue: called when the server reports that it has no database for the device.
     // The pointers are borrowed (the sync manager owns them) and may be null in tests.
@@ -51,5 +68,69 @@ public:
     virtual std::string getLastMediaPlmId();
     virtual void setLastMediaPlmId(const std::string& plmId);
 
-    // (Private members and helpers: see the implementation's owner.)
+    // OrvaneCallbacks: the handler does nothing with the library's log lines and events.
+    void onLog(int level, const std::string& message) override;
+    void onSessionEvent(const std::string& operation, long httpStatus) override;
+
+  private:
+    friend struct DataUploadHandlerPeer;  // unit tests reach the helpers below
+
+    // One gzip'd upload part: a calloc'd buffer (freed with free()) and its length.
+    struct ZippedItem {
+        unsigned char* item = nullptr;
+        int size = 0;
+    };
+    struct ZippedItemDeleter {
+        void operator()(ZippedItem* z) const;
+    };
+    using ZippedItemPtr = std::unique_ptr<ZippedItem, ZippedItemDeleter>;
+    // The reply of one zipped part: a copy of the last chunk the transfer delivered.
+    struct ZippedReply {
+        std::vector<unsigned char> item;
+        bool recorded = false;
+    };
+
+    // Posting (bulk documents).
+    bool _checkPreConditionToPerformSync(SyncData* syncData, SyncResult* syncResult);
+    std::vector<std::string> _getPartedSyncDataList(const std::string& jsonMessage, int unitCount);
+    std::vector<ZippedItemPtr> _getZippedPartedSyncDataList(std::vector<std::string> parts);
+    std::string _curlPostingZipped(const std::vector<ZippedItemPtr>& zippedParts);
+    std::string _curlPostingUnzipped(const std::vector<std::string>& parts);
+    static size_t SavePostResultZipped(char* chunk, size_t size, size_t count, void* reply);
+    static size_t SavePostResultUnzipped(char* chunk, size_t size, size_t count, void* reply);
+
+    // Server, network and proxy configuration (preferences read afresh on every call).
+    std::string _getPrefServerIp();
+    int _getPrefPortNum();
+    std::string _getPrefCertiPath();
+    bool _getPrefForce();
+    void _setPrefForce(bool force);
+    bool _useTls();
+    int _getPortNumber();
+    std::string _getCertiPath();
+    std::string _getProxyAddress();
+    // Splits the proxy at its first ':'. Throws std::invalid_argument / std::out_of_range for a
+    // malformed port (the callers, the PDS calls, catch std::exception).
+    void _getProxyAddress(std::string& host, int* port);
+    bool _getCompanianMode();
+    std::string _getServerIp();
+    bool _setCurlEnvironment(CURL* curl, curl_slist* header);
+    void _setCurlHttpPostingHeader(curl_slist** header, bool zipping);
+
+    // PDS session library handle.
+    bool _createOrvaneHandle();  // may throw as _getProxyAddress(host, port)
+    void _clearOrvaneHandle();
+    void _handleSyncPolicy(const std::string& policy);
+
+    IntentMgr* mIntentMgr;
+    NetworkMgr* mNetworkMgr;
+    std::function<void()> mClearQueue;
+
+    bool mPdsOpened = false;
+    bool mPdsClosed = true;
+    std::string mCookie;
+    std::string mDbUrl;
+    std::string mLatestPlmId;
+    int mCompanionMode = 0;  // 0 not checked yet, 1 companion (paired), 2 stand-alone
+    std::unique_ptr<Orvane> mOrvane;
 };

@@ -14,21 +14,59 @@
 // (the service's terminate paths). It owns the observers, the preference store, the network
 // helper, the upload handler and the notification sender.
 // Errors: logged; exceptions from the upload handler are caught here and never leave.
+//
+// Destruction: destroyInstance() raises the stop flag, wakes the worker out of every wait (queue,
+// sync condition, retry pauses) and joins it before any member goes away; an upload call that is
+// running finishes first (its own transfer time-outs bound that wait).
+//
+// Tests: setHooksForTesting() replaces the pauses, the upload handler, the composer, the calls to
+// the domain handlers and the worker start, before the singleton is created.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "SyncHandlers/SyncHandlerHost.h"
 
 class DataUploadHandler;
 class IntentMgr;
+class MainObserver;
 class NetworkMgr;
+class PLMSyncManager;
 class PrefMgr;
+class SyncData;
+class SyncQueue;
+class SyncLock;
+class SyncResult;
+
+// Replaceable collaborators of the sync manager. An empty member keeps the service's own choice.
+struct PLMSyncManagerHooks {
+    // The retry pauses (10 s after a failed open, 15 s after a failed close). Default: a wait
+    // that the manager's destruction cuts short.
+    std::function<void(int seconds)> sleep;
+    // The upload handler, made on first use by composeAndSync. Default: a DataUploadHandler.
+    std::function<std::unique_ptr<DataUploadHandler>(PLMSyncManager&)> makeUploadHandler;
+    // A domain's upload record (null: nothing to send). Default: JSONComposer::makeSyncData(item).
+    std::function<std::unique_ptr<SyncData>(int item)> makeSyncData;
+    // requestSync(code) on a domain handler (3 contacts, 1 applications, 2 media). Default: the
+    // contacts handler; the application and media handlers are not part of this build yet.
+    std::function<void(int domain, int code)> requestDomainSync;
+    // The contacts handler's writeNewSyncContactsDbVersion(reset) after a contacts PDS close.
+    std::function<void(bool reset)> writeContactsDbVersion;
+    // Cancels the domain handlers' worker threads. Default: the contacts handler's stopWorker().
+    std::function<void()> stopDomainWorkers;
+    // Whether getInstance() starts the worker thread (tests of single steps leave it off).
+    bool startWorker = true;
+};
 
 class PLMSyncManager : public SyncHandlerHost {
-public:
+  public:
     // The singleton, created on first call (which starts the worker thread).
     static PLMSyncManager* getInstance();
     // The singleton if it exists, else null (never creates it).
@@ -77,6 +115,71 @@ public:
     // Cancels the worker threads of the contacts, application and media handlers.
     void stopHandlerThreads();
 
-private:
+    // Worker steps (the worker thread; tests call them directly with the worker off).
+    // composeAndSync: true when every document of the item was posted and answered.
+    bool composeAndSync(int item);
+    // The idle work of the worker: close an open PDS session (with retries), apply the outcomes,
+    // move a pending item back to syncQueue or run the exit check. The caller holds the sync lock.
+    void closeSessionAndApplyOutcomes();
+    // Server wipe and close, exceptions caught.
+    void* pdssWipe(DataUploadHandler* handler, void* arg);
+    void closePds(DataUploadHandler* handler);
+    void handleSyncError();
+    void pdsUploadStarted();
+    void clearSyncResultList();
+
+    // Inspection (tests and status dumps).
+    std::vector<int> syncQueueItems();
+    std::vector<int> pendingQueueItems();
+    size_t syncResultCount();
+    // Adds a result to the list as a post would (tests of the close path).
+    void appendSyncResultForTesting(SyncResult* result);
+
+    static void setHooksForTesting(PLMSyncManagerHooks hooks);
+
+  private:
     PLMSyncManager();
+    void handleMessage();
+    void _sleep(int seconds);
+    void _requestDomainSync(int domain, int code);
+    void _processSyncResults();
+    DataUploadHandler* _uploader();
+    DataUploadHandler* _ensureUploader();
+    bool _tryClose(DataUploadHandler* handler);
+    bool _hasResultOf(int item);
+    void _stopWorker();
+    bool _workerShouldStop() const { return mStopping.load(); }
+
+    std::mutex mApplicationLock;
+    std::mutex mContactsLock;
+    std::mutex mFourthDomainLock;
+    std::mutex mMediaLock;
+
+    PLMSyncManagerHooks mHooks;
+    std::unique_ptr<PrefMgr> mPrefMgr;
+    std::unique_ptr<MainObserver> mMainObserver;
+    std::unique_ptr<NetworkMgr> mNetworkMgr;
+    std::unique_ptr<IntentMgr> mIntentMgr;
+    std::unique_ptr<DataUploadHandler> mDataUploadHandler;
+    std::mutex mPrefMgrMutex;
+    // Guards the upload-handler pointer (made on the worker, read from the main loop).
+    mutable std::mutex mHandlerMutex;
+    // Cuts the retry pauses short when the manager goes away.
+    std::mutex mStopMutex;
+    std::condition_variable mStopCondition;
+    // Whether the contacts handler was reached (so shutdown stops its worker).
+    std::atomic<bool> mContactsHandlerUsed{false};
+
+    std::unique_ptr<SyncQueue> mSyncQueue;
+    std::unique_ptr<SyncQueue> mPendingQueue;
+    std::unique_ptr<SyncLock> mSyncLock;
+    // Owned SyncResult records, one per posted body; guarded by the sync lock or used by the
+    // worker.
+    std::vector<SyncResult*> mSyncResults;
+    std::mutex mSyncResultsMutex;
+    std::atomic<int> mCurrentItem{-1};
+    std::atomic<bool> mPdsOpened{false};
+    std::atomic<bool> mPendingResync{false};
+    std::atomic<bool> mStopping{false};
+    std::thread mWorker;
 };

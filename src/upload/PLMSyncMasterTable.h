@@ -2,8 +2,8 @@
 // Any thread; each call is one or two plmsvc_db_process calls (a set is not atomic as a whole).
 #pragma once
 
-#include <memory>
 #include <pelio/platform/Bundle.h>
+#include <memory>
 #include <string>
 
 // 0 on success, -1 or the failing step's code otherwise. A null key or value is -1.

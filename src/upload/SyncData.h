@@ -7,7 +7,7 @@
 #include <vector>
 
 class SyncData {
-public:
+  public:
     SyncData() = default;
     virtual ~SyncData() = default;
 

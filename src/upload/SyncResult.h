@@ -5,7 +5,7 @@
 #include <string>
 
 class SyncResult {
-public:
+  public:
     // status values
     static constexpr int STATUS_FAILED = 0;
     static constexpr int STATUS_PARTIAL = 1;

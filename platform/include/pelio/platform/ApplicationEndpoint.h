@@ -29,6 +29,9 @@ class ApplicationEndpoint {
 
     // Exports the object and asks for the name; false when there is no session bus.
     bool start(NameHandler onName);
+    // Gives the bus name up at once (the object stays exported until destruction), so that the
+    // next request to the application starts a new instance instead of reaching one that ends.
+    void releaseName();
     void setState(int state);
     int state() const;
 

@@ -1,0 +1,88 @@
+#include "CouchClient.h"
+
+#include <httplib.h>
+
+#include <stdexcept>
+
+CouchClient::CouchClient(const std::string& url) {
+    const auto scheme = url.find("://");
+    if (scheme == std::string::npos) {
+        throw std::invalid_argument("database URL needs a scheme: " + url);
+    }
+    std::string rest = url.substr(scheme + 3);
+    const auto slash = rest.find('/');
+    std::string authority = rest.substr(0, slash);
+    if (slash != std::string::npos) {
+        prefix_ = rest.substr(slash);
+        while (!prefix_.empty() && prefix_.back() == '/') {
+            prefix_.pop_back();
+        }
+    }
+    const auto at = authority.rfind('@');
+    if (at != std::string::npos) {
+        const std::string userinfo = authority.substr(0, at);
+        authority = authority.substr(at + 1);
+        const auto colon = userinfo.find(':');
+        user_ = httplib::detail::decode_url(userinfo.substr(0, colon), false);
+        if (colon != std::string::npos) {
+            password_ = httplib::detail::decode_url(userinfo.substr(colon + 1), false);
+        }
+    }
+    origin_ = url.substr(0, scheme + 3) + authority;
+}
+
+std::string CouchClient::escape(const std::string& element) {
+    static const char* kHex = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : element) {
+        if (std::isalnum(c) || c == '_' || c == '-' || c == '.' || c == '~') {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += kHex[c >> 4];
+            out += kHex[c & 15];
+        }
+    }
+    return out;
+}
+
+CouchClient::Reply CouchClient::send(const std::string& method, const std::string& path,
+                                     const std::string* body) const {
+    httplib::Client cli(origin_);
+    cli.set_connection_timeout(5, 0);
+    cli.set_read_timeout(60, 0);
+    cli.set_write_timeout(60, 0);
+    cli.set_decompress(true);
+    if (!user_.empty()) {
+        cli.set_basic_auth(user_, password_);
+    }
+    const httplib::Headers headers{{"Accept", "application/json"}};
+    const std::string full = prefix_ + path;
+    httplib::Result res =
+        method == "GET"   ? cli.Get(full, headers)
+        : method == "PUT" ? cli.Put(full, headers, "", "application/json")
+        : method == "DELETE"
+            ? cli.Delete(full, headers)
+            : cli.Post(full, headers, body ? *body : std::string(), "application/json");
+    Reply reply;
+    if (!res) {
+        reply.error = httplib::to_string(res.error());
+        return reply;
+    }
+    reply.status = res->status;
+    reply.body = res->body;
+    return reply;
+}
+
+CouchClient::Reply CouchClient::get(const std::string& path) const {
+    return send("GET", path, nullptr);
+}
+CouchClient::Reply CouchClient::put(const std::string& path) const {
+    return send("PUT", path, nullptr);
+}
+CouchClient::Reply CouchClient::del(const std::string& path) const {
+    return send("DELETE", path, nullptr);
+}
+CouchClient::Reply CouchClient::post(const std::string& path, const std::string& jsonBody) const {
+    return send("POST", path, &jsonBody);
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+
+// Plain HTTP(S) calls to the CouchDB-compatible database. The URL may carry user:password@
+// (sent as basic authentication) and a path prefix. A fresh connection per call keeps it
+// thread-safe. Time-outs: 5 s connect, 60 s read/write.
+class CouchClient {
+  public:
+    struct Reply {
+        int status = 0;  // 0 = the database could not be reached
+        std::string body;
+        std::string error;  // transport error text when status is 0
+    };
+
+    explicit CouchClient(const std::string& url);
+
+    Reply get(const std::string& path) const;
+    Reply put(const std::string& path) const;
+    Reply del(const std::string& path) const;
+    Reply post(const std::string& path, const std::string& jsonBody) const;
+
+    // Database names are made of [a-z0-9_$()+/-]; this escapes '/' and the rest of a path element.
+    static std::string escape(const std::string& element);
+
+  private:
+    Reply send(const std::string& method, const std::string& path, const std::string* body) const;
+
+    std::string origin_;  // scheme://host:port
+    std::string prefix_;  // path prefix without trailing '/'
+    std::string user_;
+    std::string password_;
+};

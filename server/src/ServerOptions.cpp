@@ -1,0 +1,174 @@
+#include "ServerOptions.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <string_view>
+
+namespace {
+
+const char* kUsage =
+    R"(Usage: pds-server --listen HOST:PORT --tls-cert FILE --tls-key FILE [options]
+
+PDS session calls (POST /pds/open, /pds/close, /pds/wipe) over TLS, and a bulk-document
+gateway (POST <dburl>/_bulk_docs) in front of a CouchDB-compatible database.
+
+  --listen HOST:PORT        address of the PDS calls (TLS); PORT 0 picks a free port
+  --tls-cert FILE           certificate (PEM) of the PDS listener
+  --tls-key FILE            private key (PEM) of the PDS listener
+  --db-listen HOST:PORT     address of the bulk-document gateway (plain HTTP unless
+                            --db-tls-cert/--db-tls-key are given); PORT 0 picks a free port
+  --db-tls-cert FILE        certificate (PEM) of the gateway
+  --db-tls-key FILE         private key (PEM) of the gateway
+  --db-url-base URL         base of the "dburl" handed out by open
+                            (default: http[s]://<db-listen address>)
+  --couch URL               the CouchDB-compatible database (default http://127.0.0.1:5984);
+                            user:password@ in the URL is sent as basic authentication
+  --secret TEXT             key that signs session cookies (default: random at start;
+                            give the same key to every gateway that serves one database)
+  --session-ttl SECONDS     life of a session cookie (default 3600)
+  --force-limit N           forced opens allowed per device and window (default 60)
+  --force-window SECONDS    window of the forced-open limit (default 3600)
+  --max-body BYTES          largest accepted request body (default 67108864)
+  --policy JSON             sync policy document handed out by open
+  --fail-open RESULT        test knob: every open answers {"reason":"failure","result":RESULT}
+  --admin                   test knob: enable the /admin endpoints (loopback clients only)
+  --ports-file FILE         write "pds=PORT" and "db=PORT" once the listeners are bound
+  --verbose                 log every request to stderr
+  --help                    this text
+)";
+
+bool parseLong(const std::string& text, long minimum, long& out) {
+    if (text.empty()) {
+        return false;
+    }
+    char* end = nullptr;
+    errno = 0;
+    const long v = std::strtol(text.c_str(), &end, 10);
+    if (errno != 0 || *end != '\0' || v < minimum) {
+        return false;
+    }
+    out = v;
+    return true;
+}
+
+}  // namespace
+
+bool splitHostPort(const std::string& text, std::string& host, int& port) {
+    std::string h;
+    std::string p;
+    if (!text.empty() && text.front() == '[') {
+        const auto close = text.find(']');
+        if (close == std::string::npos || close + 1 >= text.size() || text[close + 1] != ':') {
+            return false;
+        }
+        h = text.substr(1, close - 1);
+        p = text.substr(close + 2);
+    } else {
+        const auto colon = text.rfind(':');
+        if (colon == std::string::npos) {
+            return false;
+        }
+        h = text.substr(0, colon);
+        p = text.substr(colon + 1);
+    }
+    long v = 0;
+    if (h.empty() || !parseLong(p, 0, v) || v > 65535) {
+        return false;
+    }
+    host = h;
+    port = static_cast<int>(v);
+    return true;
+}
+
+std::optional<ServerOptions> parseServerOptions(int argc, char** argv, int& exitCode) {
+    ServerOptions o;
+    auto fail = [&](const std::string& why) -> std::optional<ServerOptions> {
+        std::cerr << "pds-server: " << why << "\n\n" << kUsage;
+        exitCode = 2;
+        return std::nullopt;
+    };
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            std::cout << kUsage;
+            exitCode = 0;
+            return std::nullopt;
+        }
+        if (arg == "--admin") {
+            o.admin = true;
+            continue;
+        }
+        if (arg == "--verbose") {
+            o.verbose = true;
+            continue;
+        }
+        if (i + 1 >= argc) {
+            return fail("missing value or unknown option: " + std::string(arg));
+        }
+        const std::string value = argv[++i];
+        long n = 0;
+        if (arg == "--listen") {
+            if (!splitHostPort(value, o.listenHost, o.listenPort)) {
+                return fail("bad --listen address: " + value);
+            }
+        } else if (arg == "--tls-cert") {
+            o.tlsCert = value;
+        } else if (arg == "--tls-key") {
+            o.tlsKey = value;
+        } else if (arg == "--db-listen") {
+            if (!splitHostPort(value, o.dbListenHost, o.dbListenPort)) {
+                return fail("bad --db-listen address: " + value);
+            }
+        } else if (arg == "--db-tls-cert") {
+            o.dbTlsCert = value;
+        } else if (arg == "--db-tls-key") {
+            o.dbTlsKey = value;
+        } else if (arg == "--db-url-base") {
+            o.dbUrlBase = value;
+            while (!o.dbUrlBase.empty() && o.dbUrlBase.back() == '/') {
+                o.dbUrlBase.pop_back();
+            }
+        } else if (arg == "--couch") {
+            o.couchUrl = value;
+        } else if (arg == "--secret") {
+            o.secret = value;
+        } else if (arg == "--session-ttl") {
+            if (!parseLong(value, 1, n)) {
+                return fail("bad --session-ttl: " + value);
+            }
+            o.sessionTtlSeconds = n;
+        } else if (arg == "--force-limit") {
+            if (!parseLong(value, 0, n) || n > 1000000) {
+                return fail("bad --force-limit: " + value);
+            }
+            o.forceLimit = static_cast<int>(n);
+        } else if (arg == "--force-window") {
+            if (!parseLong(value, 1, n)) {
+                return fail("bad --force-window: " + value);
+            }
+            o.forceWindowSeconds = n;
+        } else if (arg == "--max-body") {
+            if (!parseLong(value, 1024, n)) {
+                return fail("bad --max-body (at least 1024): " + value);
+            }
+            o.maxBodyBytes = static_cast<std::size_t>(n);
+        } else if (arg == "--policy") {
+            o.policy = value;
+        } else if (arg == "--fail-open") {
+            o.failOpen = value;
+        } else if (arg == "--ports-file") {
+            o.portsFile = value;
+        } else {
+            return fail("unknown option: " + std::string(arg));
+        }
+    }
+    if (o.listenPort < 0 || o.tlsCert.empty() || o.tlsKey.empty()) {
+        return fail("--listen, --tls-cert and --tls-key are required");
+    }
+    if (o.dbTlsCert.empty() != o.dbTlsKey.empty()) {
+        return fail("--db-tls-cert and --db-tls-key go together");
+    }
+    return o;
+}

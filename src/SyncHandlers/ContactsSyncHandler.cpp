@@ -1,0 +1,433 @@
+#include "SyncHandlers/ContactsSyncHandler.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <pelio/platform/Contacts.h>
+#include <pelio/platform/Preferences.h>
+
+#include "PLMConstants.h"
+#include "PelioLog.h"
+#include "database/DbManager.h"
+#include "upload/PLMSyncMasterTable.h"
+#include "utils/BundleMacro.h"
+
+using pelio::platform::Bundle;
+namespace pp = pelio::platform;
+
+namespace {
+
+constexpr const char* kContactsTable = "contacts";
+constexpr const char* kColId = "_id";
+constexpr const char* kColContactId = "contact_id";
+constexpr const char* kColDirty = "dirty";
+constexpr const char* kColVersion = "version";
+
+// Base-10 value of a column text; fallback when the column is absent.
+int parseColumn(const std::string& text, int fallback) {
+    if (text.empty())
+        return fallback;
+    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
+ContactSyncInfo* lookup(GHashTable* map, int id) {
+    return static_cast<ContactSyncInfo*>(g_hash_table_lookup(map, GINT_TO_POINTER(id)));
+}
+
+void put(GHashTable* map, ContactSyncInfo* info) {
+    g_hash_table_insert(map, GINT_TO_POINTER(info->id), info);
+}
+
+}  // namespace
+
+void free_contact_info(gpointer info) {
+    if (info == nullptr) {
+        LOGE("Info is already NULL");
+        return;
+    }
+    delete static_cast<ContactSyncInfo*>(info);
+}
+
+std::mutex ContactsSyncHandler::sInstanceLock;
+ContactsSyncHandler* ContactsSyncHandler::sInstance = nullptr;
+
+ContactsSyncHandler* ContactsSyncHandler::getInstance() {
+    std::lock_guard<std::mutex> guard(sInstanceLock);
+    if (sInstance == nullptr) {
+        sInstance = new ContactsSyncHandler(nullptr);
+    }
+    return sInstance;
+}
+
+void ContactsSyncHandler::deleteInstance() {
+    ContactsSyncHandler* instance = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(sInstanceLock);
+        instance = sInstance;
+        sInstance = nullptr;
+    }
+    delete instance;
+}
+
+ContactsSyncHandler::ContactsSyncHandler(SyncHandlerHost* host) : BaseSyncHandler(host) {
+    mDomainId = plm::SYNC_ITEM_CONTACTS;
+}
+
+ContactsSyncHandler::~ContactsSyncHandler() {
+    stopWorker();
+}
+
+int ContactsSyncHandler::readSyncContactsDbVersion(int& version) {
+    const int ret = pp::preferences().getInt(plm::PREF_CONTACTS_DB_VERSION, version);
+    if (ret != pp::PREFERENCE_ERROR_NONE) {
+        LOGE("readSyncContactsDbVersion failed. retval[%d]", ret);
+    }
+    return ret;
+}
+
+int ContactsSyncHandler::writeNewSyncContactsDbVersion(bool reset) {
+    int version = -1;
+    if (!reset) {
+        auto& contacts = pp::contactsService();
+        const int connected = contacts.connectOnThread();
+        if (connected != pp::CONTACTS_ERROR_NONE) {
+            LOGE("contacts_connect_on_thread is failed");
+            return connected;
+        }
+        const int ret = contacts.getCurrentVersion(version);
+        contacts.disconnectOnThread();
+        if (ret != pp::CONTACTS_ERROR_NONE) {
+            LOGE("contacts_db_get_current_version is failed!!");
+            return ret;
+        }
+    }
+    LOGD("writeNewSyncContactsDbVersion [%d]", version);
+    const int ret = pp::preferences().setInt(plm::PREF_CONTACTS_DB_VERSION, version);
+    if (ret != pp::PREFERENCE_ERROR_NONE) {
+        LOGE("writeSyncContactsDbVersion failed. retval[%d]", ret);
+    }
+    return ret;
+}
+
+int ContactsSyncHandler::syncData(int syncType) {
+    bool isForce = true;
+    if (pp::preferences().getBoolean(plm::PLMConstants::IS_FORCE, isForce) !=
+        pp::PREFERENCE_ERROR_NONE) {
+        isForce = true;  // never set: behave as a first run
+    }
+    if (isForce) {
+        pp::preferences().remove(plm::PREF_CONTACTS_DB_VERSION);
+    } else if (!_isSyncRequired()) {
+        LOGD("Skip by _isSyncRequired()");
+        return 2;
+    }
+
+    LOGI("Contacts Sync Start");
+    // The two messages are crossed on purpose; log readers know them so.
+    if (master_set_string(plm::CONTACTS_SYNC_STATUS_P, plm::STATUS_WAITING) == 0) {
+        LOGD("Failed to set master string for contacts");
+    } else {
+        LOGD("Succeded to set master string for contacts");
+    }
+
+    if (syncType == plm::SYNC_TYPE_FORCE) {
+        deleteAll(kContactsTable);
+    }
+
+    SyncMap map(g_hash_table_new_full(g_direct_hash, g_direct_equal, nullptr, free_contact_info));
+    int result = 1;
+    if (_readOldSyncData(map.get()) != 0) {
+        LOGE("Failed to read the stored contacts");
+    } else {
+        result = _calcuDeltaSyncData(map.get());
+        LOGD("Final Delta count is [%d]", static_cast<int>(g_hash_table_size(map.get())));
+        if (result == 0) {
+            result = _writeNewSyncData(map.get());
+        } else {
+            LOGD("Delta calculation failed[%d]", result);
+        }
+    }
+    map.reset();
+
+    if (result == 1) {
+        LOGE("syncData failed for Contacts");
+    } else {
+        LOGD("syncData Done for Contacts");
+    }
+    return result;
+}
+
+bool ContactsSyncHandler::_isSyncRequired() {
+    if (_isSyncRequiredByPreviousSyncStatus())
+        return true;
+    return _isSyncRequiredByContactsDbVersion();
+}
+
+bool ContactsSyncHandler::_isSyncRequiredByPreviousSyncStatus() {
+    char* raw = nullptr;
+    if (master_get_string(plm::CONTACTS_SYNC_STATUS_P, &raw) != 0) {
+        LOGE("master_get_string failed");
+        free(raw);
+        return false;
+    }
+    std::unique_ptr<char, decltype(&free)> value(raw, &free);
+    LOGD("status : %s", value ? value.get() : "NULL");
+    if (!value || std::strcmp(value.get(), plm::STATUS_WAITING) == 0 ||
+        std::strcmp(value.get(), plm::STATUS_FAILED) == 0) {
+        LOGD("status is false hence trigger sync");
+        return true;
+    }
+    return false;
+}
+
+bool ContactsSyncHandler::_isSyncRequiredByContactsDbVersion() {
+    int synced = -1;
+    if (readSyncContactsDbVersion(synced) != pp::PREFERENCE_ERROR_NONE) {
+        synced = -1;
+    }
+    int current = -1;
+    auto& contacts = pp::contactsService();
+    if (contacts.connectOnThread() != pp::CONTACTS_ERROR_NONE) {
+        LOGE("contacts_connect_on_thread is failed");
+    } else {
+        if (contacts.getCurrentVersion(current) != pp::CONTACTS_ERROR_NONE) {
+            LOGE("contacts_db_get_current_version is failed!!");
+        }
+        contacts.disconnectOnThread();
+    }
+    LOGD("syncedContactsDbVer[%d] AND currentContactDbVersion[%d]", synced, current);
+    if (synced == -1) {
+        LOGD("It's never been synced currentContactDbVersion is marked as synced version : [%d]",
+             current);
+        return true;
+    }
+    if (synced == current) {
+        LOGD("They have same contact version in plm sync requested and contact db's");
+        return false;
+    }
+    LOGD("contact version mismatched between we have and contactDb's : [%d]", current);
+    return true;
+}
+
+int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
+    char projection[128];
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s ", kColId, kColContactId,
+                  kColDirty, kColVersion);
+
+    // One SELECT may move only a bounded number of columns, so the table is read in pages.
+    int total = 0;
+    for (int offset = 0;; offset += kReadPageRows) {
+        Bundle request;
+        Bundle result;
+        request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
+        request.addStr(bundlekeys::URI_TABLE_NAME, kContactsTable);
+        request.addStr(bundlekeys::PROJECTION, projection);
+        request.addStr(bundlekeys::WHERE, "1=1 ORDER BY rowid LIMIT " +
+                                              std::to_string(kReadPageRows) + " OFFSET " +
+                                              std::to_string(offset));
+        if (db()->plmsvc_db_process(&request, &result) != 0 ||
+            getValStr(&result, bundlekeys::RECORD0) != bundlekeys::SUCCESS) {
+            LOGE("reading the contacts table failed at offset %d", offset);
+            return -1;
+        }
+        int rows = 0;
+        for (int n = 1;; ++n) {
+            std::vector<uint8_t> bytes;
+            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE)
+                break;
+            ++rows;
+            auto row = Bundle::decode(bytes);
+            if (!row) {
+                LOGE("undecodable row %d", n);
+                continue;
+            }
+            auto* info = new ContactSyncInfo;
+            info->id = parseColumn(getValStr(&*row, columnKey(0)), -1);
+            info->contactId = parseColumn(getValStr(&*row, columnKey(1)), -1);
+            info->dirty = parseColumn(getValStr(&*row, columnKey(2)), 2);
+            info->version = parseColumn(getValStr(&*row, columnKey(3)), -1);
+            put(map, info);  // a repeated _id keeps the latest row's values
+        }
+        total += rows;
+        if (rows < kReadPageRows)
+            break;
+    }
+    if (total == 0) {
+        LOGD("no information present");
+    }
+    return 0;
+}
+
+int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
+    LOGD("calculate delta - begin");
+    int synced = 0;
+    if (readSyncContactsDbVersion(synced) != pp::PREFERENCE_ERROR_NONE || synced < 0) {
+        synced = 0;
+    }
+
+    auto& contacts = pp::contactsService();
+    int ret = contacts.connectOnThread();
+    if (ret != pp::CONTACTS_ERROR_NONE) {
+        LOGE("contacts_connect_on_thread is failed");
+        return 1;
+    }
+
+    int insertedCnt = 0, updatedCnt = 0, deletedCnt = 0;
+    int result = 0;
+    int current = 0;
+    ret = contacts.getCurrentVersion(current);
+    if (ret != pp::CONTACTS_ERROR_NONE) {
+        LOGE("contacts_db_get_current_version is failed!!");
+        result = 1;
+    }
+    LOGD("syncedVersion[%d] vs currentVersion[%d]", synced, current);
+
+    std::vector<pp::ContactSummary> all;
+    std::vector<pp::ContactChange> changes;
+    if (result == 0) {
+        ret = contacts.getAllContacts(all);
+        LOGD("ret[%d], allCnt[%d]", ret, static_cast<int>(all.size()));
+        if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
+            LOGE("contacts list next failed with ret[%d]", ret);
+            result = 1;
+        }
+    }
+    if (result == 0) {
+        int changesVersion = 0;
+        ret = contacts.getChangesByVersion(-1, synced, changes, changesVersion);
+        LOGD("ret[%d], recordCnt[%d], hashTableSize[%d]", ret, static_cast<int>(changes.size()),
+             static_cast<int>(g_hash_table_size(map)));
+        if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
+            LOGE("contacts list next failed with ret[%d]", ret);
+            result = 1;
+        }
+    }
+
+    if (result == 0) {
+        // The contact list in its own order, found by id (the first entry of an id wins, as a
+        // walk from the start would find it).
+        std::unordered_map<int, const pp::ContactSummary*> byId;
+        byId.reserve(all.size());
+        for (const auto& c : all)
+            byId.emplace(c.id, &c);
+
+        for (const auto& change : changes) {
+            if (isInterrupted()) {
+                LOGD("forced sync pending, delta calculation stopped");
+                result = 2;
+                break;
+            }
+            const auto found = byId.find(change.contactId);
+            if (found == byId.end()) {
+                LOGE("Invalid contact");
+                continue;
+            }
+            const pp::ContactSummary& contact = *found->second;
+            if (contact.personId < 1) {
+                LOGE("Invalid person");
+                continue;
+            }
+            if (contact.displayName.empty()) {
+                LOGE("No display name");
+                continue;
+            }
+            const int personId = contact.personId;
+            ContactSyncInfo* info = lookup(map, personId);
+            if (info == nullptr) {
+                info = new ContactSyncInfo;
+                info->id = personId;
+                info->contactId = personId;
+                info->dirty = plm::DIRTY_INSERTED;
+                info->version = current;
+                put(map, info);
+                ++insertedCnt;
+            } else if (change.type == pp::CONTACTS_CHANGE_DELETED) {
+                info->dirty = plm::DIRTY_DELETED;
+                info->version = current;
+                ++deletedCnt;
+            } else if (info->version == current) {
+                // A second change inside one version counts as a removal; a repeated insert is
+                // ignored.
+                if (change.type != pp::CONTACTS_CHANGE_INSERTED) {
+                    info->dirty = plm::DIRTY_DELETED;
+                    ++deletedCnt;
+                }
+            } else {
+                info->dirty = plm::DIRTY_UPDATED;
+                info->version = current;
+                info->id = personId;
+                info->contactId = personId;
+                ++updatedCnt;
+            }
+        }
+    }
+
+    contacts.disconnectOnThread();
+    LOGD("calculate delta end - insertedCnt[%d], updatedCnt[%d], deletedCnt[%d] - result[%d]",
+         insertedCnt, updatedCnt, deletedCnt, result);
+    return result;
+}
+
+int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
+    LOGD("write new data - begin");
+    DbManager* dbm = db();
+    dbm->beginMultiQuery();
+
+    GHashTableIter iter;
+    gpointer key = nullptr;
+    gpointer value = nullptr;
+    g_hash_table_iter_init(&iter, map);
+    while (g_hash_table_iter_next(&iter, &key, &value)) {
+        if (isInterrupted()) {
+            // Not marked successful: the transaction rolls back.
+            dbm->endMultiQuery();
+            LOGD("forced sync pending, write rolled back");
+            LOGD("write new data - end");
+            return 2;
+        }
+        const auto* info = static_cast<const ContactSyncInfo*>(value);
+        if (info->dirty == plm::DIRTY_SYNCED)
+            continue;
+
+        const std::string idText = std::to_string(info->id);
+        Bundle request;
+        Bundle result;
+        request.addStr(bundlekeys::URI_TABLE_NAME, kContactsTable);
+        request.addStr(bundlekeys::COLUMN_COUNT, "4");
+        request.addStr("COL1", kColId);
+        request.addStr("COL2", kColContactId);
+        request.addStr("COL3", kColDirty);
+        request.addStr("COL4", kColVersion);
+        request.addStr(kColId, idText);
+        request.addStr(kColContactId, std::to_string(info->contactId));
+        request.addStr(kColDirty, std::to_string(info->dirty));
+        request.addStr(kColVersion, std::to_string(info->version));
+
+        int ret = 0;
+        if (info->dirty == plm::DIRTY_INSERTED) {
+            request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_INSERT);
+            ret = dbm->insertDb(&request, &result);
+        } else if (info->dirty == plm::DIRTY_DELETED || info->dirty == plm::DIRTY_UPDATED) {
+            char where[64];
+            std::snprintf(where, sizeof(where), " %s = %d", kColId, info->id);
+            request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
+            request.addStr(bundlekeys::WHERE, where);
+            ret = dbm->updateDb(&request, &result);
+        } else {
+            LOGW("unexpected dirty value %d for '%s', left alone", info->dirty, idText.c_str());
+            continue;
+        }
+        if (ret != 0) {
+            LOGE("error in querying '%s'", idText.c_str());
+        }
+    }
+
+    dbm->setDbTransactionSuccessful();
+    dbm->endMultiQuery();
+    LOGD("write new data - end");
+    return 0;
+}

@@ -1,0 +1,74 @@
+// ContactsSyncHandler: the contacts domain collector (sync item 3). Its syncData() decides whether
+// the phone book changed since the last collection and, if so, works out from the contacts
+// service's change log which persons were added, changed or removed, and records that as dirty
+// flags in the local "contacts" table (1 insert, 2 delete, 3 update). The contacts composer later
+// turns the rows whose flag is not 4 into documents.
+//
+// Persisted state: preference "ORVANE_CONATCT_DB_VERSION" (the contacts database version of the
+// last collection; written by the sync manager after a PDS close through
+// writeNewSyncContactsDbVersion), preference "is_force" (absent or true: ignore the stored
+// version), master key "CONTACTS_SYNC_STATUS_P".
+//
+// Threads: syncData() runs on this handler's worker thread under the sync manager's contacts lock,
+// with its own contacts-service connection. readSyncContactsDbVersion() and
+// writeNewSyncContactsDbVersion() may be called from any thread (the sync manager's worker).
+// Ownership: a process-wide singleton (getInstance / deleteInstance).
+// Errors: syncData() returns 0 (something to upload), 2 (nothing to do, or interrupted by a
+// forced request: the write transaction is rolled back) or 1 (failure); all failures are logged.
+#pragma once
+
+#include <glib.h>
+
+#include <memory>
+#include <mutex>
+
+#include "SyncHandlers/BaseSyncHandler.h"
+
+// One person of the delta map.
+struct ContactSyncInfo {
+    int id = -1;         // "_id" of the row: the person id
+    int contactId = -1;  // "contact_id": the same person id
+    int spare = -1;
+    int dirty = 2;  // 1 insert, 2 delete, 3 update, 4 unchanged (not written back)
+    int version = -1;
+};
+
+class ContactsSyncHandler : public BaseSyncHandler {
+  public:
+    static ContactsSyncHandler* getInstance();
+    static void deleteInstance();
+
+    // Tests and embedders: a handler on its own host (null: the sync manager). getInstance() is
+    // what the service uses.
+    explicit ContactsSyncHandler(SyncHandlerHost* host);
+    ~ContactsSyncHandler() override;
+
+    int syncData(int syncType) override;
+
+    // The stored version: 0 and version filled on success, the preference error otherwise.
+    int readSyncContactsDbVersion(int& version);
+    // Stores -1 when reset, else the contacts database's current version. 0 on success.
+    int writeNewSyncContactsDbVersion(bool reset);
+
+    // Rows per SELECT of _readOldSyncData (keeps one SELECT within the row-transfer bound).
+    static constexpr int kReadPageRows = 750;
+
+  private:
+    struct MapUnref {
+        void operator()(GHashTable* t) const { g_hash_table_unref(t); }
+    };
+    using SyncMap = std::unique_ptr<GHashTable, MapUnref>;
+
+    bool _isSyncRequired();
+    bool _isSyncRequiredByPreviousSyncStatus();
+    bool _isSyncRequiredByContactsDbVersion();
+    int _readOldSyncData(GHashTable* map);
+    int _calcuDeltaSyncData(GHashTable* map);
+    int _writeNewSyncData(GHashTable* map);
+
+    static std::mutex sInstanceLock;
+    static ContactsSyncHandler* sInstance;
+};
+
+// Value-free function of the delta map.
+void free_contact_info(gpointer info);

@@ -1,0 +1,421 @@
+#include "composer/ContactsJsonComposer.h"
+
+#include <libintl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include <pelio/platform/I18n.h>
+
+#include "PLMConstants.h"
+#include "PelioLog.h"
+#include "SyncHandlers/BaseSyncHandler.h"
+#include "database/DbManager.h"
+#include "utils/BundleMacro.h"
+#include "utils/PLMUtils.h"
+
+using pelio::platform::Bundle;
+namespace pp = pelio::platform;
+
+namespace {
+
+constexpr const char* kTextDomain = "pelio-service";
+
+// Guards the process-wide locale state read by dgettext and changed by the locale switch.
+std::mutex& labelMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::atomic<int> gContactDocNumber{0};
+
+std::string translate(const char* msgid) {
+    static std::once_flag bound;
+    std::lock_guard<std::mutex> guard(labelMutex());
+    std::call_once(bound, [] { pp::bindServiceTextDomain(); });
+    return dgettext(kTextDomain, msgid);
+}
+
+}  // namespace
+
+ContactsJsonComposer::ContactsJsonComposer() : mJsonArr(json_array_new()) {}
+
+ContactsJsonComposer::~ContactsJsonComposer() = default;
+
+int ContactsJsonComposer::lastDocumentNumber() {
+    return gContactDocNumber.load();
+}
+
+std::string ContactsJsonComposer::getTypeString(int type) {
+    const unsigned bits = static_cast<unsigned>(type);
+    const bool home = bits & pp::CONTACTS_NUMBER_TYPE_HOME;
+    const bool work = bits & pp::CONTACTS_NUMBER_TYPE_WORK;
+    if (bits & pp::CONTACTS_NUMBER_TYPE_CUSTOM)
+        return translate("contact_other");
+    if (bits & pp::CONTACTS_NUMBER_TYPE_CELL)
+        return translate("contact_mobile");
+    if (bits & pp::CONTACTS_NUMBER_TYPE_VOICE) {
+        if (home)
+            return translate("contact_home");
+        if (work)
+            return translate("contact_work");
+        return translate("contact_other");
+    }
+    if (bits & pp::CONTACTS_NUMBER_TYPE_FAX) {
+        if (home)
+            return translate("IDS_VOICE_BODY_FAX_HHOME");
+        if (work)
+            return translate("IDS_VOICE_BODY_FAX_HWORK");
+        return translate("contact_other");
+    }
+    if (bits & pp::CONTACTS_NUMBER_TYPE_PAGER)
+        return translate("IDS_PB_BODY_PAGER");
+    if (bits & pp::CONTACTS_NUMBER_TYPE_MAIN) {
+        LOGD("main");
+        return "main";
+    }
+    if (bits == pp::CONTACTS_NUMBER_TYPE_HOME)
+        return translate("contact_home");
+    if (bits == pp::CONTACTS_NUMBER_TYPE_WORK)
+        return translate("contact_work");
+    return translate("contact_other");
+}
+
+std::string ContactsJsonComposer::joinPhoneticName(const std::string& first,
+                                                   const std::string& middle,
+                                                   const std::string& last,
+                                                   const std::string& locale) {
+    std::vector<const std::string*> order;
+    if (locale.find("ja_JP") != std::string::npos || locale.find("ko_KR") != std::string::npos) {
+        LOGD("Korean-Japnese case");
+        order = {&last, &first, &middle};
+    } else {
+        order = {&first, &middle, &last};
+    }
+    std::string joined;
+    for (const std::string* part : order) {
+        if (part->empty())
+            continue;
+        if (!joined.empty())
+            joined += ' ';
+        joined += *part;
+    }
+    return joined;
+}
+
+void ContactsJsonComposer::_setLocaleForJsonFields() {
+    std::string locale = getLocalePreference();
+    if (locale.empty())
+        locale = plm::DEFAULT_LOCALE;
+    std::replace(locale.begin(), locale.end(), '-', '_');
+    mLocale = locale;
+    LOGD("locale[%s]", locale.c_str());
+
+    std::lock_guard<std::mutex> guard(labelMutex());
+    bool changed = false;
+    const char* language = std::getenv("LANGUAGE");
+    if (language == nullptr) {
+        setenv("LANGUAGE", locale.c_str(), 1);
+        setenv("LC_MESSAGES", locale.c_str(), 1);
+        changed = true;
+    } else {
+        if (locale != language) {
+            setenv("LANGUAGE", locale.c_str(), 1);
+            changed = true;
+        }
+        const char* messages = std::getenv("LC_MESSAGES");
+        if (messages == nullptr || locale != messages) {
+            setenv("LC_MESSAGES", locale.c_str(), 1);
+            changed = true;
+        }
+    }
+    if (changed) {
+        std::setlocale(LC_ALL, locale.c_str());
+        // A locale that is not installed leaves a plain "C" LC_MESSAGES, under which gettext
+        // ignores LANGUAGE; binding again moves it to C.UTF-8 so the catalogues still apply.
+        pp::bindServiceTextDomain();
+        pp::refreshServiceTranslations();
+    }
+}
+
+bool ContactsJsonComposer::getNameFromRecord(const pp::ContactRecord& contact,
+                                             ContactComposeRecord& record) {
+    record.displayName = contact.displayName;
+    if (!contact.hasName)
+        return false;
+    record.firstName = contact.name.first;
+    record.lastName = contact.name.last;
+    record.middleName = contact.name.addition;
+    return true;
+}
+
+bool ContactsJsonComposer::getPhoneticNameFromRecord(const pp::ContactRecord& contact,
+                                                     ContactComposeRecord& record) {
+    if (!contact.hasName)
+        return false;
+    record.phoneticName = joinPhoneticName(contact.name.phoneticFirst, contact.name.phoneticMiddle,
+                                           contact.name.phoneticLast, mLocale);
+    return true;
+}
+
+bool ContactsJsonComposer::getNumbersFromRecord(const pp::ContactRecord& contact,
+                                                ContactComposeRecord& record) {
+    if (!contact.hasPhoneNumber)
+        return true;
+    for (const auto& number : contact.numbers) {
+        ContactValueEntry entry;
+        entry.label = getTypeString(number.type);
+        entry.clientValue = std::to_string(number.id);
+        entry.typeCode = std::to_string(number.type);
+        entry.isDefault = number.isDefault;
+        record.numbers.push_back(std::move(entry));
+    }
+    return true;
+}
+
+bool ContactsJsonComposer::getFavoriteFromRecord(const pp::ContactRecord& contact,
+                                                 ContactComposeRecord& record) {
+    record.starred = contact.isFavorite;
+    return true;
+}
+
+bool ContactsJsonComposer::getEmailsFromRecord(const pp::ContactRecord& contact,
+                                               ContactComposeRecord& record) {
+    for (const auto& email : contact.emails) {
+        record.emails.push_back({getTypeString(email.type), std::to_string(email.id),
+                                 std::to_string(email.type), email.isDefault});
+    }
+    return true;
+}
+
+bool ContactsJsonComposer::getAddressFromRecord(const pp::ContactRecord& contact,
+                                                ContactComposeRecord& record) {
+    for (const auto& address : contact.addresses) {
+        record.addresses.push_back({getTypeString(address.type), std::to_string(address.id),
+                                    std::to_string(address.type), address.isDefault});
+    }
+    return true;
+}
+
+bool ContactsJsonComposer::getAllDataFromRecord(const pp::ContactRecord& contact,
+                                                ContactComposeRecord& record) {
+    if (!getNameFromRecord(contact, record))
+        LOGE("getNameFromRecord false");
+    if (!getPhoneticNameFromRecord(contact, record))
+        LOGE("getPhoneticNameFromRecord false");
+    if (!getNumbersFromRecord(contact, record))
+        LOGE("getNumbersFromRecord false");
+    if (!getFavoriteFromRecord(contact, record))
+        LOGE("getFavoriteFromRecord false");
+    return true;
+}
+
+bool ContactsJsonComposer::getFirstNameFromContactId(const std::string& idText,
+                                                     ContactComposeRecord& record) {
+    const int personId = static_cast<int>(std::strtol(idText.c_str(), nullptr, 10));
+    pp::ContactRecord contact;
+    const int ret = pp::contactsService().getContactByPersonId(personId, contact);
+    if (ret != pp::CONTACTS_ERROR_NONE) {
+        LOGE("contacts_db_get_records_with_query failed[%d] for person[%s]", ret, idText.c_str());
+        return false;
+    }
+    return getAllDataFromRecord(contact, record);
+}
+
+bool ContactsJsonComposer::_readRows() {
+    char projection[64];
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s", "_id", "rev_id", "dirty");
+    LOGD("columns are[%s]", projection);
+
+    // Paged, so that one SELECT stays within the row-transfer bound whatever the table's size.
+    int rowCount = 0;
+    bool ok = true;
+    for (int offset = 0;; offset += kSelectPageRows) {
+        Bundle request;
+        Bundle result;
+        request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
+        request.addStr(bundlekeys::URI_TABLE_NAME, "contacts");
+        request.addStr(bundlekeys::PROJECTION, projection);
+        request.addStr(bundlekeys::WHERE, "dirty != 4 ORDER BY rowid LIMIT " +
+                                              std::to_string(kSelectPageRows) + " OFFSET " +
+                                              std::to_string(offset));
+        const int ret = DbManager::getInstance()->plmsvc_db_process(&request, &result);
+        if (ret != 0) {
+            LOGE("dbMgr->plmsvc_db_process failed[%d]", ret);
+            ok = false;
+            break;
+        }
+        int pageRows = 0;
+        for (int n = 1;; ++n) {
+            std::vector<uint8_t> bytes;
+            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE)
+                break;
+            ++pageRows;
+            auto row = Bundle::decode(bytes);
+            if (!row)
+                continue;
+            const std::string id = getValStr(&*row, columnKey(0));
+            std::string revision = getValStr(&*row, columnKey(1));
+            const std::string dirty = getValStr(&*row, columnKey(2));
+            if (id.empty() || dirty.empty() || !row->contains(columnKey(1)))
+                continue;
+            if (revision == "NULL")
+                revision.clear();  // never uploaded: no revision yet
+            ContactComposeRecord record;
+            record.dirty = static_cast<int>(std::strtol(dirty.c_str(), nullptr, 10));
+            record.revision = revision;
+            record.contactId = static_cast<int>(std::strtol(id.c_str(), nullptr, 10));
+            mRecords.push_back(std::move(record));
+        }
+        rowCount += pageRows;
+        if (pageRows < kSelectPageRows)
+            break;
+    }
+    if (rowCount == 0)
+        LOGD("no information present");
+    LOGD("count is[%d])", rowCount + 1);
+    return ok;
+}
+
+JsonObjectPtr ContactsJsonComposer::_makeContactObject(const ContactComposeRecord& record) {
+    JsonObjectPtr contact(json_object_new());
+    JsonObject* o = contact.get();
+    json_object_set_string_member(o, "firstname", record.firstName.c_str());
+    json_object_set_string_member(o, "lastname", record.lastName.c_str());
+    json_object_set_boolean_member(o, "starred", record.starred);
+    json_object_set_string_member(o, "middlename", record.middleName.c_str());
+    json_object_set_string_member(o, "nickname", record.nickname.c_str());
+    json_object_set_string_member(o, "displayname", record.displayName.c_str());
+    json_object_set_string_member(o, "phoneticname", record.phoneticName.c_str());
+    json_object_set_string_member(o, "prefix", record.prefix.c_str());
+    json_object_set_string_member(o, "suffix", record.suffix.c_str());
+    JsonObjectPtr countInfo(json_object_new());
+    json_object_set_int_member(countInfo.get(), "times_contacted", record.timesContacted);
+    json_object_set_object_member(o, "contact_count_info", countInfo.release());
+
+    auto addEntries = [o](const char* key, const char* typeKey,
+                          const std::vector<ContactValueEntry>& entries) {
+        if (entries.empty())
+            return;
+        JsonArrayPtr array(json_array_new());
+        for (const auto& entry : entries) {
+            JsonObjectPtr item(json_object_new());
+            json_object_set_string_member(item.get(), typeKey, entry.label.c_str());
+            json_object_set_string_member(item.get(), "clientData", entry.clientValue.c_str());
+            json_object_set_boolean_member(item.get(), "default", entry.isDefault);
+            json_array_add_object_element(array.get(), item.release());
+        }
+        json_object_set_array_member(o, key, array.release());
+    };
+    addEntries("phone", "phonetype", record.numbers);
+    addEntries("addresstype", "addresstype", record.addresses);
+    addEntries("email", "emailtype", record.emails);
+    addEntries("event", "eventtype", record.events);
+    return contact;
+}
+
+JsonObjectPtr ContactsJsonComposer::_makeLiveDocument(const ContactComposeRecord& record) {
+    JsonObjectPtr meta = _makeContactObject(record);
+    JsonObjectPtr doc(json_object_new());
+    JsonObject* d = doc.get();
+    const std::string id =
+        BaseSyncHandler::formatFixedWidthId(kIdPrefix, std::to_string(record.contactId), kIdWidth);
+    json_object_set_string_member(d, plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
+    json_object_set_string_member(d, plm::DOC_ID, id.c_str());
+    json_object_set_string_member(d, plm::DOC_TYPE, "contact");
+    json_object_set_int_member(d, plm::DOC_NUMBER, ++gContactDocNumber);
+    json_object_set_double_member(d, plm::DOC_TIMESTAMP, getCurrentTimeMillis());
+    json_object_set_string_member(d, plm::DOC_TIMESTAMP_GMT, getTimestampString().c_str());
+    json_object_set_string_member(d, plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
+    json_object_set_object_member(d, plm::DOC_META_DATA, meta.release());
+    return doc;
+}
+
+void ContactsJsonComposer::_flushBatch() {
+    JsonObjectPtr body(json_object_new());
+    json_object_set_array_member(body.get(), plm::DOC_DOCS, mJsonArr.release());
+    LOGD("after setting mJsonArr");
+    mBodies.push_back(jsonToString(body.get()));
+    mItemCounter = 0;
+    mJsonArr.reset(json_array_new());
+}
+
+void ContactsJsonComposer::_appendDocument(JsonObjectPtr document) {
+    json_array_add_object_element(mJsonArr.get(), document.release());
+    if (mItemCounter == kBatchSize) {
+        LOGD("here in 1000");
+        _flushBatch();
+    }
+}
+
+std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
+    mItemCounter = 0;
+    mJsonArr.reset(json_array_new());
+    mBodies.clear();
+    mRecords.clear();
+
+    _readRows();
+
+    auto& contacts = pp::contactsService();
+    const int connected = contacts.connectOnThread();
+    if (connected != pp::CONTACTS_ERROR_NONE)
+        LOGE("ret[%d]", connected);
+    // Disconnects on every way out (an over-long id throws out of the document loop).
+    struct Disconnect {
+        pp::ContactsService& service;
+        ~Disconnect() {
+            const int ret = service.disconnectOnThread();
+            if (ret != pp::CONTACTS_ERROR_NONE)
+                LOGE("ret[%d]", ret);
+        }
+    } disconnect{contacts};
+
+    _setLocaleForJsonFields();
+
+    for (auto& record : mRecords) {
+        if (record.dirty != plm::DIRTY_DELETED) {
+            getFirstNameFromContactId(std::to_string(record.contactId), record);
+        }
+    }
+
+    LOGD("list size is : [%d]", static_cast<int>(mRecords.size()));
+    int inserted = 0, deleted = 0, updated = 0;
+    for (const auto& record : mRecords) {
+        const std::string idText = std::to_string(record.contactId);
+        ++mItemCounter;
+        if (record.dirty == plm::DIRTY_DELETED) {
+            _appendDocument(makeDeletedDocument(
+                BaseSyncHandler::formatFixedWidthId(kIdPrefix, idText, kIdWidth), record.revision));
+            ++deleted;
+            continue;
+        }
+        JsonObjectPtr document = _makeLiveDocument(record);
+        if (record.dirty == plm::DIRTY_UPDATED && !record.revision.empty()) {
+            json_object_set_string_member(document.get(), plm::DOC_REV, record.revision.c_str());
+            ++updated;
+        } else {
+            ++inserted;
+        }
+        _appendDocument(std::move(document));
+    }
+
+    auto result = std::make_unique<SyncData>();
+    if (inserted > 0 || deleted > 0 || updated != 0) {
+        LOGD("Has some info to sync at server");
+        result->itemType = plm::SYNC_ITEM_CONTACTS;
+        result->insertedCount = inserted;
+        result->deletedCount = deleted;
+        result->updatedCount = updated;
+        if (mItemCounter != 0)
+            _flushBatch();
+        result->documents = mBodies;
+    }
+
+    LOGD("mItemCounter is : [%d]", mItemCounter);
+    mRecords.clear();
+    return result;
+}

@@ -1,0 +1,106 @@
+// ContactsJsonComposer: turns the "contacts" shadow table into upload documents (sync item 3).
+// It reads the ids, revisions and dirty flags of the rows that are not in step with the server
+// (dirty != 4), looks each live one up in the contacts service (names, phonetic name, favourite
+// flag, numbers: only their label and the id of the number record leave the device) and writes
+// one document per row into bodies of at most 1000 documents.
+//
+// Threads: one composer object on one thread (the sync manager's worker, under its contacts
+// lock); it opens its own contacts-service connection for the call. The label translation and
+// the locale switch are serialised by a process-wide mutex. The document counter is process-wide
+// and never reset while the process lives.
+// Ownership: made and destroyed by JSONComposer::makeSyncData(3); makeUploadJSON()'s record
+// belongs to the caller.
+// Errors: nothing stops composition; failed queries and look-ups only reduce what is written.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <pelio/platform/Contacts.h>
+
+#include "composer/JSONComposer.h"
+
+// A labelled value of a contact (number, e-mail, address, event).
+struct ContactValueEntry {
+    std::string label;
+    std::string clientValue;
+    std::string typeCode;  // the platform type bits as decimal text
+    bool isDefault = false;
+};
+
+// One selected row and what the contacts service knows about it.
+struct ContactComposeRecord {
+    int contactId = 0;
+    std::string displayName;
+    std::string firstName;
+    std::string lastName;
+    std::string middleName;
+    std::string nickname;
+    std::string phoneticName;
+    std::string prefix;
+    std::string suffix;
+    bool starred = false;
+    std::string revision;
+    int dirty = 0;
+    int timesContacted = 0;
+    std::vector<ContactValueEntry> numbers;
+    std::vector<ContactValueEntry> addresses;
+    std::vector<ContactValueEntry> emails;
+    std::vector<ContactValueEntry> events;
+};
+
+class ContactsJsonComposer : public JSONComposer {
+  public:
+    static constexpr int kBatchSize = 1000;
+    // Rows per SELECT: three columns each keep one SELECT within the row-transfer bound.
+    static constexpr int kSelectPageRows = 1000;
+    static constexpr size_t kIdWidth = 12;
+    static constexpr const char* kIdPrefix = "con_";
+
+    ContactsJsonComposer();
+    ~ContactsJsonComposer() override;
+
+    // The whole composition; item -1 and counts -1 when there is nothing to send.
+    std::unique_ptr<SyncData> makeUploadJSON();
+
+    // Fills record from the live contact whose person id is idText; false when the look-up failed
+    // (record left as it was).
+    bool getFirstNameFromContactId(const std::string& idText, ContactComposeRecord& record);
+    bool getAllDataFromRecord(const pelio::platform::ContactRecord& contact,
+                              ContactComposeRecord& record);
+    bool getNameFromRecord(const pelio::platform::ContactRecord& contact,
+                           ContactComposeRecord& record);
+    bool getPhoneticNameFromRecord(const pelio::platform::ContactRecord& contact,
+                                   ContactComposeRecord& record);
+    bool getNumbersFromRecord(const pelio::platform::ContactRecord& contact,
+                              ContactComposeRecord& record);
+    bool getFavoriteFromRecord(const pelio::platform::ContactRecord& contact,
+                               ContactComposeRecord& record);
+    bool getEmailsFromRecord(const pelio::platform::ContactRecord& contact,
+                             ContactComposeRecord& record);
+    bool getAddressFromRecord(const pelio::platform::ContactRecord& contact,
+                              ContactComposeRecord& record);
+
+    // The (translated) label of a number type bit set.
+    static std::string getTypeString(int type);
+    // Phonetic parts joined by one blank, empty parts left out; family part first for locales
+    // containing "ja_JP" or "ko_KR".
+    static std::string joinPhoneticName(const std::string& first, const std::string& middle,
+                                        const std::string& last, const std::string& locale);
+    // The last "doc_number" handed out in this process.
+    static int lastDocumentNumber();
+
+  private:
+    void _setLocaleForJsonFields();
+    JsonObjectPtr _makeContactObject(const ContactComposeRecord& record);
+    JsonObjectPtr _makeLiveDocument(const ContactComposeRecord& record);
+    void _appendDocument(JsonObjectPtr document);
+    void _flushBatch();
+    bool _readRows();
+
+    int mItemCounter = 0;
+    JsonArrayPtr mJsonArr;
+    std::vector<std::string> mBodies;
+    std::vector<ContactComposeRecord> mRecords;
+    std::string mLocale;  // device locale with "_" ("en_US")
+};

@@ -1,0 +1,51 @@
+// JSONComposer: entry point of document composition. makeSyncData(item) builds the domain
+// composer of the item, lets it turn the item's dirty rows into upload bodies and hands back the
+// SyncData record. It also provides the parts every domain composer shares: the deletion
+// document, serialisation and the two timestamps.
+//
+// Threads: runs on the thread that calls it (the sync manager's worker); one composer object is
+// used by one thread. Ownership: makeSyncData()'s record and makeDeletedDocument()'s object belong
+// to the caller. Errors: none of these fail; an item without a composer gives a record whose
+// counts are -1 (nothing composed).
+#pragma once
+
+#include <json-glib/json-glib.h>
+
+#include <memory>
+#include <string>
+
+#include "upload/SyncData.h"
+
+// JSON-GLib references owned by std::unique_ptr.
+struct JsonObjectUnref {
+    void operator()(JsonObject* o) const { json_object_unref(o); }
+};
+struct JsonArrayUnref {
+    void operator()(JsonArray* a) const { json_array_unref(a); }
+};
+struct JsonNodeUnref {
+    void operator()(JsonNode* n) const { json_node_unref(n); }
+};
+using JsonObjectPtr = std::unique_ptr<JsonObject, JsonObjectUnref>;
+using JsonArrayPtr = std::unique_ptr<JsonArray, JsonArrayUnref>;
+using JsonNodePtr = std::unique_ptr<JsonNode, JsonNodeUnref>;
+
+class JSONComposer {
+  public:
+    JSONComposer() = default;
+    virtual ~JSONComposer() = default;
+
+    // Composes one sync item (3 contacts; other items have no composer here and give a record
+    // with that item, no bodies and counts -1).
+    virtual std::unique_ptr<SyncData> makeSyncData(int item);
+
+    // {"_id": id, "_rev": rev, "_deleted": true}, in that order; the caller owns the object.
+    virtual JsonObjectPtr makeDeletedDocument(const std::string& id, const std::string& rev);
+
+    // Compact serialisation of root; the caller keeps its own reference.
+    static std::string jsonToString(JsonObject* root);
+    // Local wall-clock time "%Y-%m-%d %H:%M:%S" (19 characters).
+    static std::string getTimestampString();
+    // Whole milliseconds since the Unix epoch, as a double.
+    static double getCurrentTimeMillis();
+};

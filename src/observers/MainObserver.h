@@ -1,0 +1,27 @@
+// MainObserver: owns the change observers and registers / unregisters them as a group.
+//
+// This build has the contacts observer only; the application and media observers join the group
+// when their domains exist. Thread: the main loop. Owned by the sync manager, which creates it at
+// start and destroys it at shutdown. Errors: the observers log their own failures.
+#pragma once
+
+#include <memory>
+
+class ContactDbObserver;
+
+class MainObserver {
+  public:
+    MainObserver();
+    ~MainObserver();
+    MainObserver(const MainObserver&) = delete;
+    MainObserver& operator=(const MainObserver&) = delete;
+
+    void register_all_observers();
+    void unregister_all_observers();
+
+    ContactDbObserver* contactDbObserver() { return mContactDbObserver.get(); }
+
+  private:
+    std::unique_ptr<ContactDbObserver> mContactDbObserver;
+    bool mRegistered = false;
+};

@@ -1,0 +1,963 @@
+#include "upload/DataUploadHandler.h"
+
+#include <json-glib/json-glib.h>
+#include <pelio/platform/Connection.h>
+#include <pelio/platform/Preferences.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <stdexcept>
+
+#include "PLMConstants.h"
+#include "PelioLog.h"
+#include "intent/IntentMgr.h"
+#include "network/NetworkMgr.h"
+#include "upload/OrvaneException.h"
+#include "upload/OrvanePDSException.h"
+#include "upload/OrvanePDSNoDatabaseException.h"
+#include "upload/PLMSyncPolicy.h"
+#include "utils/PLMUtils.h"
+#include "utils/UMgrGzip.h"
+
+namespace platform = pelio::platform;
+using StringMap = std::map<std::string, std::string>;
+
+namespace {
+
+constexpr int kUnitCountCompanion = 500;
+constexpr int kUnitCountStandAlone = 100;
+constexpr int kDeflateLevel = 6;
+constexpr int kDefaultPort = 443;
+constexpr const char* kRampCode = "dash";
+
+struct GObjectDeleter {
+    void operator()(gpointer p) const {
+        if (p != nullptr)
+            g_object_unref(p);
+    }
+};
+struct GFreeDeleter {
+    void operator()(gchar* p) const { g_free(p); }
+};
+struct CurlDeleter {
+    void operator()(CURL* c) const { curl_easy_cleanup(c); }
+};
+struct SlistDeleter {
+    void operator()(curl_slist* l) const { curl_slist_free_all(l); }
+};
+using ParserPtr = std::unique_ptr<JsonParser, GObjectDeleter>;
+using GeneratorPtr = std::unique_ptr<JsonGenerator, GObjectDeleter>;
+using CurlPtr = std::unique_ptr<CURL, CurlDeleter>;
+using SlistPtr = std::unique_ptr<curl_slist, SlistDeleter>;
+
+std::string valueOf(const StringMap& map, const char* key) {
+    auto it = map.find(key);
+    return it == map.end() ? std::string() : it->second;
+}
+
+bool isSuccess(const std::string& reason, const std::string& result) {
+    return reason == plm::UploadDataConstants::SUCCESS && result == "0";
+}
+
+std::string prefString(const char* key) {
+    std::string value;
+    if (platform::preferences().getString(key, value) != platform::PREFERENCE_ERROR_NONE) {
+        return {};
+    }
+    return value;
+}
+
+void removeAll(std::string& text, char c) {
+    text.erase(std::remove(text.begin(), text.end(), c), text.end());
+}
+
+}  // namespace
+
+void DataUploadHandler::ZippedItemDeleter::operator()(ZippedItem* z) const {
+    if (z == nullptr)
+        return;
+    free(z->item);
+    delete z;
+}
+
+DataUploadHandler::DataUploadHandler(IntentMgr* intentMgr, NetworkMgr* networkMgr,
+                                     std::function<void()> clearQueue)
+    : mIntentMgr(intentMgr), mNetworkMgr(networkMgr), mClearQueue(std::move(clearQueue)) {
+    LOGD("");
+}
+
+DataUploadHandler::~DataUploadHandler() {
+    LOGD("");
+    _clearOrvaneHandle();
+}
+
+void DataUploadHandler::onLog(int, const std::string&) {}
+
+void DataUploadHandler::onSessionEvent(const std::string&, long) {}
+
+// ---------------------------------------------------------------------------------------------
+// PDS session
+
+int DataUploadHandler::openPds(int syncDataType) {
+    LOGD("syncDataType[%d]", syncDataType);
+    setPdsOpened(false);
+    int ret = -1;
+    bool succeeded = false;
+    StringMap request;
+    StringMap result;
+    // Everything that can throw is inside this block: the library's errors, the service's own
+    // exceptions and a malformed proxy port (std::stoi while the handle is created). Nothing
+    // leaves openPds, so nothing reaches the sync worker thread's loop.
+    try {
+        bool companion = _getCompanianMode();
+        bool force = _getPrefForce();
+        std::string locale = getLocalePreference();
+
+        if (force && mOrvane)
+            _clearOrvaneHandle();
+        if (!mOrvane) {
+            LOGD("Handle is Null");
+            if (!_createOrvaneHandle()) {
+                LOGE("Failed to create Handle");
+                return -1;
+            }
+        }
+
+        request["rampcode"] = kRampCode;
+        request["serviceinfo"] = getDeviceModelName();
+
+        if (mNetworkMgr != nullptr && !mNetworkMgr->getConnected()) {
+            throw OrvanePDSException("client: Network is not connected");
+        }
+
+        mOrvane->Orvane_pds_open(locale, request, force, companion, result, !companion);
+
+        std::string reasonCode = valueOf(result, plm::UploadDataConstants::REASON);
+        std::string resultCode = valueOf(result, plm::UploadDataConstants::RESULT);
+        LOGD("reasonCode[%s]", reasonCode.c_str());
+        LOGD("resultCode[%s]", resultCode.c_str());
+
+        if (isSuccess(reasonCode, resultCode)) {
+            LOGD("Open Succedded");
+            ret = 0;
+            succeeded = true;
+            mCookie = valueOf(result, plm::UploadDataConstants::COOKIE);
+            mDbUrl = valueOf(result, plm::UploadDataConstants::DBURL);
+            mLatestPlmId = valueOf(result, plm::UploadDataConstants::PLMID);
+            _handleSyncPolicy(valueOf(result, plm::UploadDataConstants::POLICY));
+        } else if (resultCode == plm::UploadDataConstants::RESULT_13 ||
+                   resultCode == plm::UploadDataConstants::RESULT_15) {
+            LOGE("Open Failed - PDSS Error, Server");
+            (void)std::stoi(resultCode);
+            throw OrvanePDSNoDatabaseException(resultCode);
+        } else if (resultCode == plm::UploadDataConstants::RESULT_23) {
+            LOGE("Open Failed - Sync Blocked");
+            throw OrvanePDSException(resultCode);
+        } else {
+            LOGE("Open Failed");
+            ret = -1;
+        }
+    } catch (const std::exception& e) {
+        LOGE("");
+        LOGE("errMsg[%s]", e.what());
+        std::string message = e.what();
+        if (dynamic_cast<const OrvanePDSNoDatabaseException*>(&e) != nullptr) {
+            LOGE("OrvanePDSNoDatabaseException trigger force");
+            message = "OrvanePDSNoDatabaseException";
+            _setPrefForce(true);
+            if (mClearQueue)
+                mClearQueue();
+        }
+        if (message == "open: PDSS DB Network Error") {
+            ret = 13;
+        } else if (message.find("Force Sync Limit exceeded. Retry after") != std::string::npos) {
+            ret = 23;
+        } else {
+            ret = -1;
+        }
+    }
+    setPdsOpened(succeeded);
+    return ret;
+}
+
+bool DataUploadHandler::closePds() {
+    LOGD("");
+    setPdsOpened(false);
+    setPdsClosed(true);
+    try {
+        bool companion = _getCompanianMode();
+        std::string locale = getLocalePreference();
+        if (!mOrvane) {
+            LOGD("Create Handle");
+            if (!_createOrvaneHandle()) {
+                LOGE("Failed to create Handle");
+                return false;
+            }
+        }
+        StringMap request{{"rampcode", kRampCode}};
+        StringMap result;
+        setPdsClosed(false);
+        mOrvane->Orvane_pds_close(locale, request, companion, result, !companion);
+        std::string reasonCode = valueOf(result, plm::UploadDataConstants::REASON);
+        std::string resultCode = valueOf(result, plm::UploadDataConstants::RESULT);
+        LOGD("reasonCode[%s]", reasonCode.c_str());
+        LOGD("resultCode[%s]", resultCode.c_str());
+        if (isSuccess(reasonCode, resultCode)) {
+            LOGD("Pds Closed Succeeded");
+            setServerDBGenerateRequestState(0);
+            // Without a candidate from the open the reason text ("success") is stored: kept so.
+            setSucceededLatestPLMId(mLatestPlmId.empty() ? reasonCode : mLatestPlmId);
+            setPdsClosed(true);
+            return true;
+        }
+        LOGE("Pds Closed Failed");
+        setServerDBGenerateRequestState(1);
+        setPdsClosed(true);
+        return false;
+    } catch (const std::exception& e) {
+        LOGE("Pds Closed Failed - TryCatch[%s]", e.what());
+        setPdsClosed(true);
+        return false;
+    }
+}
+
+bool DataUploadHandler::wipePds(bool deleteAll) {
+    LOGD("");
+    setPdsOpened(false);
+    try {
+        if (!mOrvane) {
+            LOGD("Create Handle");
+            if (!_createOrvaneHandle()) {
+                LOGE("Failed to create Handle");
+                return false;
+            }
+        }
+        std::string locale = getLocalePreference();
+        StringMap request;
+        if (deleteAll) {
+            request["deleteall"] = "true";
+        } else {
+            request["resetplm"] = "true";
+        }
+        StringMap result;
+        mOrvane->Orvane_pds_wipe(locale, request, result);
+        std::string reasonCode = valueOf(result, plm::UploadDataConstants::REASON);
+        std::string resultCode = valueOf(result, plm::UploadDataConstants::RESULT);
+        LOGD("reasonCode[%s]", reasonCode.c_str());
+        LOGD("resultCode[%s]", resultCode.c_str());
+        if (isSuccess(reasonCode, resultCode)) {
+            LOGD("pds wipe successful");
+            return true;
+        }
+        LOGE("pds wipe Error");
+        setServerDBGenerateRequestState(1);
+        if (platform::preferences().setBoolean(plm::PLMConstants::CLEAR_SERVER, false) !=
+            platform::PREFERENCE_ERROR_NONE) {
+            LOGE("Failed to preference set for clear_server");
+        }
+        return false;
+    } catch (const std::exception& e) {
+        LOGE("pds wipe fail exception message [%s]", e.what());
+        return false;
+    }
+}
+
+bool DataUploadHandler::getPdsOpened() {
+    LOGD("mPdsOpened[%d]", mPdsOpened);
+    return mPdsOpened;
+}
+
+void DataUploadHandler::setPdsOpened(bool opened) {
+    LOGD("current state [%d] and request is [%d]", mPdsOpened, opened);
+    mPdsOpened = opened;
+}
+
+bool DataUploadHandler::getPdsClosed() {
+    LOGD("mPdsClosed[%d]", mPdsClosed);
+    return mPdsClosed;
+}
+
+void DataUploadHandler::setPdsClosed(bool closed) {
+    LOGD("current state [%d] and request is [%d]", mPdsClosed, closed);
+    mPdsClosed = closed;
+}
+
+void DataUploadHandler::setServerDBGenerateRequestState(int state) {
+    LOGD("state[%d]", state);
+    if (platform::preferences().setInt(plm::PREF_SYNC_NEED, state) !=
+        platform::PREFERENCE_ERROR_NONE) {
+        LOGE("Failed to preference set for sync_need");
+    }
+}
+
+std::string DataUploadHandler::getSucceededLatestPLMId() {
+    std::string id = prefString(plm::PREF_PLM_ID);
+    LOGD("getSucceededLatestPLMId[%s]", id.c_str());
+    return id;
+}
+
+void DataUploadHandler::setSucceededLatestPLMId(const std::string& plmId) {
+    LOGD("plmId[%s]", plmId.c_str());
+    if (plmId.empty())
+        return;
+    platform::preferences().setString(plm::PREF_PLM_ID, plmId);
+}
+
+std::string DataUploadHandler::getLastApplicationPlmId() {
+    std::string id = prefString(plm::PREF_APP_SYNCED_PLM_ID);
+    LOGD("appPlmId[%s]", id.c_str());
+    return id;
+}
+
+void DataUploadHandler::setLastApplicationPlmId(const std::string& plmId) {
+    LOGD("plmId[%s]", plmId.c_str());
+    if (plmId.empty())
+        return;
+    if (prefString(plm::PREF_APP_SYNCED_PLM_ID).empty()) {
+        if (mIntentMgr != nullptr)
+            mIntentMgr->sendApplicationHasPlmId(plmId);
+    }
+    platform::preferences().setString(plm::PREF_APP_SYNCED_PLM_ID, plmId);
+}
+
+std::string DataUploadHandler::getLastContactPlmId() {
+    std::string id = prefString(plm::PREF_CONTACT_SYNCED_PLM_ID);
+    LOGD("contactPlmId[%s]", id.c_str());
+    return id;
+}
+
+void DataUploadHandler::setLastContactPlmId(const std::string& plmId) {
+    LOGD("plmId[%s]", plmId.c_str());
+    if (plmId.empty())
+        return;
+    if (prefString(plm::PREF_CONTACT_SYNCED_PLM_ID).empty()) {
+        if (mIntentMgr != nullptr)
+            mIntentMgr->sendContactHasPlmId(plmId);
+    }
+    platform::preferences().setString(plm::PREF_CONTACT_SYNCED_PLM_ID, plmId);
+}
+
+std::string DataUploadHandler::getLastMediaPlmId() {
+    std::string id = prefString(plm::PREF_MEDIA_SYNCED_PLM_ID);
+    LOGD("mediaPlmId[%s]", id.c_str());
+    return id;
+}
+
+void DataUploadHandler::setLastMediaPlmId(const std::string& plmId) {
+    LOGD("plmId[%s]", plmId.c_str());
+    if (plmId.empty())
+        return;
+    platform::preferences().setString(plm::PREF_MEDIA_SYNCED_PLM_ID, plmId);
+}
+
+bool DataUploadHandler::_createOrvaneHandle() {
+    LOGD("");
+    int port = _getPortNumber();
+    std::string certiPath = _getCertiPath();
+    std::string deviceId = getDeviceID();
+    std::string locale = getLocalePreference();
+    std::string serverIp = _getServerIp();
+    std::string proxyHost;
+    int proxyPort = 0;
+    _getProxyAddress(proxyHost, &proxyPort);  // may throw (malformed port): caller catches
+    LOGD("serverIp[%s], port[%d], locale[%s], proxy[%s:%d]", serverIp.c_str(), port, locale.c_str(),
+         proxyHost.c_str(), proxyPort);
+    try {
+        mOrvane = std::make_unique<Orvane>(serverIp, port, deviceId, this, _useTls(), certiPath,
+                                           proxyHost, proxyPort);
+    } catch (const std::exception& e) {
+        LOGE("errMsg[%s]", e.what());
+        mOrvane.reset();
+        return false;
+    }
+    mOrvane->Orvane_enable_log(5);
+    return true;
+}
+
+void DataUploadHandler::_clearOrvaneHandle() {
+    LOGD("");
+    mOrvane.reset();
+}
+
+void DataUploadHandler::_handleSyncPolicy(const std::string& policy) {
+    LOGD("");
+    if (policy.empty()) {
+        LOGD("string is empty");
+        return;
+    }
+    PLMSyncPolicy syncPolicy;
+    ParserPtr parser(json_parser_new());
+    json_parser_load_from_data(parser.get(), policy.c_str(), static_cast<gssize>(policy.size()),
+                               nullptr);
+    JsonNode* root = json_parser_get_root(parser.get());
+    if (root == nullptr || JSON_NODE_TYPE(root) != JSON_NODE_OBJECT) {
+        LOGE("Failed to json_node_get_node_type");
+        return;
+    }
+    JsonObject* object = json_node_get_object(root);
+    if (object == nullptr) {
+        LOGE("Failed to json_node_get_object");
+        return;
+    }
+    JsonNode* syncNode = json_object_get_member(object, plm::UploadDataConstants::SYNCPOLICY);
+    if (syncNode == nullptr || JSON_NODE_TYPE(syncNode) != JSON_NODE_OBJECT) {
+        LOGE("Failed to policy json");
+        return;
+    }
+    JsonObject* syncObject = json_node_get_object(syncNode);
+    JsonNode* paramNode = json_object_get_member(syncObject, "parameters");
+    if (paramNode == nullptr || JSON_NODE_TYPE(paramNode) != JSON_NODE_OBJECT) {
+        LOGE("Failed to parameter json");
+        return;
+    }
+    JsonObject* params = json_node_get_object(paramNode);
+    auto factor = [params](const char* key) {
+        JsonNode* node = json_object_get_member(params, key);
+        if (node == nullptr || JSON_NODE_TYPE(node) != JSON_NODE_VALUE)
+            return 0.0;
+        return json_node_get_double(node);
+    };
+    syncPolicy.setSyncPolicy(factor("D"), factor("E"), factor("F"), factor("G"), factor("H"),
+                             factor("M"), factor("R"), factor("T"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bulk posting
+
+bool DataUploadHandler::_checkPreConditionToPerformSync(SyncData* syncData,
+                                                        SyncResult* syncResult) {
+    LOGD("start of plm syncing request session state : [%d]", mPdsOpened);
+    if (syncData == nullptr) {
+        LOGE("syncData is NULL");
+        return false;
+    }
+    if (syncData->message.empty()) {
+        LOGE("syncData has no Message");
+        return false;
+    }
+    if (syncResult == nullptr) {
+        LOGE("syncResult is NULL");
+        return false;
+    }
+    if (!mPdsOpened) {
+        LOGE("PDS is not openned");
+        return false;
+    }
+    return true;
+}
+
+void DataUploadHandler::performSync(SyncData* syncData, SyncResult* syncResult) {
+    if (!_checkPreConditionToPerformSync(syncData, syncResult)) {
+        LOGE("Unable to performSync at this condition");
+        return;
+    }
+    LOGD("syncData has length[%d], item type[%d], sync type[%d]",
+         static_cast<int>(syncData->message.size()), syncData->itemType, syncData->syncType);
+    LOGD("Parting start");
+    int unitCount = _getCompanianMode() ? kUnitCountCompanion : kUnitCountStandAlone;
+    LOGD("Parting count[%d]", unitCount);
+    std::vector<std::string> parts = _getPartedSyncDataList(syncData->message, unitCount);
+    LOGD("Parting End");
+    if (parts.empty()) {
+        LOGD("Nothing to Http Post");
+        return;
+    }
+
+    LOGD("Zipping start");
+    std::vector<ZippedItemPtr> zipped = _getZippedPartedSyncDataList(parts);
+    LOGD("Zipping End");
+    if (!zipped.empty())
+        LOGD("Zipping succedded");
+
+    std::string reply = zipped.empty() ? _curlPostingUnzipped(parts) : _curlPostingZipped(zipped);
+    zipped.clear();
+
+    if (reply.empty()) {
+        LOGE("posting failed");
+        syncResult->status = SyncResult::STATUS_FAILED;
+        syncResult->syncType = syncData->syncType;
+        syncResult->itemType = syncData->itemType;
+        LOGE("Upload failed!");
+        return;
+    }
+    LOGD("posting Succedded");
+    syncResult->jsonResponse = "[" + reply + "]";
+    syncResult->status = SyncResult::STATUS_SUCCESS;
+    syncResult->syncType = syncData->syncType;
+    syncResult->itemType = syncData->itemType;
+}
+
+std::vector<std::string> DataUploadHandler::_getPartedSyncDataList(const std::string& jsonMessage,
+                                                                   int unitCount) {
+    LOGD("jsonMessage.length[%d], unitCount[%d]", static_cast<int>(jsonMessage.size()), unitCount);
+    std::vector<std::string> parts;
+    ParserPtr parser(json_parser_new());
+    if (!parser) {
+        LOGE("Failed to json_parser_new");
+        return parts;
+    }
+    gboolean loaded = json_parser_load_from_data(parser.get(), jsonMessage.c_str(), -1, nullptr);
+    if (!loaded) {
+        LOGE("Failed to json_parser_load_from_data");
+        return parts;
+    }
+    LOGD("parserLoadState[%d], parserLoadState[%d]", loaded, loaded);
+    JsonNode* root = json_parser_get_root(parser.get());
+    if (root == nullptr || JSON_NODE_TYPE(root) != JSON_NODE_OBJECT) {
+        LOGE("Failed to get root node");
+        return parts;
+    }
+    JsonObject* object = json_node_get_object(root);
+    if (object == nullptr) {
+        LOGE("Failed to json_node_get_object");
+        return parts;
+    }
+    JsonNode* docsNode = json_object_get_member(object, plm::DOC_DOCS);
+    if (docsNode == nullptr || JSON_NODE_TYPE(docsNode) != JSON_NODE_ARRAY) {
+        LOGE("Failed to json_object_get_array_member");
+        return parts;
+    }
+    JsonArray* docs = json_node_get_array(docsNode);
+    int n = static_cast<int>(json_array_get_length(docs));
+    LOGD("reqeustDataArrSize[%d]", n);
+    if (n == 0) {
+        LOGE("Failed to json_array_get_length");
+        return parts;
+    }
+    GeneratorPtr generator(json_generator_new());
+    int start = 0;
+    int failedGenerations = 0;
+    while (start < n) {
+        int size = std::min(unitCount, n - start);
+        LOGD("composingSize[%d]", size);
+        if (size < 1) {
+            LOGE("Wrong calculation");
+            break;
+        }
+        JsonArray* slice = json_array_sized_new(static_cast<guint>(size));
+        for (int i = start; i < start + size; ++i) {
+            json_array_add_element(slice, json_node_copy(json_array_get_element(docs, i)));
+        }
+        JsonObject* partObject = json_object_new();
+        json_object_set_array_member(partObject, plm::DOC_DOCS, slice);  // takes slice
+        JsonNode* partNode = json_node_new(JSON_NODE_OBJECT);
+        json_node_take_object(partNode, partObject);
+        json_generator_set_pretty(generator.get(), FALSE);
+        json_generator_set_root(generator.get(), partNode);
+        std::unique_ptr<gchar, GFreeDeleter> text(json_generator_to_data(generator.get(), nullptr));
+        json_node_unref(partNode);
+        if (!text || text.get()[0] == '\0') {
+            LOGE("Create string failed");
+            // The same slice is tried again; a generator that never succeeds must not spin
+            // forever, so the retries are bounded.
+            if (++failedGenerations > 3)
+                break;
+            continue;
+        }
+        parts.emplace_back(text.get());
+        LOGD("recomposedSize[%d]", start + size);
+        start += size;
+    }
+    LOGD("retL has [%d]", static_cast<int>(parts.size()));
+    return parts;
+}
+
+std::vector<DataUploadHandler::ZippedItemPtr> DataUploadHandler::_getZippedPartedSyncDataList(
+    std::vector<std::string> parts) {
+    LOGD("sourceCnt has [%d]", static_cast<int>(parts.size()));
+    std::vector<ZippedItemPtr> zipped;
+    if (parts.empty()) {
+        LOGE("Source list is Empty");
+        return zipped;
+    }
+    UMgrGzip gzip;
+    for (size_t i = 0; i < parts.size(); ++i) {
+        unsigned char* buffer = nullptr;
+        int size = 0;
+        int rc = gzip.compress(parts[i], kDeflateLevel, &buffer, &size);
+        if (rc != UMgrGzip::RESULT) {
+            LOGE("Failed to zipping [%d]th item : error returns", static_cast<int>(i) + 1);
+            free(buffer);
+            zipped.clear();
+            return zipped;
+        }
+        if (buffer == nullptr) {
+            LOGE("Failed to zipping [%d]th item : zipped is NULL", static_cast<int>(i) + 1);
+            zipped.clear();
+            return zipped;
+        }
+        ZippedItemPtr item(new ZippedItem{buffer, size});
+        LOGD("[%d]th size is [%d]", static_cast<int>(i), size);
+        zipped.push_back(std::move(item));
+    }
+    return zipped;
+}
+
+std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPtr>& zippedParts) {
+    std::string result;
+    curl_slist* rawHeader = nullptr;
+    _setCurlHttpPostingHeader(&rawHeader, true);
+    SlistPtr header(rawHeader);
+    CurlPtr curl(curl_easy_init());
+    if (!curl) {
+        LOGE("Failed to curl_easy_init");
+        return result;
+    }
+    if (!_setCurlEnvironment(curl.get(), header.get())) {
+        LOGE("Upload failed!");
+        return result;
+    }
+    if (zippedParts.empty()) {
+        LOGE("Upload failed!");
+        return result;
+    }
+    ZippedReply reply;
+    for (const ZippedItemPtr& part : zippedParts) {
+        reply = ZippedReply();
+        curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION,
+                         &DataUploadHandler::SavePostResultZipped);
+        curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &reply);
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, part->item);
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(part->size));
+        CURLcode rc = curl_easy_perform(curl.get());
+        LOGD("postSize[%d], postResult[%d]", part->size, static_cast<int>(rc));
+        if (rc != CURLE_OK) {
+            LOGE("Failed to perform");
+            result.clear();
+            LOGE("Upload failed!");
+            break;
+        }
+        long httpCode = 0;
+        curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &httpCode);
+        LOGD("partialPostCurlResult[%d], httpResponseCode[%d]", static_cast<int>(rc),
+             static_cast<int>(httpCode));
+        if (reply.item.empty()) {
+            LOGD("size is 0");
+            continue;
+        }
+        if (!reply.recorded) {
+            LOGD("item is NULL");
+            continue;
+        }
+        LOGD("zippedItem[%p], zippedItem.item[%p], zippedItem.size[%u]", static_cast<void*>(&reply),
+             static_cast<void*>(reply.item.data()), static_cast<unsigned>(reply.item.size()));
+        std::vector<unsigned char> copy(reply.item.size() + 1, 0);
+        std::memcpy(copy.data(), reply.item.data(), reply.item.size());
+        std::string text;
+        UMgrGzip gzip;
+        int gz = gzip.deCompress(copy.data(), reply.item.size(), text);
+        if (gz != UMgrGzip::RESULT) {
+            LOGE("Failed to deCompress with gZipError[%d]", gz);
+            result.clear();
+            break;
+        }
+        removeAll(text, '[');
+        removeAll(text, ']');
+        removeAll(text, '\n');
+        removeAll(text, '\r');
+        if (result.empty()) {
+            result = text;
+        } else {
+            result += "," + text;
+        }
+    }
+    if (!result.empty()) {
+        LOGD("Upload succedded");
+    } else {
+        LOGE("Upload failed!");
+        result.clear();
+    }
+    LOGD("End of plm syncing request");
+    return result;
+}
+
+std::string DataUploadHandler::_curlPostingUnzipped(const std::vector<std::string>& parts) {
+    LOGD("");
+    std::string result;
+    curl_slist* rawHeader = nullptr;
+    _setCurlHttpPostingHeader(&rawHeader, false);
+    SlistPtr header(rawHeader);
+    LOGD("header[%p]", static_cast<void*>(header.get()));
+    CurlPtr curl(curl_easy_init());
+    if (!curl) {
+        LOGE("Failed to curl_easy_init");
+        return result;
+    }
+    if (!_setCurlEnvironment(curl.get(), header.get())) {
+        LOGE("Upload failed!");
+        return result;
+    }
+    if (parts.empty()) {
+        LOGE("Upload failed!");
+        return result;
+    }
+    std::string reply;
+    for (const std::string& part : parts) {
+        reply.clear();
+        curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION,
+                         &DataUploadHandler::SavePostResultUnzipped);
+        curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &reply);
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, part.c_str());
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE, -1L);
+        CURLcode rc = curl_easy_perform(curl.get());
+        LOGD("postSize[%d], postResult[%d]", static_cast<int>(part.size()), static_cast<int>(rc));
+        if (rc != CURLE_OK) {
+            LOGE("Failed to perform");
+            result.clear();
+            LOGE("Upload failed!");
+            break;
+        }
+        long httpCode = 0;
+        curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &httpCode);
+        LOGD("partialPostCurlResult[%d], httpResponseCode[%d]", static_cast<int>(rc),
+             static_cast<int>(httpCode));
+        if (reply.empty()) {
+            LOGD("size is 0");
+            continue;
+        }
+        std::string text = reply;
+        removeAll(text, '[');
+        removeAll(text, ']');
+        removeAll(text, '\n');
+        removeAll(text, '\r');
+        if (result.empty()) {
+            result = text;
+        } else {
+            result += "," + text;
+        }
+    }
+    if (!result.empty()) {
+        LOGD("Upload Success!");
+    } else {
+        LOGE("Upload failed!");
+        result.clear();
+    }
+    LOGD("End of plm syncing request");
+    return result;
+}
+
+size_t DataUploadHandler::SavePostResultZipped(char* chunk, size_t size, size_t count,
+                                               void* reply) {
+    LOGD("size[%d], count[%d]", static_cast<int>(size), static_cast<int>(count));
+    auto* zippedReply = static_cast<ZippedReply*>(reply);
+    if (zippedReply == nullptr) {
+        LOGE("item is NULL");
+        return 0;
+    }
+    // Only the last chunk is kept: a reply delivered in several chunks keeps its last one.
+    // The chunk is copied because the transfer reuses its buffer.
+    size_t bytes = size * count;
+    zippedReply->item.assign(reinterpret_cast<unsigned char*>(chunk),
+                             reinterpret_cast<unsigned char*>(chunk) + bytes);
+    zippedReply->recorded = true;
+    return bytes;
+}
+
+size_t DataUploadHandler::SavePostResultUnzipped(char* chunk, size_t size, size_t count,
+                                                 void* reply) {
+    LOGD("size[%d], count[%d]", static_cast<int>(size), static_cast<int>(count));
+    size_t bytes = size * count;
+    auto* text = static_cast<std::string*>(reply);
+    if (text == nullptr) {
+        LOGE("item is NULL");
+        return 0;
+    }
+    // Read as a C string: a zero byte ends the chunk early.
+    text->append(chunk, strnlen(chunk, bytes));
+    return bytes;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Server, network and proxy configuration
+
+std::string DataUploadHandler::_getPrefServerIp() {
+    std::string serverIp;
+    bool existing = false;
+    if (platform::preferences().isExisting(plm::PLMConstants::SERVER_IP, existing) ==
+            platform::PREFERENCE_ERROR_NONE &&
+        existing) {
+        serverIp = prefString(plm::PLMConstants::SERVER_IP);
+    }
+    LOGD("serverIp[%s]", serverIp.c_str());
+    return serverIp;
+}
+
+int DataUploadHandler::_getPrefPortNum() {
+    int retv = 0;
+    if (platform::preferences().getInt(plm::PLMConstants::PORT, retv) !=
+        platform::PREFERENCE_ERROR_NONE) {
+        retv = 0;
+    }
+    LOGD("retv[%d]", retv);
+    return retv;
+}
+
+std::string DataUploadHandler::_getPrefCertiPath() {
+    std::string certiPath;
+    bool existing = false;
+    if (platform::preferences().isExisting(plm::PLMConstants::CERT_PATH, existing) ==
+            platform::PREFERENCE_ERROR_NONE &&
+        existing) {
+        certiPath = prefString(plm::PLMConstants::CERT_PATH);
+    }
+    LOGD("certiPath[%s]", certiPath.c_str());
+    return certiPath;
+}
+
+bool DataUploadHandler::_getPrefForce() {
+    bool retv = true;
+    if (platform::preferences().getBoolean(plm::PLMConstants::IS_FORCE, retv) !=
+        platform::PREFERENCE_ERROR_NONE) {
+        retv = true;
+    }
+    LOGI("retv[%d]", retv);
+    return retv;
+}
+
+void DataUploadHandler::_setPrefForce(bool force) {
+    if (platform::preferences().setBoolean(plm::PLMConstants::IS_FORCE, force) !=
+        platform::PREFERENCE_ERROR_NONE) {
+        LOGE("Failed to preference set for isForce");
+    }
+}
+
+bool DataUploadHandler::_useTls() {
+    LOGD("Use Tls[%d]", 1);
+    return true;
+}
+
+int DataUploadHandler::_getPortNumber() {
+    int pref = _getPrefPortNum();
+    int retv = pref > 1 ? pref : kDefaultPort;
+    LOGD("retv[%d]", retv);
+    return retv;
+}
+
+std::string DataUploadHandler::_getCertiPath() {
+    std::string certiPath = plm::UploadDataConstants::NAME;
+    std::string pref = _getPrefCertiPath();
+    if (!pref.empty())
+        certiPath = pref;
+    LOGD("Certification Path[%s]", certiPath.c_str());
+    return certiPath;
+}
+
+std::string DataUploadHandler::_getProxyAddress() {
+    std::string result;
+    std::unique_ptr<platform::ConnectionHandle> handle;
+    if (platform::connection().create(handle) != platform::CONNECTION_ERROR_NONE || !handle) {
+        LOGE("Failed to connection_create");
+        return result;
+    }
+    std::string proxy;
+    int rc = handle->getProxy(platform::CONNECTION_ADDRESS_FAMILY_IPV4, proxy);
+    handle.reset();
+    if (rc != platform::CONNECTION_ERROR_NONE) {
+        LOGE("Failed to connection_get_proxy");
+        return result;
+    }
+    if (proxy.empty()) {
+        LOGD("Invalid proxy address");
+        return result;
+    }
+    result = proxy;
+    LOGD("Proxy Address[%s]", result.c_str());
+    return result;
+}
+
+void DataUploadHandler::_getProxyAddress(std::string& host, int* port) {
+    if (port == nullptr) {
+        LOGE("Basket is NULL");
+        return;
+    }
+    std::string fullProxy = _getProxyAddress();
+    auto colon = fullProxy.find(':');
+    if (colon == std::string::npos)
+        return;
+    host = fullProxy.substr(0, colon);
+    *port = std::stoi(fullProxy.substr(colon + 1));  // throws for a malformed port
+    LOGD("fullProxy[%s], ip[%s], port[%d]", fullProxy.c_str(), host.c_str(), *port);
+}
+
+bool DataUploadHandler::_getCompanianMode() {
+    if (mCompanionMode == 1)
+        return true;
+    if (mCompanionMode == 2)
+        return false;
+    LOGD("Not checked before. Checking now");
+    std::string proxy = _getProxyAddress();
+    mCompanionMode = proxy == plm::COMPANION_PROXY_MARKER ? 1 : 2;
+    bool retv = mCompanionMode == 1;
+    LOGD("Paring mode[%d], retv[%d]", mCompanionMode, retv);
+    return retv;
+}
+
+std::string DataUploadHandler::_getServerIp() {
+    bool companion = _getCompanianMode();
+    std::string serverIp = _getPrefServerIp();
+    if (serverIp.empty()) {
+        std::string locale = getLocalePreference();
+        static constexpr const char* kEastAsia[] = {"ja-JP", "ko-KR", "zh-CN",
+                                                    "zh-HK", "zh-SG", "zh-TW"};
+        bool korea = std::any_of(std::begin(kEastAsia), std::end(kEastAsia),
+                                 [&locale](const char* l) { return locale == l; });
+        if (korea) {
+            serverIp = companion ? plm::HOST_KR_CONTENT : plm::HOST_KR_INTERACTION;
+        } else {
+            serverIp = companion ? plm::HOST_US_CONTENT : plm::HOST_US_INTERACTION;
+        }
+    }
+    LOGD("serverIp[%s]", serverIp.c_str());
+    return serverIp;
+}
+
+bool DataUploadHandler::_setCurlEnvironment(CURL* curl, curl_slist* header) {
+    if (curl == nullptr) {
+        LOGE("There is no initated curl handle");
+        return false;
+    }
+    if (header == nullptr) {
+        LOGE("There is no initated header");
+        return false;
+    }
+    std::string proxy = _getProxyAddress();
+    std::string url = mDbUrl + "/" + plm::UploadDataConstants::BULK_DOCS;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());  // libcurl copies option strings
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "POST");
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, header);
+    curl_easy_setopt(curl, CURLOPT_POST, 1L);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
+    if (!proxy.empty()) {
+        curl_easy_setopt(curl, CURLOPT_PROXY, proxy.c_str());
+        LOGD("Plm Syncing with companian mode");
+    } else {
+        // The connection service already answered "no proxy" (its own settings override the
+        // environment): keep libcurl from picking a proxy from the environment by itself.
+        curl_easy_setopt(curl, CURLOPT_PROXY, "");
+        LOGD("Plm Syncing with stand alone mode");
+    }
+    return true;
+}
+
+void DataUploadHandler::_setCurlHttpPostingHeader(curl_slist** header, bool zipping) {
+    LOGD("zipping[%d]", zipping);
+    if (header == nullptr)
+        return;
+    namespace U = plm::UploadDataConstants;
+    auto add = [header](const std::string& name, const std::string& value) {
+        curl_slist* next = curl_slist_append(*header, (name + ": " + value).c_str());
+        if (next != nullptr)
+            *header = next;
+    };
+    add(U::HEADER_ACCEPT, U::VALUE_JSON);
+    add(U::HEADER_CHARSET, U::VALUE_UTF8);
+    add(U::HEADER_CONTENT_TYPE, U::VALUE_JSON);
+    add(U::COOKIE, mCookie);
+    if (zipping) {
+        add(U::HEADER_ACCEPT_ENCODING, U::VALUE_GZIP);
+        add(U::HEADER_CONTENT_ENCODING, U::VALUE_GZIP);
+    }
+    LOGD("header[%p]", static_cast<void*>(*header));
+}

@@ -1,0 +1,129 @@
+#!/usr/bin/env bash
+# Test stack on loopback: PouchDB Server (the CouchDB-compatible database) and pds-server with a
+# throw-away certificate. Source this file, then:
+#
+#   stack_start [PDS-SERVER-ARGS...]   start both; extra arguments go to pds-server
+#   stack_stop                          stop both and remove the temporary directory
+#   stack_open DEVICE_ID [FORCE]        POST /pds/open, print the JSON answer (FORCE: true|false)
+#   stack_pds OP JSON                   POST /pds/OP with the body JSON, print "STATUS BODY"
+#   stack_couch PATH                    GET a path of the database, print the body
+#
+# After stack_start these are set: STACK_DIR (temporary directory), STACK_CERT / STACK_KEY (the
+# certificate and key, CN localhost, SAN localhost 127.0.0.1 ::1), STACK_COUCH_URL, STACK_PDS_PORT,
+# STACK_PDS_URL (https://127.0.0.1:PORT), STACK_DB_PORT, STACK_DB_URL_BASE (the dburl base).
+# pds-server runs with --admin, so tests can inject faults (see server/README.md).
+#
+# Binaries: $PELIO_BINARY_DIR/server/pds-server and
+# $PELIO_SOURCE_DIR/server/node_modules/.bin/pouchdb-server (scripts/install-deps installs it).
+# stack_start installs an EXIT/INT/TERM trap that calls stack_stop unless STACK_NO_TRAP=1 (then
+# call stack_stop from your own trap). Only loopback addresses are used.
+
+_stack_here=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+: "${PELIO_SOURCE_DIR:=$_stack_here}"
+: "${PELIO_BINARY_DIR:=$PELIO_SOURCE_DIR/build/dev}"
+
+_stack_free_port() {
+    node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close()})'
+}
+
+_stack_wait_http() {  # URL [curl args...]: wait up to 30 s for any HTTP answer
+    local url=$1
+    shift
+    for _ in $(seq 1 150); do
+        if curl -s -o /dev/null --max-time 2 "$@" "$url"; then
+            return 0
+        fi
+        sleep 0.2
+    done
+    return 1
+}
+
+stack_stop() {
+    local pid
+    for pid in ${STACK_PDS_PID:-} ${STACK_COUCH_PID:-}; do
+        if kill -0 "$pid" 2>/dev/null; then
+            kill "$pid" 2>/dev/null
+            for _ in $(seq 1 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+            kill -9 "$pid" 2>/dev/null
+            wait "$pid" 2>/dev/null
+        fi
+    done
+    STACK_PDS_PID=
+    STACK_COUCH_PID=
+    if [ -n "${STACK_DIR:-}" ] && [ -d "$STACK_DIR" ] && [ -z "${STACK_KEEP_DIR:-}" ]; then
+        rm -rf "$STACK_DIR"
+    fi
+    STACK_DIR=
+}
+
+stack_start() {
+    local pds_bin=$PELIO_BINARY_DIR/server/pds-server
+    local pouch_bin=$PELIO_SOURCE_DIR/server/node_modules/.bin/pouchdb-server
+    [ -x "$pds_bin" ] || { echo "stack: $pds_bin not built" >&2; return 1; }
+    [ -x "$pouch_bin" ] || { echo "stack: $pouch_bin missing (run scripts/install-deps)" >&2; return 1; }
+    command -v openssl >/dev/null || { echo "stack: openssl missing" >&2; return 1; }
+
+    STACK_DIR=$(mktemp -d "${TMPDIR:-/tmp}/pelio-stack.XXXXXX")
+    if [ -z "${STACK_NO_TRAP:-}" ]; then
+        trap 'stack_stop' EXIT
+        trap 'stack_stop; exit 130' INT TERM
+    fi
+    STACK_CERT=$STACK_DIR/cert.pem
+    STACK_KEY=$STACK_DIR/key.pem
+    openssl req -x509 -newkey rsa:2048 -nodes -keyout "$STACK_KEY" -out "$STACK_CERT" -days 2 \
+        -subj /CN=localhost -addext "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1" \
+        >/dev/null 2>&1 || { echo "stack: openssl failed" >&2; return 1; }
+
+    # PouchDB Server writes config.json and log.txt into its working directory.
+    mkdir -p "$STACK_DIR/couch/data"
+    local port tries
+    for tries in 1 2 3; do
+        port=$(_stack_free_port)
+        (cd "$STACK_DIR/couch" && exec "$pouch_bin" --host 127.0.0.1 --port "$port" \
+            --dir "$STACK_DIR/couch/data" >"$STACK_DIR/couch.log" 2>&1) &
+        STACK_COUCH_PID=$!
+        STACK_COUCH_URL=http://127.0.0.1:$port
+        if _stack_wait_http "$STACK_COUCH_URL/" && kill -0 "$STACK_COUCH_PID" 2>/dev/null; then
+            break
+        fi
+        kill "$STACK_COUCH_PID" 2>/dev/null; wait "$STACK_COUCH_PID" 2>/dev/null
+        STACK_COUCH_PID=
+    done
+    [ -n "$STACK_COUCH_PID" ] || { echo "stack: PouchDB Server did not start" >&2; cat "$STACK_DIR/couch.log" >&2; return 1; }
+
+    "$pds_bin" --listen 127.0.0.1:0 --tls-cert "$STACK_CERT" --tls-key "$STACK_KEY" \
+        --db-listen 127.0.0.1:0 --couch "$STACK_COUCH_URL" --ports-file "$STACK_DIR/ports" \
+        --admin "$@" >"$STACK_DIR/pds.log" 2>&1 &
+    STACK_PDS_PID=$!
+    for _ in $(seq 1 100); do
+        [ -f "$STACK_DIR/ports" ] && break
+        kill -0 "$STACK_PDS_PID" 2>/dev/null || break
+        sleep 0.1
+    done
+    [ -f "$STACK_DIR/ports" ] || { echo "stack: pds-server did not start" >&2; cat "$STACK_DIR/pds.log" >&2; return 1; }
+    STACK_PDS_PORT=$(sed -n 's/^pds=//p' "$STACK_DIR/ports")
+    STACK_DB_PORT=$(sed -n 's/^db=//p' "$STACK_DIR/ports")
+    STACK_PDS_URL=https://127.0.0.1:$STACK_PDS_PORT
+    STACK_DB_URL_BASE=http://127.0.0.1:$STACK_DB_PORT
+    export STACK_DIR STACK_CERT STACK_KEY STACK_COUCH_URL STACK_PDS_PORT STACK_PDS_URL \
+        STACK_DB_PORT STACK_DB_URL_BASE
+}
+
+stack_pds() {  # OP JSON -> "STATUS BODY"
+    local out status
+    out=$(curl -s --cacert "$STACK_CERT" -X POST -H 'Content-Type: application/json' \
+        --data-binary "$2" -w '\n%{http_code}' "$STACK_PDS_URL/pds/$1")
+    status=${out##*$'\n'}
+    echo "$status ${out%$'\n'*}"
+}
+
+stack_open() {  # DEVICE_ID [FORCE]
+    local force=${2:-false}
+    curl -s --cacert "$STACK_CERT" -X POST -H 'Content-Type: application/json' --data-binary \
+        "{\"device_id\":\"$1\",\"locale\":\"en_US\",\"force\":$force,\"companion\":false,\"standalone\":true,\"request\":{\"rampcode\":\"dash\"}}" \
+        "$STACK_PDS_URL/pds/open"
+}
+
+stack_couch() {  # PATH
+    curl -s "$STACK_COUCH_URL$1"
+}
