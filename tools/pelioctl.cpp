@@ -15,13 +15,13 @@
 #include <pelio/platform/AppControl.h>
 #include <pelio/platform/ApplicationEndpoint.h>
 #include <pelio/platform/MainLoop.h>
+#include <pelio/platform/Preferences.h>
 #include <pelio/platform/SystemSettings.h>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -109,7 +109,8 @@ int cmdLaunch(int argc, char** argv) {
         std::fprintf(stderr, "pelioctl: cannot send (%d)\n", rc);
         return 1;
     }
-    if (!done) pp::runMainLoop();  // a send that failed at once has answered already
+    if (!done)
+        pp::runMainLoop();  // a send that failed at once has answered already
     std::fflush(stdout);
     return status;
 }
@@ -207,26 +208,17 @@ int cmdSetting(int argc, char** argv) {
 }
 
 int cmdPrefs() {
-    // The service's preference store lives in its data folder; listed as stored, key=value.
-    const std::filesystem::path dir = dataHome() + "/" + kServiceId + "/data";
+    // The service's store, read through the platform's preferences module (read-only: never
+    // created or changed here). Sorted by key; booleans as true / false.
+    const std::string path = pp::preferencesFilePath(kServiceId);
     std::error_code ec;
-    bool any = false;
-    if (std::filesystem::is_directory(dir, ec)) {
-        for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
-            const std::string name = entry.path().filename().string();
-            if (!entry.is_regular_file() || name.rfind("pref", 0) != 0)
-                continue;
-            std::ifstream in(entry.path());
-            for (std::string line; std::getline(in, line);) {
-                if (line.empty() || line[0] == '#' || line[0] == '[')
-                    continue;
-                std::printf("%s\n", line.c_str());
-                any = true;
-            }
-        }
-    }
-    if (!any)
+    if (path.empty() || !std::filesystem::exists(path, ec)) {
         std::printf("no preferences yet\n");
+        return 0;
+    }
+    std::unique_ptr<pp::Preferences> store = pp::openPreferencesFile(path, true);
+    for (const pp::PreferenceItem& item : store->items())
+        std::printf("%s=%s\n", item.key.c_str(), item.value.c_str());
     return 0;
 }
 

@@ -1,9 +1,12 @@
-// RAII holders for Eldbus and Ecore handles, and the process's shared session-bus connection.
+// RAII holders for Eldbus and Ecore handles and file descriptors, and the process's shared
+// session-bus connection.
 // Main loop thread only.
 #pragma once
 
 #include <Ecore.h>
 #include <Eldbus.h>
+
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -24,6 +27,9 @@ struct SignalHandlerDel {
 struct FdHandlerDel {
     void operator()(Ecore_Fd_Handler* h) const { ecore_main_fd_handler_del(h); }
 };
+struct TimerDel {
+    void operator()(Ecore_Timer* t) const { ecore_timer_del(t); }
+};
 struct MessageUnref {
     void operator()(Eldbus_Message* m) const { eldbus_message_unref(m); }
 };
@@ -33,6 +39,33 @@ using InterfacePtr = std::unique_ptr<Eldbus_Service_Interface, InterfaceUnregist
 using SignalHandlerPtr = std::unique_ptr<Eldbus_Signal_Handler, SignalHandlerDel>;
 using FdHandlerPtr = std::unique_ptr<Ecore_Fd_Handler, FdHandlerDel>;
 using MessagePtr = std::unique_ptr<Eldbus_Message, MessageUnref>;
+// A repeating timer whose callback always renews (a cancelled timer is freed by Ecore itself).
+using TimerPtr = std::unique_ptr<Ecore_Timer, TimerDel>;
+
+// A file descriptor closed when the holder ends (-1: none).
+class OwnedFd {
+  public:
+    OwnedFd() = default;
+    explicit OwnedFd(int fd) : fd_(fd) {}
+    ~OwnedFd() { reset(); }
+    OwnedFd(const OwnedFd&) = delete;
+    OwnedFd& operator=(const OwnedFd&) = delete;
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1) {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = fd;
+    }
+
+  private:
+    int fd_ = -1;
+};
 
 // The shared session connection (nullptr when there is no session bus). Kept until the main loop
 // scope ends.

@@ -19,12 +19,40 @@ bool validDbusString(const std::string& s) {
     return s.find('\0') == std::string::npos && g_utf8_validate(s.data(), s.size(), nullptr);
 }
 
+// Eldbus never watches libdbus's write watch when that watch was added while disabled (it is, on
+// a fresh connection), so a message larger than the socket's send buffer (about 200 KiB) is
+// written only as far as one non-blocking write takes it; the rest moves only when the next
+// message is sent on the connection. Until a large request has its reply, a timer sends a Ping to
+// the bus now and then, which makes libdbus write on.
+constexpr std::size_t kLargeRequestBytes = 64 * 1024;
+constexpr double kNudgeIntervalS = 0.02;
+
+std::size_t extrasSize(const Extras& extras) {
+    std::size_t n = 0;
+    for (const auto& [key, value] : extras)
+        n += key.size() + value.size() + 16;
+    return n;
+}
+
+Eina_Bool nudgeWriter(void* data) {
+    auto* bus = static_cast<Eldbus_Connection*>(data);
+    Eldbus_Message* ping = eldbus_message_method_call_new(
+        "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Peer", "Ping");
+    if (ping)
+        eldbus_connection_send(bus, ping, nullptr, nullptr, -1);  // takes the message
+    return ECORE_CALLBACK_RENEW;
+}
+
+// One request in flight; owned by the reply callback. The nudge timer, when there is one, ends
+// with it.
 struct PendingLaunch {
     LaunchReplyCallback onReply;
+    TimerPtr nudge;
 };
 
 void onLaunchReply(void* data, const Eldbus_Message* msg, Eldbus_Pending*) {
     std::unique_ptr<PendingLaunch> pending(static_cast<PendingLaunch*>(data));
+    pending->nudge.reset();  // the request is through (or failed): no more writing to push
     if (!pending->onReply)
         return;
     LaunchOutcome outcome;
@@ -67,10 +95,12 @@ void sendNow(const AppControl& request, LaunchReplyCallback onReply) {
     if (!appendExtras(eldbus_message_iter_get(msg.get()), request.extras())) {
         return fail("extras are not valid D-Bus strings (UTF-8 without NUL)");
     }
-    auto pending = std::make_unique<PendingLaunch>(PendingLaunch{std::move(onReply)});
+    auto pending = std::make_unique<PendingLaunch>(PendingLaunch{std::move(onReply), nullptr});
     // eldbus_connection_send takes the message reference; the callback owns pending from here.
     if (eldbus_connection_send(bus, msg.release(), &onLaunchReply, pending.get(),
                                kLaunchTimeoutMs)) {
+        if (extrasSize(request.extras()) >= kLargeRequestBytes)
+            pending->nudge.reset(ecore_timer_add(kNudgeIntervalS, &nudgeWriter, bus));
         pending.release();
     } else if (pending->onReply) {
         pending->onReply(LaunchOutcome{false, "send failed", {}});

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "EldbusHandles.h"
+#include "pelio/platform/AppPaths.h"
 #include "pelio/platform/ApplicationEndpoint.h"
 #include "pelio/platform/Log.h"
 #include "pelio/platform/MainLoop.h"
@@ -21,8 +22,6 @@ namespace {
 using namespace detail;
 
 constexpr const char* kTag = "PelioPlatform";
-// The application this process serves as.
-constexpr const char* kServiceAppId = "com.quorvin.plmsvc";
 // A real memory shortage: every task stalled for 200 ms within 2 s (the window unprivileged
 // processes may use).
 constexpr const char* kPressureTrigger = "full 200000 2000000";
@@ -123,14 +122,17 @@ class LinuxServiceApp : public ServiceApp {
         Eldbus_Connection* bus = sessionBus();
         if (!bus)
             return false;
-        endpoint_ = std::make_unique<ApplicationEndpoint>(
-            kServiceAppId, 2, [this](const AppControl& request) {
+        // The application this process serves as (set at process entry; "com.quorvin.plmsvc"
+        // unless changed).
+        const std::string appId = currentAppId();
+        endpoint_ =
+            std::make_unique<ApplicationEndpoint>(appId, 2, [this](const AppControl& request) {
                 if (callbacks_.appControl)
                     callbacks_.appControl(request, userData_);
             });
-        if (!endpoint_->start([this](bool owned) {
+        if (!endpoint_->start([this, appId](bool owned) {
                 if (!owned) {
-                    dlog_print(DLOG_ERROR, kTag, "bus name %s is not ours: ending", kServiceAppId);
+                    dlog_print(DLOG_ERROR, kTag, "bus name %s is not ours: ending", appId.c_str());
                     exit();
                 }
             })) {

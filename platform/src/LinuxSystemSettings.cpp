@@ -13,6 +13,7 @@
 #include <optional>
 #include <vector>
 
+#include "EldbusHandles.h"
 #include "pelio/platform/Log.h"
 #include "pelio/platform/Slot.h"
 #include "pelio/platform/SystemSettings.h"
@@ -185,39 +186,40 @@ class LinuxSystemSettings : public SystemSettings {
         return SETTINGS_ERROR_NONE;
     }
 
+    // Main loop thread. Watches the folder (the file is replaced by rename, so a watch on the
+    // file itself would be lost on the first write).
     bool startWatch() {
         std::error_code ec;
-        std::filesystem::create_directories(configDir(), ec);
-        inotifyFd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (inotifyFd_ < 0)
-            return false;
-        if (inotify_add_watch(inotifyFd_, configDir().c_str(),
-                              IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_CREATE) < 0) {
-            stopWatch();
-            return false;
-        }
-        watchHandler_ = ecore_main_fd_handler_add(
-            inotifyFd_, ECORE_FD_READ, &LinuxSystemSettings::onInotify, this, nullptr, nullptr);
-        if (!watchHandler_) {
-            stopWatch();
+        const std::string dir = configDir();
+        std::filesystem::create_directories(dir, ec);
+        detail::OwnedFd fd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        if (!fd || inotify_add_watch(fd.get(), dir.c_str(),
+                                     IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_CREATE) < 0) {
+            dlog_print(DLOG_ERROR, "PelioPlatform", "settings: cannot watch %s", dir.c_str());
             return false;
         }
+        detail::FdHandlerPtr handler(ecore_main_fd_handler_add(
+            fd.get(), ECORE_FD_READ, &LinuxSystemSettings::onInotify, this, nullptr, nullptr));
+        if (!handler) {
+            dlog_print(DLOG_ERROR, "PelioPlatform", "settings: no main loop to watch %s",
+                       dir.c_str());
+            return false;
+        }
+        inotifyFd_.reset(fd.release());
+        watchHandler_ = std::move(handler);
         return true;
     }
 
+    // The handler goes before the descriptor it reads.
     void stopWatch() {
-        if (watchHandler_)
-            ecore_main_fd_handler_del(watchHandler_);
-        watchHandler_ = nullptr;
-        if (inotifyFd_ >= 0)
-            close(inotifyFd_);
-        inotifyFd_ = -1;
+        watchHandler_.reset();
+        inotifyFd_.reset();
     }
 
     static Eina_Bool onInotify(void* data, Ecore_Fd_Handler*) {
         auto* self = static_cast<LinuxSystemSettings*>(data);
         alignas(inotify_event) char buf[4096];
-        while (read(self->inotifyFd_, buf, sizeof buf) > 0) {
+        while (read(self->inotifyFd_.get(), buf, sizeof buf) > 0) {
         }
         self->dispatchChanges();
         return ECORE_CALLBACK_RENEW;
@@ -245,8 +247,9 @@ class LinuxSystemSettings : public SystemSettings {
 
     std::mutex mutex_;
     std::vector<Watcher> watchers_;
-    int inotifyFd_ = -1;
-    Ecore_Fd_Handler* watchHandler_ = nullptr;
+    // Declared so that the handler ends before the descriptor.
+    detail::OwnedFd inotifyFd_;
+    detail::FdHandlerPtr watchHandler_;
 };
 
 Slot<SystemSettings>& slot() {

@@ -62,6 +62,14 @@ state=$(gdbus call --session -d com.quorvin.plmsvc -o /com/quorvin/plmsvc \
 [ "$state" = "(<2>,)" ] || fail "service State is $state"
 ok "activation and launch"
 
+# pelioctl prefs reads the service's store (read-only): a sorted key=value list, or the note.
+prefs=$("$PELIOCTL" prefs) || fail "pelioctl prefs"
+if [ "$prefs" != "no preferences yet" ]; then
+  printf '%s\n' "$prefs" | grep -qvE '^[^=]+=' && fail "pelioctl prefs printed: $prefs"
+  [ "$prefs" = "$(printf '%s\n' "$prefs" | LC_ALL=C sort)" ] || fail "pelioctl prefs not sorted"
+fi
+ok "prefs"
+
 # 2. Bad input never takes the service down.
 "$PELIOCTL" launch >/dev/null || fail "launch without extras"
 "$PELIOCTL" launch NO_SUCH_KEY=1 EVENT_TYPE=NOT_AN_OPERATION >/dev/null || fail "unknown keys"
@@ -135,4 +143,4 @@ ok "voice app"
 "$PELIOCTL" launch --app com.quorvin.absent K=V >/dev/null 2>&1 && fail "launch to an absent app succeeded"
 ok "absent application"
 
-echo "6 passed, 0 failed"
+echo "7 passed, 0 failed"

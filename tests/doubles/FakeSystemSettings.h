@@ -1,0 +1,47 @@
+// In-memory system settings for unit tests: values kept as text in a map (as the Linux key file
+// keeps them), typed reads with the same errors as the Linux store, and change callbacks that
+// run at once, on the setting thread, after a set that changed a value (a set to the same value
+// calls nobody, as on Linux). Get and set are thread-safe; callbacks run without the lock held,
+// so they may read or write settings.
+#pragma once
+
+#include <pelio/platform/SystemSettings.h>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace pelio::test {
+
+class FakeSystemSettings : public pelio::platform::SystemSettings {
+  public:
+    int getInt(const std::string& key, int& value) override;
+    int getBool(const std::string& key, bool& value) override;
+    int getString(const std::string& key, std::string& value) override;
+    int setInt(const std::string& key, int value) override;
+    int setBool(const std::string& key, bool value) override;
+    int setString(const std::string& key, const std::string& value) override;
+    int addChangedCallback(const std::string& key, pelio::platform::SettingChangedCallback cb,
+                           void* userData) override;
+    int removeChangedCallback(const std::string& key,
+                              pelio::platform::SettingChangedCallback cb) override;
+
+    // Removes a key (as if another process deleted it); its callbacks run.
+    void erase(const std::string& key);
+    // Callbacks registered for key.
+    std::size_t callbackCount(const std::string& key) const;
+
+  private:
+    struct Watcher {
+        std::string key;
+        pelio::platform::SettingChangedCallback cb;
+        void* userData;
+    };
+    void notify(const std::string& key);
+
+    mutable std::mutex mutex_;
+    std::map<std::string, std::string> values_;
+    std::vector<Watcher> watchers_;
+};
+
+}  // namespace pelio::test

@@ -1,0 +1,142 @@
+// Linux system settings in a throw-away home: typed values persisted in the key file, and changes
+// written by another process reaching the change callbacks on the main loop.
+#include <gtest/gtest.h>
+
+#include <Ecore.h>
+
+#include <pelio/platform/MainLoop.h>
+#include <pelio/platform/SystemSettings.h>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/TempHome.h"
+
+namespace pp = pelio::platform;
+
+namespace {
+
+const std::string kPelioctl = std::string(PELIO_BINARY_DIR) + "/tools/pelioctl";
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+struct Seen {
+    std::vector<std::string> keys;
+};
+
+void onChanged(const char* key, void* data) {
+    static_cast<Seen*>(data)->keys.push_back(key);
+    pp::quitMainLoop();
+}
+
+struct TimerDel {
+    void operator()(Ecore_Timer* t) const { ecore_timer_del(t); }
+};
+
+// Runs the main loop until seen holds n keys or 20 seconds pass.
+void waitFor(const Seen& seen, std::size_t n) {
+    bool expired = false;
+    std::unique_ptr<Ecore_Timer, TimerDel> guard(ecore_timer_add(
+        20.0,
+        [](void* data) -> Eina_Bool {
+            *static_cast<bool*>(data) = true;
+            pp::quitMainLoop();
+            return ECORE_CALLBACK_RENEW;  // deleted by its holder
+        },
+        &expired));
+    while (seen.keys.size() < n && !expired)
+        pp::runMainLoop();
+}
+
+TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks) {
+    pelio::test::TempHome home;
+    pp::MainLoopScope loop;
+    pp::SystemSettings& settings = pp::systemSettings();
+    const std::string file = home.configHome() + "/pelio-platform/settings.ini";
+
+    int i = 0;
+    bool b = false;
+    std::string s;
+    EXPECT_EQ(settings.getInt("memory/dnet/status", i), pp::SETTINGS_ERROR_NO_KEY);
+    EXPECT_EQ(settings.setInt("memory/dnet/status", -3), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(settings.setBool("test/flag", true), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(settings.setString("memory/dnet/proxy", "127.0.0.1:3128"), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(settings.setString("test/empty", ""), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(settings.getInt("memory/dnet/status", i), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(i, -3);
+    EXPECT_EQ(settings.getBool("test/flag", b), pp::SETTINGS_ERROR_NONE);
+    EXPECT_TRUE(b);
+    EXPECT_EQ(settings.getString("memory/dnet/proxy", s), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(s, "127.0.0.1:3128");
+    EXPECT_EQ(settings.getString("test/empty", s), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(s, "");
+    EXPECT_EQ(settings.getInt("memory/dnet/proxy", i), pp::SETTINGS_ERROR_BAD_VALUE);
+    EXPECT_EQ(settings.getBool("memory/dnet/status", b), pp::SETTINGS_ERROR_BAD_VALUE);
+    EXPECT_EQ(settings.setString("bad=key", "v"), pp::SETTINGS_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(settings.setString("k", "two\nlines"), pp::SETTINGS_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(settings.getString("", s), pp::SETTINGS_ERROR_INVALID_PARAMETER);
+
+    // On disk, in the key file another process reads.
+    const std::string text = readFile(file);
+    EXPECT_NE(text.find("[settings]"), std::string::npos) << text;
+    EXPECT_NE(text.find("memory/dnet/status=-3"), std::string::npos) << text;
+    EXPECT_NE(text.find("test/flag=true"), std::string::npos) << text;
+    EXPECT_EQ(std::system((kPelioctl + " setting get memory/dnet/proxy >/dev/null").c_str()), 0);
+
+    Seen cellular, proxy;
+    ASSERT_EQ(settings.addChangedCallback("memory/dnet/cellular", &onChanged, &cellular),
+              pp::SETTINGS_ERROR_NONE);
+    ASSERT_EQ(settings.addChangedCallback("memory/dnet/proxy", &onChanged, &proxy),
+              pp::SETTINGS_ERROR_NONE);
+
+    // Another process sets a key: only its callback runs, on this main loop.
+    ASSERT_EQ(std::system((kPelioctl + " setting set memory/dnet/cellular 1").c_str()), 0);
+    waitFor(cellular, 1);
+    ASSERT_EQ(cellular.keys, std::vector<std::string>{"memory/dnet/cellular"});
+    EXPECT_TRUE(proxy.keys.empty());
+    EXPECT_EQ(settings.getInt("memory/dnet/cellular", i), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(i, 1);
+
+    // The file written by hand (no rename): the proxy changed, the cellular state did not.
+    {
+        std::ofstream out(file, std::ios::trunc);
+        out << "[settings]\nmemory/dnet/status=-3\nmemory/dnet/cellular=1\n"
+               "memory/dnet/proxy=\n";
+    }
+    waitFor(proxy, 1);
+    ASSERT_EQ(proxy.keys, std::vector<std::string>{"memory/dnet/proxy"});
+    EXPECT_EQ(cellular.keys.size(), 1u);
+    EXPECT_EQ(settings.getString("memory/dnet/proxy", s), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(s, "");
+
+    // A set from this process reaches the callback the same way; a removed one is not called.
+    EXPECT_EQ(settings.removeChangedCallback("memory/dnet/proxy", &onChanged),
+              pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(settings.removeChangedCallback("memory/dnet/proxy", &onChanged),
+              pp::SETTINGS_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(settings.setString("memory/dnet/proxy", "localhost:8080"), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(settings.setInt("memory/dnet/cellular", 0), pp::SETTINGS_ERROR_NONE);
+    waitFor(cellular, 2);
+    EXPECT_EQ(cellular.keys.size(), 2u);
+    EXPECT_EQ(proxy.keys.size(), 1u);
+
+    // Deleting the file is a change to "absent".
+    std::remove(file.c_str());
+    waitFor(cellular, 3);
+    EXPECT_EQ(cellular.keys.size(), 3u);
+    EXPECT_EQ(settings.getInt("memory/dnet/cellular", i), pp::SETTINGS_ERROR_NO_KEY);
+
+    // The last callback removed ends the watch before the main loop does.
+    EXPECT_EQ(settings.removeChangedCallback("memory/dnet/cellular", &onChanged),
+              pp::SETTINGS_ERROR_NONE);
+}
+
+}  // namespace
