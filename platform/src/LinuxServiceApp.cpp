@@ -14,6 +14,9 @@
 #include "pelio/platform/Log.h"
 #include "pelio/platform/MainLoop.h"
 #include "pelio/platform/ServiceApp.h"
+
+#include <Ecore.h>
+#include <Eina.h>
 #include "pelio/platform/Slot.h"
 
 namespace pelio::platform {
@@ -94,6 +97,13 @@ class LinuxServiceApp : public ServiceApp {
     }
 
     void exit() override {
+        // The exit check of the sync worker asks from its own thread: the loop, the bus name and
+        // the flag belong to the main loop, so hand the request over (it also wakes the loop).
+        if (!eina_main_loop_is()) {
+            ecore_main_loop_thread_safe_call_async(
+                [](void* self) { static_cast<LinuxServiceApp*>(self)->exit(); }, this);
+            return;
+        }
         exitRequested_ = true;
         // Requests that arrive from now on start a new instance through D-Bus activation.
         if (endpoint_)

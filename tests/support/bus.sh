@@ -30,15 +30,25 @@ bus_start() {
 
 bus_stop() {
     [ -n "${BUS_PID:-}" ] || return 0
-    local child _
-    # Everything the bus activated is its child: end those first, then the bus.
-    for child in $(pgrep -P "$BUS_PID" 2>/dev/null); do kill -TERM "$child" 2>/dev/null; done
-    for _ in $(seq 50); do pgrep -P "$BUS_PID" >/dev/null 2>&1 || break; sleep 0.1; done
-    for child in $(pgrep -P "$BUS_PID" 2>/dev/null); do kill -KILL "$child" 2>/dev/null; done
+    local p _
+    # End what the bus activated first (found by the bus address in their environment: activated
+    # services need not stay children of the bus daemon), then the bus.
+    for p in $(bus_activated_pids); do kill -TERM "$p" 2>/dev/null; done
+    for _ in $(seq 50); do [ -z "$(bus_activated_pids)" ] && break; sleep 0.1; done
+    for p in $(bus_activated_pids); do kill -KILL "$p" 2>/dev/null; done
     kill "$BUS_PID" 2>/dev/null
     wait "$BUS_PID" 2>/dev/null
     BUS_PID=
     [ -n "${BUS_KEEP_DIR:-}" ] || rm -rf "${BUS_DIR:-/nonexistent}"
+}
+
+bus_activated_pids() {
+    local p
+    for p in $(pgrep -P "$BUS_PID" 2>/dev/null) $(pgrep -x pelio-service 2>/dev/null); do
+        [ "$p" = "$$" ] && continue
+        tr '\0' '\n' <"/proc/$p/environ" 2>/dev/null |
+            grep -qxF "DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS" && echo "$p"
+    done | sort -u
 }
 
 bus_has_owner() {

@@ -58,7 +58,12 @@ e2e_configure() {
 e2e_wait_service_end() {
     sleep 0.5
     bus_wait_gone "$SVC" "${1:-120}" || e2e_fail "service did not end itself"
+    # The name goes first; the process ends once it has shut down.
+    local _
+    for _ in $(seq 300); do [ -z "$(bus_activated_pids)" ] && return 0; sleep 0.1; done
+    e2e_fail "service process did not end after giving up its name"
 }
+
 
 # The device's database name on the server (the one plm_ database).
 e2e_device_db() {
@@ -126,12 +131,12 @@ e2e_service_pid() {
 
 # A value of the service's master table (status keys), straight from the shadow database.
 e2e_master() {
-    sqlite3 "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
+    sqlite3 -cmd ".timeout 10000" "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
         "SELECT value FROM master WHERE key = '$1'"
 }
 
 # Shadow rows of the contacts table that are not yet confirmed by the server.
 e2e_unconfirmed() {
-    sqlite3 "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
+    sqlite3 -cmd ".timeout 10000" "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
         "SELECT COUNT(*) FROM contacts WHERE dirty != 4"
 }
