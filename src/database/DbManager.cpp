@@ -392,70 +392,46 @@ int DbManager::plmsvc_db_process(Bundle* request, Bundle* result) {
             result->addStr(RECORD0, FAILURE);
         return -1;
     }
+    // Each operation of the protocol: what its open failure and its failure say, and what runs it.
+    struct Operation {
+        const char* name;
+        const char* openFailure;
+        const char* failure;
+        int (*run)(sqlite3*, Bundle*, Bundle*);
+    };
+    static const Operation kOperations[] = {
+        {OP_INSERT, "DB Open fail", "insert err", doInsert},
+        {OP_SELECT, "open db fail", "select err", doSelect},
+        {OP_UPDATE, "DB Open fail", "update err", doUpdate},
+        {OP_DELETE, "db open err", "del fail", doDelete},
+        {OP_DROP, "db open err", "drop fail", doDrop},
+    };
     int rc = 0;
-    const char* failure = nullptr;
+    const char* failure = "create err";
     if (operation == OP_CREATE) {
         rc = createTables();
-        failure = "create err";
-    } else if (operation == OP_INSERT) {
-        if (openDb() != 0) {
-            LOGE("DB Open fail");
-            rc = -1;
-        } else {
-            try {
-                rc = doInsert(mDb.get(), request, result);
-            } catch (...) {
-                closeDb();
-                throw;
-            }
-            closeDb();
-        }
-        failure = "insert err";
-    } else if (operation == OP_SELECT) {
-        if (openDb() != 0) {
-            LOGE("open db fail");
-            rc = -1;
-        } else {
-            rc = doSelect(mDb.get(), request, result);
-            closeDb();
-        }
-        failure = "select err";
-    } else if (operation == OP_UPDATE) {
-        if (openDb() != 0) {
-            LOGE("DB Open fail");
-            rc = -1;
-        } else {
-            try {
-                rc = doUpdate(mDb.get(), request, result);
-            } catch (...) {
-                closeDb();
-                throw;
-            }
-            closeDb();
-        }
-        failure = "update err";
-    } else if (operation == OP_DELETE) {
-        if (openDb() != 0) {
-            LOGE("db open err");
-            rc = -1;
-        } else {
-            rc = doDelete(mDb.get(), request, result);
-            closeDb();
-        }
-        failure = "del fail";
-    } else if (operation == OP_DROP) {
-        if (openDb() != 0) {
-            LOGE("db open err");
-            rc = -1;
-        } else {
-            rc = doDrop(mDb.get(), request, result);
-            closeDb();
-            if (rc == 0)
-                createTables();
-        }
-        failure = "drop fail";
     } else {
-        return 0;  // not an operation of the protocol: nothing is executed
+        const Operation* op = nullptr;
+        for (const Operation& candidate : kOperations)
+            if (operation == candidate.name)
+                op = &candidate;
+        if (op == nullptr)
+            return 0;  // not an operation of the protocol: nothing is executed
+        failure = op->failure;
+        if (openDb() != 0) {
+            LOGE("%s", op->openFailure);
+            rc = -1;
+        } else {
+            // Closed on every way out: a non-numeric "COLUMN_COUNT" throws out of INSERT and
+            // UPDATE.
+            struct CloseOnExit {
+                DbManager* manager;
+                ~CloseOnExit() { manager->closeDb(); }
+            } closer{this};
+            rc = op->run(mDb.get(), request, result);
+        }
+        if (rc == 0 && op->run == doDrop)
+            createTables();  // a dropped table comes back empty at once
     }
     if (rc == 0)
         return 0;

@@ -313,13 +313,7 @@ std::string DataUploadHandler::getLastApplicationPlmId() {
 
 void DataUploadHandler::setLastApplicationPlmId(const std::string& plmId) {
     LOGD("plmId[%s]", plmId.c_str());
-    if (plmId.empty())
-        return;
-    if (prefString(plm::PREF_APP_SYNCED_PLM_ID).empty()) {
-        if (mIntentMgr != nullptr)
-            mIntentMgr->sendApplicationHasPlmId(plmId);
-    }
-    platform::preferences().setString(plm::PREF_APP_SYNCED_PLM_ID, plmId);
+    _storeDomainPlmId(plm::PREF_APP_SYNCED_PLM_ID, plmId, &IntentMgr::sendApplicationHasPlmId);
 }
 
 std::string DataUploadHandler::getLastContactPlmId() {
@@ -330,13 +324,7 @@ std::string DataUploadHandler::getLastContactPlmId() {
 
 void DataUploadHandler::setLastContactPlmId(const std::string& plmId) {
     LOGD("plmId[%s]", plmId.c_str());
-    if (plmId.empty())
-        return;
-    if (prefString(plm::PREF_CONTACT_SYNCED_PLM_ID).empty()) {
-        if (mIntentMgr != nullptr)
-            mIntentMgr->sendContactHasPlmId(plmId);
-    }
-    platform::preferences().setString(plm::PREF_CONTACT_SYNCED_PLM_ID, plmId);
+    _storeDomainPlmId(plm::PREF_CONTACT_SYNCED_PLM_ID, plmId, &IntentMgr::sendContactHasPlmId);
 }
 
 std::string DataUploadHandler::getLastMediaPlmId() {
@@ -347,9 +335,17 @@ std::string DataUploadHandler::getLastMediaPlmId() {
 
 void DataUploadHandler::setLastMediaPlmId(const std::string& plmId) {
     LOGD("plmId[%s]", plmId.c_str());
+    _storeDomainPlmId(plm::PREF_MEDIA_SYNCED_PLM_ID, plmId, nullptr);
+}
+
+void DataUploadHandler::_storeDomainPlmId(const char* key, const std::string& plmId,
+                                          void (IntentMgr::*notifyFirst)(const std::string&)) {
     if (plmId.empty())
         return;
-    platform::preferences().setString(plm::PREF_MEDIA_SYNCED_PLM_ID, plmId);
+    // The voice app hears of a domain's first PLM id only.
+    if (notifyFirst != nullptr && mIntentMgr != nullptr && prefString(key).empty())
+        (mIntentMgr->*notifyFirst)(plmId);
+    platform::preferences().setString(key, plmId);
 }
 
 bool DataUploadHandler::_createOrvaneHandle() {

@@ -118,6 +118,10 @@ class DataUploadHandler : public OrvaneCallbacks {
     void _setCurlHttpPostingHeader(curl_slist** header, bool zipping);
 
     // PDS session library handle.
+    // Stores a domain's PLM id (an empty id is ignored); notifyFirst, when given, tells the voice
+    // app when the domain had no id before.
+    void _storeDomainPlmId(const char* key, const std::string& plmId,
+                           void (IntentMgr::*notifyFirst)(const std::string&));
     bool _createOrvaneHandle();  // may throw as _getProxyAddress(host, port)
     void _clearOrvaneHandle();
     void _handleSyncPolicy(const std::string& policy);
