@@ -14,7 +14,7 @@ std::string peakResident() {
     std::string line;
     while (std::getline(status, line)) {
         if (line.rfind("VmHWM:", 0) == 0)
-            return line.substr(6);
+            return " " + line.substr(line.find_first_not_of(" \t", 6));
     }
     return " unknown";
 }

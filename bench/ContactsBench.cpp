@@ -18,8 +18,8 @@ bool insertDirtyRows(pelio::bench::BenchHome& home, int count) {
     std::string sql = "BEGIN;";
     for (int i = 1; i <= count; ++i) {
         const std::string id = std::to_string(i);
-        sql += "INSERT INTO contacts (_id, contact_id, dirty, version) VALUES ('" + id + "', " + id +
-               ", 1, 1);";
+        sql += "INSERT INTO contacts (_id, contact_id, dirty, version) VALUES ('" + id + "', " +
+               id + ", 1, 1);";
     }
     return home.exec(sql + "COMMIT;");
 }

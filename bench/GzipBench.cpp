@@ -13,20 +13,33 @@ namespace {
 
 constexpr int kLevel = 6;  // the uploader's level
 
+// Forty characters that differ from document to document, so that the bodies do not compress
+// better than real ones.
+std::string noteText(int i) {
+    static const char kHex[] = "0123456789abcdef";
+    unsigned state = 2166136261u ^ static_cast<unsigned>(i);
+    std::string out;
+    for (int k = 0; k < 40; ++k) {
+        state = state * 1103515245u + 12345u;
+        out += kHex[(state >> 16) & 15];
+    }
+    return out;
+}
+
 // One contact document of roughly 500 bytes, shaped like the composer's output.
 std::string contactDocument(int i) {
     const std::string n = std::to_string(i);
     return "{\"_id\":\"con_" + std::string(8 - std::min<size_t>(8, n.size()), '0') + n +
-           "\",\"doc_number\":" + n +
-           ",\"device_mode\":0,\"contact\":{\"display_name\":\"Person " + n +
-           "\",\"first_name\":\"First" + n + "\",\"last_name\":\"Last" + n +
+           "\",\"doc_number\":" + n + ",\"device_mode\":0,\"contact\":{\"display_name\":\"Person " +
+           n + "\",\"first_name\":\"First" + n + "\",\"last_name\":\"Last" + n +
            "\",\"middle_name\":\"\",\"nickname\":\"\",\"phonetic_name\":\"\",\"prefix\":\"\","
            "\"suffix\":\"\",\"starred\":false,\"times_contacted\":0,\"numbers\":[{\"label\":"
            "\"Mobile\",\"client_value\":\"" +
-           n + "\",\"type\":\"64\",\"is_default\":true}],\"emails\":[],\"addresses\":[],"
-               "\"events\":[]},\"timestamp\":\"2026-11-22 10:00:00\",\"updated_millis\":"
-               "1795000000000.0,\"padding\":\"" +
-           std::string(180, 'x') + "\"}";
+           n +
+           "\",\"type\":\"64\",\"is_default\":true}],\"emails\":[],\"addresses\":[],"
+           "\"events\":[]},\"timestamp\":\"2026-11-22 10:00:00\",\"updated_millis\":"
+           "1795000000000.0,\"note\":\"" +
+           noteText(i) + "\"}";
 }
 
 std::string bodyOf(size_t targetBytes) {
