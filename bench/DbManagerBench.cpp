@@ -61,7 +61,11 @@ void BM_DbMultiQueryInsert(benchmark::State& state) {
         state.SkipWithError("unexpected row count after the inserts");
     state.SetItemsProcessed(state.iterations() * rows);
 }
-BENCHMARK(BM_DbMultiQueryInsert)->Arg(1000)->Arg(5000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DbMultiQueryInsert)
+    ->Arg(1000)
+    ->Arg(5000)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 void BM_DbSelectPage1000x3(benchmark::State& state) {
     pelio::bench::BenchHome home;
@@ -94,6 +98,6 @@ void BM_DbSelectPage1000x3(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * kPage);
 }
-BENCHMARK(BM_DbSelectPage1000x3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DbSelectPage1000x3)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
