@@ -205,7 +205,7 @@ int doUpdate(sqlite3* db, Bundle* request, Bundle* result) {
         const std::string value = getValStr(request, name);
         if (i > 1)
             sql += " , ";
-        sql += name + " = " + value;
+        sql.append(name).append(" = ").append(value);
     }
     const std::string where = getValStr(request, WHERE);
     if (!where.empty())
