@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
@@ -21,6 +22,9 @@ constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_CLOSE_WRITE | IN_MODIFY | 
 ContactsFolderWatcher::ContactsFolderWatcher(std::string root, std::function<void()> onChanged,
                                              double debounceSeconds)
     : root_(std::move(root)), onChanged_(std::move(onChanged)), debounce_(debounceSeconds) {
+    // Like the main loop: without Ecore's system modules, which would reach for the system bus.
+    setenv("ECORE_NO_SYSTEM_MODULES", "1", 1);
+    ecore_app_no_system_modules();
     ecore_init();
 }
 

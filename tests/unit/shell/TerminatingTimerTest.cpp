@@ -2,9 +2,14 @@
 
 #include <string>
 
+#include <pelio/platform/Contacts.h>
+
 #include "TerminatingTimer.h"
+#include "database/DbManager.h"
+#include "doubles/FakeContactsService.h"
 #include "doubles/FakePlatformApp.h"
 #include "support/LogCapture.h"
+#include "support/TempHome.h"
 
 namespace pp = pelio::platform;
 using pelio::test::FakeServiceApp;
@@ -105,6 +110,10 @@ TEST_F(TerminatingTimerTest, RestartDeletesOldTimerAndCountsFromZeroAndSyncEndEx
 }
 
 TEST_F(TerminatingTimerTest, DefaultHooksFindNoSyncAndExitOnFirstTick) {
+    // The default terminate path obtains the sync manager (creating it) before destroying it:
+    // keep that in a throw-away home, with the contacts service replaced by its double.
+    pelio::test::TempHome home;
+    pelio::platform::installContactsService(std::make_unique<pelio::test::FakeContactsService>());
     TerminatingTimer::getInstance().setHooks(nullptr, nullptr);
     LogCapture log;
     startTerminatingTimer();
@@ -113,6 +122,8 @@ TEST_F(TerminatingTimerTest, DefaultHooksFindNoSyncAndExitOnFirstTick) {
     EXPECT_EQ(log.count("__app_terminating_timer_end_cb"), 1);
     deleteTerminatingTimer();
     EXPECT_TRUE(timers_->created[0]->deleted);
+    pelio::platform::installContactsService(nullptr);
+    DbManager::resetInstanceForTesting();
 }
 
 }  // namespace
