@@ -3,8 +3,25 @@
 // one thread (the sync worker) uses it at a time.
 #pragma once
 
+#include <memory>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
+
+// The local row a document was composed from, and the state it was in then. The server's answer
+// to that document is applied only while the row is still in that state, so a change collected
+// while the upload ran is never marked as synced or removed; it goes up with the next sync.
+struct SentRow {
+    using Columns = std::vector<std::pair<std::string, std::string>>;
+    std::string table;  // "contacts", "application", "audio", "audio_playlist"
+    Columns key;        // identifies the row, e.g. {"_id", "42"} or {"audio_id", "7"}, {"type", "3"}
+    Columns state;      // must still hold, e.g. {"dirty", "3"}, {"version", "17"}
+    bool deletion = false;  // composed as a deletion: a confirmation removes the row
+};
+
+// Document id -> the row it came from. Answers for ids that are not in the map are ignored.
+using SentRows = std::unordered_map<std::string, SentRow>;
 
 class SyncData {
   public:
@@ -18,4 +35,6 @@ class SyncData {
     int insertedCount = -1;
     int deletedCount = -1;
     int updatedCount = -1;
+    // Filled by the composer, one entry per composed document; shared with the results.
+    std::shared_ptr<SentRows> sentRows = std::make_shared<SentRows>();
 };
