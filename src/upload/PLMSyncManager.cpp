@@ -13,6 +13,7 @@
 #include "PLMConstants.h"
 #include "PelioLog.h"
 #include "SyncHandlers/ContactsSyncHandler.h"
+#include "SyncHandlers/MediaSyncHandler.h"
 #include "composer/JSONComposer.h"
 #include "database/DbManager.h"
 #include "intent/IntentMgr.h"
@@ -165,6 +166,8 @@ PLMSyncManager::~PLMSyncManager() {
     if (!mHooks.stopDomainWorkers && mContactsHandlerUsed.load()) {
         ContactsSyncHandler::deleteInstance();
     }
+    if (!mHooks.stopDomainWorkers && mMediaHandlerUsed.load())
+        MediaSyncHandler::deleteInstance();
     if (mMainObserver)
         mMainObserver->unregister_all_observers();
     mMainObserver.reset();
@@ -204,7 +207,11 @@ void PLMSyncManager::_requestDomainSync(int domain, int code) {
         mContactsHandlerUsed.store(true);
         ContactsSyncHandler::getInstance()->requestSync(code);
     }
-    // The application and media handlers are not part of this build.
+    if (domain == plm::SYNC_ITEM_MEDIA) {
+        mMediaHandlerUsed.store(true);
+        MediaSyncHandler::getInstance()->requestSync(code);
+    }
+    // The application handler is not part of this build.
 }
 
 void PLMSyncManager::stopHandlerThreads() {
@@ -214,6 +221,8 @@ void PLMSyncManager::stopHandlerThreads() {
     }
     if (mContactsHandlerUsed.load())
         ContactsSyncHandler::getInstance()->stopWorker();
+    if (mMediaHandlerUsed.load())
+        MediaSyncHandler::getInstance()->stopWorker();
 }
 
 DataUploadHandler* PLMSyncManager::_uploader() {

@@ -13,6 +13,7 @@ using pelio::platform::Bundle;
 namespace {
 
 constexpr const char* kConflictReason = "Document update conflict.";
+constexpr int kAudioTypeSong = 1;
 constexpr int kAudioTypeArtist = 4;
 constexpr int kAudioTypeAlbum = 3;
 
@@ -176,9 +177,10 @@ void SyncOutcomeProcessor::_applyElement(JsonNode* element, Marks& marks) {
     } else if (id.find("aud_") != std::string::npos) {
         if (conflict) {
             marks.mediaFailed = true;
-            updateLocalDbNewStatus("audio", decoded, rev);
+            updateLocalAudioTableNewStatus(decoded, rev, kAudioTypeSong);
         } else {
-            updateLocalDbStatus("audio", decoded, rev);
+            // Song documents carry the song's media id ("audio_id"), not the row's _id.
+            updateLocalAudioTableStatus(decoded, rev, kAudioTypeSong);
         }
     } else if (id.find("apl_") != std::string::npos) {
         if (conflict) {
