@@ -65,8 +65,8 @@ void ContactsFolderWatcher::watchTree(const std::string& dir) {
     namespace fs = std::filesystem;
     // Adding a watch to an already watched folder only refreshes it, so rewatching is harmless.
     if (inotify_add_watch(fd_, dir.c_str(), kMask) < 0) {
-        dlog_print(DLOG_WARN, "PelioPlatform", "%s: cannot watch %s: %s", what_.c_str(), dir.c_str(),
-                   std::strerror(errno));
+        dlog_print(DLOG_WARN, "PelioPlatform", "%s: cannot watch %s: %s", what_.c_str(),
+                   dir.c_str(), std::strerror(errno));
         return;
     }
     std::error_code ec;

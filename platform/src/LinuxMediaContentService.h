@@ -50,7 +50,7 @@ class LinuxMediaContentService : public MediaContentService {
     int rescan(int& changed);
     void onFolderChanged();
 
-    std::mutex mutex_;  // guards everything below
+    std::mutex mutex_;        // guards everything below
     std::mutex rescanMutex_;  // one rescan at a time
     std::string root_;
     std::string dbPath_;

@@ -199,8 +199,8 @@ bool MediaIndex::writePlaylist(const std::string& path, const FileStamp& stamp,
     for (const auto& entry : entries) {
         std::error_code ec;
         if (!std::filesystem::is_regular_file(entry, ec)) {
-            dlog_print(DLOG_WARN, kTag, "media: playlist %s names a missing file %s",
-                       path.c_str(), entry.c_str());
+            dlog_print(DLOG_WARN, kTag, "media: playlist %s names a missing file %s", path.c_str(),
+                       entry.c_str());
         }
         add.reset();
         add.bind(1, id).bind(2, position++).bind(3, entry).run();

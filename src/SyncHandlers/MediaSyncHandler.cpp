@@ -199,10 +199,11 @@ bool MediaSyncHandler::_collect(std::vector<std::unique_ptr<MediaInfo>>& queue) 
             LOGD("info->media_id is NULL, No need to insert");
             continue;
         }
-        LOGD("media id[%s] display name[%s] path[%s] mime[%s] added[%lld] album[%s] artist[%s] "
-             "genre[%s]",
-             s.mediaId.c_str(), s.displayName.c_str(), s.filePath.c_str(), s.mimeType.c_str(),
-             s.addedTime, s.album.c_str(), s.artist.c_str(), s.genre.c_str());
+        LOGD(
+            "media id[%s] display name[%s] path[%s] mime[%s] added[%lld] album[%s] artist[%s] "
+            "genre[%s]",
+            s.mediaId.c_str(), s.displayName.c_str(), s.filePath.c_str(), s.mimeType.c_str(),
+            s.addedTime, s.album.c_str(), s.artist.c_str(), s.genre.c_str());
         auto info = std::make_unique<MediaInfo>();
         info->type = kTypeSong;
         info->media_id = std::to_string(MediaJsonComposer::getHexToLongId(s.mediaId));
@@ -287,9 +288,10 @@ void MediaSyncHandler::_decide(std::vector<std::unique_ptr<MediaInfo>>& queue) {
             continue;
         }
         if (fresh->type == kTypeArtist) {
-            LOGD("update case for ARTIST: info_map->media_id.c_str()[%s] AND "
-                 "info->media_id.c_str()[%s]",
-                 stored->media_id.c_str(), fresh->media_id.c_str());
+            LOGD(
+                "update case for ARTIST: info_map->media_id.c_str()[%s] AND "
+                "info->media_id.c_str()[%s]",
+                stored->media_id.c_str(), fresh->media_id.c_str());
         } else {
             LOGD("update case: info_map->media_id.c_str()[%s] AND info->media_id.c_str()[%s]",
                  stored->media_id.c_str(), fresh->media_id.c_str());

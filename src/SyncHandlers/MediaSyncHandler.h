@@ -30,7 +30,7 @@
 
 // One platform item or stored row.
 struct MediaInfo {
-    std::string name;  // display name (song), playlist name
+    std::string name;      // display name (song), playlist name
     std::string media_id;  // decimal id: song / album / artist id or playlist id
     std::string artist_name;
     std::string album_name;

@@ -36,6 +36,15 @@ int number(const std::string& text) {
     return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
 }
 
+MediaComposeRecord rowRecord(int type, const std::string& id, const std::string& rev, int dirty) {
+    MediaComposeRecord r;
+    r.type = type;
+    r.id = id;
+    r.revision = rev;
+    r.dirty = dirty;
+    return r;
+}
+
 void setString(JsonObject* o, const char* key, const std::string& value) {
     json_object_set_string_member(o, key, value.c_str());
 }
@@ -62,11 +71,7 @@ unsigned long MediaJsonComposer::getHexToLongId(const std::string& mediaId) {
 
 MediaComposeRecord MediaJsonComposer::getSongInfoObject(const std::string& id,
                                                         const std::string& rev, int dirty) {
-    MediaComposeRecord r;
-    r.type = kTypeSong;
-    r.id = id;
-    r.revision = rev;
-    r.dirty = dirty;
+    MediaComposeRecord r = rowRecord(kTypeSong, id, rev, dirty);
     if (dirty == plm::DIRTY_DELETED)
         return r;
     char hex[32];
@@ -93,11 +98,7 @@ MediaComposeRecord MediaJsonComposer::getAlbumInfoObject(const std::string& id,
                                                          const std::string& rev, int dirty,
                                                          const std::string& album,
                                                          const std::string& artist) {
-    MediaComposeRecord r;
-    r.type = kTypeAlbum;
-    r.id = id;
-    r.revision = rev;
-    r.dirty = dirty;
+    MediaComposeRecord r = rowRecord(kTypeAlbum, id, rev, dirty);
     r.album = album;
     r.albumId = id;
     r.artist = artist;
@@ -107,11 +108,7 @@ MediaComposeRecord MediaJsonComposer::getAlbumInfoObject(const std::string& id,
 MediaComposeRecord MediaJsonComposer::getArtistInfoObject(const std::string& id,
                                                           const std::string& rev, int dirty,
                                                           const std::string& artist) {
-    MediaComposeRecord r;
-    r.type = kTypeArtist;
-    r.id = id;
-    r.revision = rev;
-    r.dirty = dirty;
+    MediaComposeRecord r = rowRecord(kTypeArtist, id, rev, dirty);
     r.artist = artist;
     return r;
 }
@@ -119,11 +116,7 @@ MediaComposeRecord MediaJsonComposer::getArtistInfoObject(const std::string& id,
 MediaComposeRecord MediaJsonComposer::getPlaylistInfoObject(const std::string& id,
                                                             const std::string& rev, int dirty,
                                                             const std::string& name, int count) {
-    MediaComposeRecord r;
-    r.type = kTypePlaylist;
-    r.id = id;
-    r.revision = rev;
-    r.dirty = dirty;
+    MediaComposeRecord r = rowRecord(kTypePlaylist, id, rev, dirty);
     r.displayName = name;
     r.songsCount = count;
     return r;
@@ -265,15 +258,15 @@ void MediaJsonComposer::_readPlaylistRows() {
                   "dirty", "name", "playlist_songs_count");
     LOGD("columns[%s]", projection);
     int count = 1;
-    const bool ok = KeysetReader::readAll(
-        "audio_playlist", projection, "dirty != 4", kSelectPageRows,
-        [this, &count](const Bundle& row) {
-            ++count;
-            LOGD("is playlist ");
-            mPlaylists.push_back(getPlaylistInfoObject(column(row, 1), column(row, 2),
-                                                       number(column(row, 3)), column(row, 4),
-                                                       number(column(row, 5))));
-        });
+    const bool ok =
+        KeysetReader::readAll("audio_playlist", projection, "dirty != 4", kSelectPageRows,
+                              [this, &count](const Bundle& row) {
+                                  ++count;
+                                  LOGD("is playlist ");
+                                  mPlaylists.push_back(getPlaylistInfoObject(
+                                      column(row, 1), column(row, 2), number(column(row, 3)),
+                                      column(row, 4), number(column(row, 5))));
+                              });
     if (!ok)
         LOGE("plmsvc_db_process FAIL");
     if (count == 1)

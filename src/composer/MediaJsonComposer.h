@@ -23,7 +23,7 @@
 
 // One row to compose, completed from the media content service for songs.
 struct MediaComposeRecord {
-    int type = 0;  // 1 song, 2 playlist, 3 album, 4 artist, 5 genre
+    int type = 0;    // 1 song, 2 playlist, 3 album, 4 artist, 5 genre
     std::string id;  // decimal audio_id / playlist_id
     std::string revision;
     int dirty = 0;
@@ -45,11 +45,10 @@ class MediaJsonComposer : public JSONComposer {
 
     // Row -> record; a song is completed from the media content service.
     MediaComposeRecord getSongInfoObject(const std::string& id, const std::string& rev, int dirty);
-    MediaComposeRecord getAlbumInfoObject(const std::string& id, const std::string& rev,
-                                          int dirty, const std::string& album,
-                                          const std::string& artist);
-    MediaComposeRecord getArtistInfoObject(const std::string& id, const std::string& rev,
-                                           int dirty, const std::string& artist);
+    MediaComposeRecord getAlbumInfoObject(const std::string& id, const std::string& rev, int dirty,
+                                          const std::string& album, const std::string& artist);
+    MediaComposeRecord getArtistInfoObject(const std::string& id, const std::string& rev, int dirty,
+                                           const std::string& artist);
     MediaComposeRecord getPlaylistInfoObject(const std::string& id, const std::string& rev,
                                              int dirty, const std::string& name, int count);
 

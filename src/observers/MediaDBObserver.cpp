@@ -47,10 +47,11 @@ void MediaDBObserver::media_db_changed_cb(int error, int pid, int update_item, i
                                           const char* mime_type, void* user_data) {
     (void)pid;
     LOGD("media_db_changed_cb");
-    LOGD("error[%d] update_item[%d] update_type[%d] media_type[%d] uuid[%s] path[%s] "
-         "mime_type[%s]",
-         error, update_item, update_type, media_type, uuid ? uuid : "", path ? path : "",
-         mime_type ? mime_type : "");
+    LOGD(
+        "error[%d] update_item[%d] update_type[%d] media_type[%d] uuid[%s] path[%s] "
+        "mime_type[%s]",
+        error, update_item, update_type, media_type, uuid ? uuid : "", path ? path : "",
+        mime_type ? mime_type : "");
     if (media_type != pp::MEDIA_CONTENT_TYPE_MUSIC)
         return;
     LOGD("Update Sync Mgr for Media change");

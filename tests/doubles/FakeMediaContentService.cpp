@@ -60,8 +60,7 @@ int FakeMediaContentService::getPlaylistList(std::vector<pp::MediaPlaylistRecord
     return listError;
 }
 
-int FakeMediaContentService::getMediaFromDb(const std::string& mediaId,
-                                            pp::MediaInfoRecord& out) {
+int FakeMediaContentService::getMediaFromDb(const std::string& mediaId, pp::MediaInfoRecord& out) {
     const long long id = std::strtoll(mediaId.c_str(), nullptr, 16);
     for (const auto& s : songs) {
         if (s.id == id) {

@@ -32,8 +32,7 @@ class FakeMediaContentService : public pelio::platform::MediaContentService {
     int getArtistList(const std::string& condition,
                       std::vector<pelio::platform::MediaArtistRecord>& out) override;
     int getPlaylistList(std::vector<pelio::platform::MediaPlaylistRecord>& out) override;
-    int getMediaFromDb(const std::string& mediaId,
-                       pelio::platform::MediaInfoRecord& out) override;
+    int getMediaFromDb(const std::string& mediaId, pelio::platform::MediaInfoRecord& out) override;
     int setDbUpdatedCallback(pelio::platform::MediaDbUpdatedCallback cb, void* data) override;
     int unsetDbUpdatedCallback() override;
 };

@@ -3,11 +3,11 @@
 #include <json-glib/json-glib.h>
 
 #include "SyncHandlers/MediaSyncHandler.h"
+#include "SyncTestSupport.h"
 #include "composer/JSONComposer.h"
 #include "composer/MediaJsonComposer.h"
 #include "doubles/FakeMediaContentService.h"
 #include "observers/MediaDBObserver.h"
-#include "SyncTestSupport.h"
 
 using namespace pelio::test;
 namespace pp = pelio::platform;
@@ -42,7 +42,8 @@ class MediaSyncTest : public SyncStoreTest {
             std::string row;
             for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
                 const auto* text = sqlite3_column_text(stmt, i);
-                row += (i ? "|" : "") + std::string(text ? reinterpret_cast<const char*>(text) : "");
+                row +=
+                    (i ? "|" : "") + std::string(text ? reinterpret_cast<const char*>(text) : "");
             }
             out.push_back(row);
         }
@@ -94,8 +95,7 @@ TEST_F(MediaSyncTest, CollectorInsertsUpdatesIgnoresAndDeletesPerType) {
     media_->albums = {{7, "First", "Anne", 5}};
     media_->playlists = {{3, "Mix", 1}};
     ASSERT_EQ(handler.syncData(98), 0);
-    EXPECT_EQ(audioRows(),
-              (std::vector<std::string>{"1|1|3", "1|2|2", "1|9|1", "3|7|3", "4|5|4"}));
+    EXPECT_EQ(audioRows(), (std::vector<std::string>{"1|1|3", "1|2|2", "1|9|1", "3|7|3", "4|5|4"}));
     EXPECT_EQ(query("SELECT dirty, rev_id FROM audio_playlist"),
               (std::vector<std::string>{"3|1-p"}));
 
@@ -171,10 +171,12 @@ TEST_F(MediaSyncTest, ComposerWritesOneDocumentPerRowInOneBody) {
 
 TEST_F(MediaSyncTest, AlbumArtistAndPlaylistDocumentsAndHexIds) {
     MediaJsonComposer composer;
-    exec("INSERT INTO audio(audio_id, type, dirty, album_name, artist_name, device_mode) "
-         "VALUES(7, 3, 1, 'First', 'Ann', 11), (5, 4, 1, NULL, 'Ann', 12)");
-    exec("INSERT INTO audio_playlist(playlist_id, dirty, name, playlist_songs_count, rev_id) "
-         "VALUES(3, 3, 'Mix', 2, '2-p')");
+    exec(
+        "INSERT INTO audio(audio_id, type, dirty, album_name, artist_name, device_mode) "
+        "VALUES(7, 3, 1, 'First', 'Ann', 11), (5, 4, 1, NULL, 'Ann', 12)");
+    exec(
+        "INSERT INTO audio_playlist(playlist_id, dirty, name, playlist_songs_count, rev_id) "
+        "VALUES(3, 3, 'Mix', 2, '2-p')");
     auto result = composer.makeUploadJSON();
     ASSERT_EQ(result->documents.size(), 1u);
     g_autoptr(JsonParser) parser = json_parser_new();
@@ -194,8 +196,7 @@ TEST_F(MediaSyncTest, AlbumArtistAndPlaylistDocumentsAndHexIds) {
     EXPECT_STREQ(json_object_get_string_member(listMeta, "displayname"), "Mix");
     EXPECT_EQ(json_object_get_int_member(listMeta, "songs_count"), 2);
     EXPECT_STREQ(json_object_get_string_member(listMeta, "uri"), "");
-    EXPECT_EQ(result->sentRows->at("apl_00000003").key,
-              (SentRow::Columns{{"playlist_id", "3"}}));
+    EXPECT_EQ(result->sentRows->at("apl_00000003").key, (SentRow::Columns{{"playlist_id", "3"}}));
 
     EXPECT_EQ(MediaJsonComposer::getHexToLongId("00000000-0000-0000-0000-00000000002a"), 42ul);
     EXPECT_EQ(MediaJsonComposer::getHexToLongId("{1F:0a}"), 0x1f0aul);

@@ -82,8 +82,8 @@ struct MediaArtistRecord {
 
 struct MediaPlaylistRecord {
     long long playlistId = 0;
-    std::string name;    // file name without extension
-    int songCount = 0;   // entries that name songs of the library
+    std::string name;   // file name without extension
+    int songCount = 0;  // entries that name songs of the library
 };
 
 using MediaDbUpdatedCallback = void (*)(int error, int pid, int updateItem, int updateType,
