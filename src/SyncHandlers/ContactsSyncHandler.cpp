@@ -213,23 +213,25 @@ bool ContactsSyncHandler::_isSyncRequiredByContactsDbVersion() {
 
 int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
     char projection[128];
-    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s ", kColId, kColContactId,
-                  kColDirty, kColVersion);
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s, %s ", kColId, kColContactId,
+                  kColDirty, kColVersion, "rowid");
 
     // One SELECT may move only a bounded number of columns, so the table is read in pages.
     int total = 0;
-    for (int offset = 0;; offset += kReadPageRows) {
+    // Keyset paging: each page starts after the last row of the one before.
+    std::string lastRowid = "0";
+    for (;;) {
+        const std::string pageStart = lastRowid;
         Bundle request;
         Bundle result;
         request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
         request.addStr(bundlekeys::URI_TABLE_NAME, kContactsTable);
         request.addStr(bundlekeys::PROJECTION, projection);
-        request.addStr(bundlekeys::WHERE, "1=1 ORDER BY rowid LIMIT " +
-                                              std::to_string(kReadPageRows) + " OFFSET " +
-                                              std::to_string(offset));
+        request.addStr(bundlekeys::WHERE, "rowid > " + lastRowid + " ORDER BY rowid LIMIT " +
+                                              std::to_string(kReadPageRows));
         if (db()->plmsvc_db_process(&request, &result) != 0 ||
             getValStr(&result, bundlekeys::RECORD0) != bundlekeys::SUCCESS) {
-            LOGE("reading the contacts table failed at offset %d", offset);
+            LOGE("reading the contacts table failed after row %s", lastRowid.c_str());
             return -1;
         }
         int rows = 0;
@@ -243,6 +245,8 @@ int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
                 LOGE("undecodable row %d", n);
                 continue;
             }
+            lastRowid =
+                std::to_string(std::strtoll(getValStr(&*row, columnKey(4)).c_str(), nullptr, 10));
             auto* info = new ContactSyncInfo;
             info->id = parseColumn(getValStr(&*row, columnKey(0)), -1);
             info->contactId = parseColumn(getValStr(&*row, columnKey(1)), -1);
@@ -251,7 +255,7 @@ int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
             put(map, info);  // a repeated _id keeps the latest row's values
         }
         total += rows;
-        if (rows < kReadPageRows)
+        if (lastRowid == pageStart || rows < kReadPageRows)
             break;
     }
     if (total == 0) {

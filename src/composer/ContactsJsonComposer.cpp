@@ -228,22 +228,25 @@ bool ContactsJsonComposer::getFirstNameFromContactId(const std::string& idText,
 
 bool ContactsJsonComposer::_readRows() {
     char projection[64];
-    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s", "_id", "rev_id", "dirty",
-                  "version");
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s, %s", "_id", "rev_id", "dirty",
+                  "version", "rowid");
     LOGD("columns are[%s]", projection);
 
     // Paged, so that one SELECT stays within the row-transfer bound whatever the table's size.
     int rowCount = 0;
     bool ok = true;
-    for (int offset = 0;; offset += kSelectPageRows) {
+    // Keyset paging: each page starts after the last row of the one before.
+    std::string lastRowid = "0";
+    for (;;) {
+        const std::string pageStart = lastRowid;
         Bundle request;
         Bundle result;
         request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
         request.addStr(bundlekeys::URI_TABLE_NAME, "contacts");
         request.addStr(bundlekeys::PROJECTION, projection);
-        request.addStr(bundlekeys::WHERE, "dirty != 4 ORDER BY rowid LIMIT " +
-                                              std::to_string(kSelectPageRows) + " OFFSET " +
-                                              std::to_string(offset));
+        request.addStr(bundlekeys::WHERE, "dirty != 4 AND rowid > " + lastRowid +
+                                              " ORDER BY rowid LIMIT " +
+                                              std::to_string(kSelectPageRows));
         const int ret = DbManager::getInstance()->plmsvc_db_process(&request, &result);
         if (ret != 0) {
             LOGE("dbMgr->plmsvc_db_process failed[%d]", ret);
@@ -259,6 +262,8 @@ bool ContactsJsonComposer::_readRows() {
             auto row = Bundle::decode(bytes);
             if (!row)
                 continue;
+            lastRowid =
+                std::to_string(std::strtoll(getValStr(&*row, columnKey(4)).c_str(), nullptr, 10));
             const std::string id = getValStr(&*row, columnKey(0));
             std::string revision = getValStr(&*row, columnKey(1));
             const std::string dirty = getValStr(&*row, columnKey(2));
@@ -275,7 +280,7 @@ bool ContactsJsonComposer::_readRows() {
             mRecords.push_back(std::move(record));
         }
         rowCount += pageRows;
-        if (pageRows < kSelectPageRows)
+        if (lastRowid == pageStart || pageRows < kSelectPageRows)
             break;
     }
     if (rowCount == 0)

@@ -56,7 +56,7 @@ class ContactsJsonComposer : public JSONComposer {
   public:
     static constexpr int kBatchSize = 1000;
     // Rows per SELECT: three columns each keep one SELECT within the row-transfer bound.
-    static constexpr int kSelectPageRows = 1000;
+    static constexpr int kSelectPageRows = 750;  // five columns a row
     static constexpr size_t kIdWidth = 12;
     static constexpr const char* kIdPrefix = "con_";
 

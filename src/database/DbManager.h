@@ -26,6 +26,10 @@
 // SQL text: INSERT has no bound; the text of SELECT, UPDATE and DELETE must stay below 4096 bytes,
 // a longer one fails ("query text too long") without reaching the engine.
 //
+// Connection: opened on first use and kept for the life of the manager, in write-ahead-log mode
+// with synchronous=NORMAL and a busy time-out (kBusyTimeoutMs), so other readers (pelioctl) never
+// block it; closeDb() closes it only when a transaction was left open.
+//
 // Threads: any thread. db_lock (plain mutex, not recursive) is held by every plmsvc_db_process
 // call and, in multi-query mode, from beginMultiQuery to endMultiQuery: do not call
 // plmsvc_db_process between those two on the same thread.
@@ -52,7 +56,8 @@ class DbManager {
   public:
     static DbManager* getInstance();
 
-    // The single query entry: lock, open, run, close, unlock. 0 on success, -1 on failure.
+    // The single query entry: lock, open (once; the connection is kept), run, unlock. 0 on
+    // success, -1 on failure.
     int plmsvc_db_process(pelio::platform::Bundle* request, pelio::platform::Bundle* result);
 
     int createTables();
@@ -113,5 +118,6 @@ class DbManager {
     Connection mDb;  // null while closed
     std::mutex db_lock;
     bool mInTransaction = false;
+    bool mInMultiQuery = false;  // between beginMultiQuery and endMultiQuery (under db_lock)
     bool mTransactionSuccessful = true;  // the first transaction after start commits regardless
 };

@@ -269,6 +269,24 @@ TEST_F(ContactsSyncHandlerTest, StoredVersionIsTheOneTheCollectionReadOrReset) {
     EXPECT_EQ(version, -1);
 }
 
+TEST_F(ContactsSyncHandlerTest, AFailedRowWriteFailsTheCollectionAndKeepsTheStoredVersion) {
+    addPerson("Ann");
+    ContactsSyncHandler handler(&host_);
+    ASSERT_EQ(handler.syncData(98), 0);  // uses up the store's first (always committed) transaction
+    ASSERT_EQ(handler.writeNewSyncContactsDbVersion(false), 0);
+    int stored = 0;
+    ASSERT_EQ(handler.readSyncContactsDbVersion(stored), 0);
+    exec("CREATE TRIGGER refuse BEFORE INSERT ON contacts BEGIN SELECT RAISE(ABORT, 'full'); END");
+    const int bob = addPerson("Bob");
+    EXPECT_EQ(handler.syncData(98), 1);
+    EXPECT_EQ(dirtyById().count(std::to_string(bob)), 0u);
+    // Nothing of the failed collection counts as collected.
+    EXPECT_EQ(handler.writeNewSyncContactsDbVersion(false), 0);
+    int version = 0;
+    ASSERT_EQ(handler.readSyncContactsDbVersion(version), 0);
+    EXPECT_EQ(version, stored);
+}
+
 TEST_F(ContactsSyncHandlerTest, ContactsServiceFailureEndsWithOne) {
     addPerson("Ann");
     contacts_->failNext(FakeContactsService::Op::GetChangesByVersion,
