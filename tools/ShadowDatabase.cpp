@@ -1,6 +1,7 @@
 #include "ShadowDatabase.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 namespace {
@@ -56,6 +57,18 @@ bool ShadowDatabase::open() {
     return true;
 }
 
+void ShadowDatabase::begin() {
+    failed_ = false;
+    if (db_ && sqlite3_exec(db_.get(), "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)
+        failed_ = true;
+}
+
+bool ShadowDatabase::end() {
+    if (db_)
+        sqlite3_exec(db_.get(), "COMMIT", nullptr, nullptr, nullptr);
+    return db_ && !failed_;
+}
+
 bool ShadowDatabase::countByDirty(const std::string& table, std::map<int, long>& counts) {
     counts.clear();
     if (!db_)
@@ -64,13 +77,16 @@ bool ShadowDatabase::countByDirty(const std::string& table, std::map<int, long>&
     Statement stmt = prepare(db_.get(), "SELECT dirty, COUNT(*) FROM " + table +
                                             " GROUP BY dirty ORDER BY dirty");
     if (!stmt)
-        return false;
-    while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
+        return noteMissingOrFailed();
+    int rc = SQLITE_ROW;
+    while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
         const int dirty = sqlite3_column_type(stmt.get(), 0) == SQLITE_NULL
                               ? -1
                               : sqlite3_column_int(stmt.get(), 0);
         counts[dirty] += sqlite3_column_int64(stmt.get(), 1);
     }
+    if (rc != SQLITE_DONE)
+        failed_ = true;
     return true;
 }
 
@@ -82,10 +98,22 @@ bool ShadowDatabase::masterRows(const std::string& likePattern, const std::strin
     Statement stmt =
         prepare(db_.get(), "SELECT key, value FROM master WHERE key LIKE ?1 OR key = ?2");
     if (!stmt)
-        return false;
+        return noteMissingOrFailed();
     sqlite3_bind_text(stmt.get(), 1, likePattern.c_str(), -1, SQLITE_TRANSIENT);
     sqlite3_bind_text(stmt.get(), 2, exactKey.c_str(), -1, SQLITE_TRANSIENT);
-    while (sqlite3_step(stmt.get()) == SQLITE_ROW)
+    int rc = SQLITE_ROW;
+    while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW)
         rows[text(stmt.get(), 0)] = text(stmt.get(), 1);
+    if (rc != SQLITE_DONE)
+        failed_ = true;
     return true;
+}
+
+bool ShadowDatabase::noteMissingOrFailed() {
+    // A missing table is a state of the database (the service has not made it yet); anything
+    // else (a lock, a damaged file) makes this reading unreliable.
+    const char* message = sqlite3_errmsg(db_.get());
+    if (std::strncmp(message, "no such table", 13) != 0)
+        failed_ = true;
+    return false;
 }

@@ -20,6 +20,12 @@ class ShadowDatabase {
     bool open();
     const std::string& error() const { return error_; }
 
+    // A read transaction, so that several reads see one state of the database. end() finishes
+    // it; it reports whether every read since begin() succeeded (none met a lock held longer
+    // than the busy time-out, or another failure).
+    void begin();
+    bool end();
+
     // Rows of table by dirty flag (NULL counts under -1). False when the table is missing.
     bool countByDirty(const std::string& table, std::map<int, long>& counts);
     // Master table rows whose key matches the SQL LIKE pattern or equals exactKey, sorted by key.
@@ -28,9 +34,12 @@ class ShadowDatabase {
                     std::map<std::string, std::string>& rows);
 
   private:
+    bool noteMissingOrFailed();  // after a failed prepare; returns false
+
     struct Close {
         void operator()(sqlite3* db) const { sqlite3_close(db); }
     };
     std::unique_ptr<sqlite3, Close> db_;
     std::string error_;
+    bool failed_ = false;
 };

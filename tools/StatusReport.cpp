@@ -60,14 +60,18 @@ struct JsonFree {
 
 }  // namespace
 
-void StatusReport::read(bool serviceRunning) {
+bool StatusReport::read(bool serviceRunning) {
     serviceRunning_ = serviceRunning;
     domains_.clear();
     std::map<std::string, std::string> master;
     ShadowDatabase db;
     databaseNote_.clear();
-    if (!db.open() || !db.masterRows("%_SYNC_STATUS_P", "", master))
-        databaseNote_ = db.error().empty() ? "no master table yet" : db.error();
+    const bool opened = db.open();
+    if (!opened)
+        databaseNote_ = db.error();
+    db.begin();
+    if (opened && !db.masterRows("%_SYNC_STATUS_P", "", master))
+        databaseNote_ = "no master table yet";
 
     const std::string prefsPath = pp::preferencesFilePath(kServiceId);
     std::unique_ptr<pp::Preferences> prefs =
@@ -89,7 +93,11 @@ void StatusReport::read(bool serviceRunning) {
         }
         domains_.push_back(domain);
     }
+    const bool consistent = db.end() || !opened;
+    if (!consistent)
+        databaseNote_ = "busy: the service held it longer than the wait; figures may be partial";
     readServer(prefs.get());
+    return consistent;
 }
 
 void StatusReport::readServer(pp::Preferences* prefs) {
@@ -116,10 +124,11 @@ void StatusReport::readServer(pp::Preferences* prefs) {
 
 bool StatusReport::allInStep() const {
     for (const DomainStatus& d : domains_) {
-        if (d.state(serviceRunning_) != DomainStatus::State::InStep)
+        const DomainStatus::State state = d.state(serviceRunning_);
+        if (state != DomainStatus::State::InStep && state != DomainStatus::State::NeverSynced)
             return false;
     }
-    return !domains_.empty();
+    return true;
 }
 
 std::string StatusReport::text() const {

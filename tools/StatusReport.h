@@ -17,11 +17,13 @@ class Preferences;
 
 class StatusReport {
   public:
-    // Reads everything again; serviceRunning comes from the caller (the bus).
-    void read(bool serviceRunning);
+    // Reads everything again; serviceRunning comes from the caller (the bus). False when the
+    // database could not be read in full (the figures are then partial).
+    bool read(bool serviceRunning);
 
     const std::vector<DomainStatus>& domains() const { return domains_; }
-    // True when every domain is in step.
+    // True when every domain the service has synced is in step (a domain it never synced does
+    // not count against it).
     bool allInStep() const;
 
     // The summary screen, and the same as one JSON object (for scripts).

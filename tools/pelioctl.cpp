@@ -13,6 +13,7 @@
 #include <pelio/platform/SessionBus.h>
 #include <pelio/platform/SystemSettings.h>
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -50,7 +51,8 @@ const std::vector<Command> kCommands = {
      "and --locale set the server, its CA certificate and the locale first (kept for later\n"
      "syncs). --wait prints a progress line per domain (rows the server confirmed of all rows)\n"
      "until the service has ended, then the status summary; Ctrl-C stops the waiting, not the\n"
-     "sync. With --wait the exit status is 1 when a domain is not in step at the end.\n"},
+     "sync. With --wait the exit status is 1 when, at the end, a domain's last sync failed or\n"
+     "changes are still waiting.\n"},
     {"launch", "launch [--app ID] KEY=VALUE ...",
      "Sends a launch request with these extras (default: to the service) and prints the reply's\n"
      "extras as KEY=VALUE, sorted, then result=CODE, or result=none without a reply.\n"},
@@ -369,20 +371,31 @@ BusPtr sessionBus() {
     return bus;
 }
 
-// Whether the service owns its bus name now (asking never starts it).
-bool serviceRunning(GDBusConnection* bus) {
+// The process id of the service's bus name owner; 0 when nobody owns it (asking never starts
+// the service).
+pid_t serviceProcess(GDBusConnection* bus) {
     if (!bus)
-        return false;
+        return 0;
     GVariant* reply = g_dbus_connection_call_sync(
         bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "NameHasOwner", g_variant_new("(s)", kServiceId), G_VARIANT_TYPE("(b)"),
+        "GetConnectionUnixProcessID", g_variant_new("(s)", kServiceId), G_VARIANT_TYPE("(u)"),
         G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, nullptr);
     if (!reply)
-        return false;
-    gboolean owned = FALSE;
-    g_variant_get(reply, "(b)", &owned);
+        return 0;
+    guint32 pid = 0;
+    g_variant_get(reply, "(u)", &pid);
     g_variant_unref(reply);
-    return owned;
+    return static_cast<pid_t>(pid);
+}
+
+bool serviceRunning(GDBusConnection* bus) {
+    return serviceProcess(bus) != 0;
+}
+
+// The service gives up its name as soon as it decides to end and then still applies the
+// server's answers: it has ended when its process is gone.
+bool processAlive(pid_t pid) {
+    return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM);
 }
 
 int cmdStatus(int argc, char** argv) {
@@ -413,8 +426,8 @@ void pauseFor(int ms) {
         ::poll(nullptr, 0, 100);
 }
 
-// Follows the sync until the service has ended: one progress line per domain whenever a figure
-// changed, or every kQuietSeconds while nothing does. Then the status summary.
+// Follows the sync until the service has ended: a domain's progress line whenever it changed,
+// all of them again after 10 s without a change. Then the status summary.
 int waitForSync(GDBusConnection* bus) {
     constexpr int kPollMs = 500;
     constexpr int kQuietPolls = 20;  // 10 s
@@ -425,23 +438,26 @@ int waitForSync(GDBusConnection* bus) {
     sigaction(SIGTERM, &action, nullptr);
 
     StatusReport report;
-    std::string last;
+    std::map<std::string, std::string> shown;  // the last line printed per domain
     int quiet = 0;
     bool running = true;
+    pid_t pid = serviceProcess(bus);
     while (running && !g_stopWaiting) {
-        running = serviceRunning(bus);
-        report.read(running);
-        std::string block;
+        const pid_t owner = serviceProcess(bus);
+        pid = owner != 0 ? owner : pid;
+        running = owner != 0 || processAlive(pid);
+        const bool complete = report.read(running);
+        const bool remind = ++quiet >= kQuietPolls;
         for (const DomainStatus& d : report.domains()) {
-            block += d.progressLine() + ", " +
-                     DomainStatus::stateWords(d.state(running)) + "\n";
+            const std::string line =
+                d.progressLine() + ", " + DomainStatus::stateWords(d.state(running));
+            if (complete && (remind || shown[d.name()] != line)) {
+                std::printf("%s\n", line.c_str());
+                shown[d.name()] = line;
+                quiet = 0;
+            }
         }
-        if (block != last || ++quiet >= kQuietPolls) {
-            std::fputs(block.c_str(), stdout);
-            std::fflush(stdout);
-            last = block;
-            quiet = 0;
-        }
+        std::fflush(stdout);
         if (running)
             pauseFor(kPollMs);
     }

@@ -23,7 +23,7 @@ void runQueued(void* data) {
 }
 
 // EFL's own log lines (Eina, Ecore, Eldbus) as lines of this process's log, one line each, with
-// no backtrace dump: warnings and worse by default, EINA_LOG_LEVEL when the user set it.
+// no backtrace dump: errors and worse by default, EINA_LOG_LEVEL when the user set it.
 void efLogToOurLog(const Eina_Log_Domain* domain, Eina_Log_Level level, const char* file,
                    const char* fnc, int line, const char* fmt, void* data, va_list args) {
     (void)data;
@@ -41,7 +41,7 @@ void quietLibraryLogs() {
     setenv("EINA_LOG_BACKTRACE", "-1", 1);
     const char* userLevel = std::getenv("EINA_LOG_LEVEL");
     if (userLevel == nullptr || userLevel[0] == '\0')
-        setenv("EINA_LOG_LEVEL", "2", 1);  // EINA_LOG_LEVEL_WARN, read by eina_init
+        setenv("EINA_LOG_LEVEL", "1", 1);  // EINA_LOG_LEVEL_ERR, read by eina_init
 }
 
 }  // namespace
