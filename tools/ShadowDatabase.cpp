@@ -74,8 +74,8 @@ bool ShadowDatabase::countByDirty(const std::string& table, std::map<int, long>&
     if (!db_)
         return false;
     // table is one of pelioctl's own constants, never user input.
-    Statement stmt = prepare(db_.get(), "SELECT dirty, COUNT(*) FROM " + table +
-                                            " GROUP BY dirty ORDER BY dirty");
+    Statement stmt = prepare(
+        db_.get(), "SELECT dirty, COUNT(*) FROM " + table + " GROUP BY dirty ORDER BY dirty");
     if (!stmt)
         return noteMissingOrFailed();
     int rc = SQLITE_ROW;

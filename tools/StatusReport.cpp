@@ -7,13 +7,12 @@
 #include <map>
 #include <memory>
 
+#include "ServicePreferences.h"
 #include "ShadowDatabase.h"
 
 namespace pp = pelio::platform;
 
 namespace {
-
-constexpr const char* kServiceId = "com.quorvin.plmsvc";
 
 // One domain: its name, its shadow tables, its status key and its PLM id preference.
 struct DomainSource {
@@ -73,9 +72,7 @@ bool StatusReport::read(bool serviceRunning) {
     if (opened && !db.masterRows("%_SYNC_STATUS_P", "", master))
         databaseNote_ = "no master table yet";
 
-    const std::string prefsPath = pp::preferencesFilePath(kServiceId);
-    std::unique_ptr<pp::Preferences> prefs =
-        prefsPath.empty() ? nullptr : pp::openPreferencesFile(prefsPath, true);
+    std::unique_ptr<pp::Preferences> prefs = openServicePreferences();
     for (const DomainSource& source : domainSources()) {
         DomainStatus domain(source.name);
         const auto status = master.find(source.statusKey);
@@ -119,7 +116,8 @@ void StatusReport::readServer(pp::Preferences* prefs) {
     if (port_ <= 1)
         port_ = kDefaultPort;
     std::error_code ec;
-    certificateExists_ = !certificate_.empty() && std::filesystem::is_regular_file(certificate_, ec);
+    certificateExists_ =
+        !certificate_.empty() && std::filesystem::is_regular_file(certificate_, ec);
 }
 
 bool StatusReport::allInStep() const {
@@ -132,8 +130,8 @@ bool StatusReport::allInStep() const {
 }
 
 std::string StatusReport::text() const {
-    std::string out = std::string("service:      ") +
-                      (serviceRunning_ ? "running" : "not running") + "\n";
+    std::string out =
+        std::string("service:      ") + (serviceRunning_ ? "running" : "not running") + "\n";
     out += "server:       " + host_ + ":" + std::to_string(port_) +
            (hostIsDefault_ ? " (default for locale " + locale_ + ")" : "") + "\n";
     if (certificate_.empty())

@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "ServicePreferences.h"
 #include "ShadowDatabase.h"
 #include "StatusReport.h"
 
@@ -76,25 +77,38 @@ const Command* findCommand(const std::string& name) {
     return nullptr;
 }
 
-void printUsage(FILE* out) {
-    std::fputs("Usage: pelioctl COMMAND [ARGUMENTS]\n"
-               "Steers and inspects the Pelio service on the session bus and in its data folders.\n"
-               "\nCommands:\n",
-               out);
-    for (const Command& c : kCommands)
+// The command list; detailed (for --help and the manual page) explains each command under it.
+void printUsage(FILE* out, bool detailed) {
+    std::fputs(
+        "Usage: pelioctl COMMAND [ARGUMENTS]\n"
+        "Steers and inspects the Pelio service on the session bus and in its data folders.\n"
+        "\nCommands:\n",
+        out);
+    for (const Command& c : kCommands) {
         std::fprintf(out, "  pelioctl %s\n", c.synopsis);
-    std::fputs("\nOptions:\n"
-               "  -h, --help     show this help and exit\n"
-               "      --version  show the version and exit\n"
-               "\n`pelioctl help COMMAND` explains one command. Exit status: 0 done, 1 failed,\n"
-               "2 bad usage, 130 stopped waiting (Ctrl-C). Commands that talk to the service need\n"
-               "a session bus; setting, prefs, db and help work without one.\n",
-               out);
+        if (!detailed)
+            continue;
+        const std::string help = c.help;
+        for (size_t at = 0, end; at < help.size(); at = end + 1) {
+            end = help.find('\n', at);
+            if (end == std::string::npos)
+                end = help.size();
+            std::fprintf(out, "      %s\n", help.substr(at, end - at).c_str());
+        }
+    }
+    std::fputs(
+        "\nOptions:\n"
+        "  -h, --help     show this help and exit\n"
+        "      --version  show the version and exit\n"
+        "\n`pelioctl help COMMAND` explains one command. Exit status: 0 done, 1 failed,\n"
+        "2 bad usage, 130 stopped waiting (Ctrl-C). Commands that talk to the service need\n"
+        "a session bus; setting, prefs, db and help work without one.\n",
+        out);
 }
 
 // A usage error: the usage to standard error, exit status 2.
 int usage() {
-    printUsage(stderr);
+    printUsage(stderr, false);
     return 2;
 }
 
@@ -106,7 +120,7 @@ int usageOf(const char* name) {
 
 int cmdHelp(int argc, char** argv) {
     if (argc == 0) {
-        printUsage(stdout);
+        printUsage(stdout, true);
         return 0;
     }
     const Command* c = argc == 1 ? findCommand(argv[0]) : nullptr;
@@ -300,16 +314,6 @@ int cmdSetting(int argc, char** argv) {
         return 0;
     }
     return usageOf("setting");
-}
-
-std::unique_ptr<pp::Preferences> openServicePreferences() {
-    // The service's store, read through the platform's preferences module (read-only: never
-    // created or changed here). Null when it does not exist yet.
-    const std::string path = pp::preferencesFilePath(kServiceId);
-    std::error_code ec;
-    if (path.empty() || !std::filesystem::exists(path, ec))
-        return nullptr;
-    return pp::openPreferencesFile(path, true);
 }
 
 int cmdPrefs() {
@@ -545,7 +549,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (cmd == "--help" || cmd == "-h") {
-        printUsage(stdout);
+        printUsage(stdout, true);
         return 0;
     }
     const Command* command = findCommand(cmd);

@@ -33,8 +33,8 @@ void efLogToOurLog(const Eina_Log_Domain* domain, Eina_Log_Level level, const ch
                          : level == EINA_LOG_LEVEL_WARN ? DLOG_WARN
                          : level == EINA_LOG_LEVEL_INFO ? DLOG_INFO
                                                         : DLOG_DEBUG;
-    dlog_print(priority, "PelioPlatform", "%s: %s(%d) > %s: %s", file ? file : "?",
-               fnc ? fnc : "?", line, domain && domain->name ? domain->name : "efl", text);
+    dlog_print(priority, "PelioPlatform", "%s: %s(%d) > %s: %s", file ? file : "?", fnc ? fnc : "?",
+               line, domain && domain->name ? domain->name : "efl", text);
 }
 
 void quietLibraryLogs() {

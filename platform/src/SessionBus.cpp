@@ -42,12 +42,11 @@ std::string sessionBusProblem() {
     if (address.empty())
         return std::string("no session bus: DBUS_SESSION_BUS_ADDRESS is not set; ") + kHowToGetOne;
     GError* raw = nullptr;
-    std::unique_ptr<GDBusConnection, ObjectUnref> connection(
-        g_dbus_connection_new_for_address_sync(
-            address.c_str(),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, &raw));
+    std::unique_ptr<GDBusConnection, ObjectUnref> connection(g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &raw));
     std::unique_ptr<GError, ErrorFree> error(raw);
     if (connection) {
         g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
