@@ -92,17 +92,12 @@ int ContactsSyncHandler::readSyncContactsDbVersion(int& version) {
 int ContactsSyncHandler::writeNewSyncContactsDbVersion(bool reset) {
     int version = -1;
     if (!reset) {
-        auto& contacts = pp::contactsService();
-        const int connected = contacts.connectOnThread();
-        if (connected != pp::CONTACTS_ERROR_NONE) {
-            LOGE("contacts_connect_on_thread is failed");
-            return connected;
-        }
-        const int ret = contacts.getCurrentVersion(version);
-        contacts.disconnectOnThread();
-        if (ret != pp::CONTACTS_ERROR_NONE) {
-            LOGE("contacts_db_get_current_version is failed!!");
-            return ret;
+        // The version the last committed collection read, not the one current now: a change made
+        // while its documents were uploading is after it, so the next collection still sees it.
+        version = mCollectedVersion.load();
+        if (version < 0) {
+            LOGD("no collection since start, stored version kept");
+            return 0;
         }
     }
     LOGD("writeNewSyncContactsDbVersion [%d]", version);
@@ -119,6 +114,9 @@ int ContactsSyncHandler::syncData(int syncType) {
         pp::PREFERENCE_ERROR_NONE) {
         isForce = true;  // never set: behave as a first run
     }
+    // A forced request empties the table below, so it always collects from the start of the
+    // change log; a stored version would leave only the latest changes in the table.
+    isForce = isForce || syncType == plm::SYNC_TYPE_FORCE;
     if (isForce) {
         pp::preferences().remove(plm::PREF_CONTACTS_DB_VERSION);
     } else if (!_isSyncRequired()) {
@@ -338,6 +336,11 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
             const int personId = contact.personId;
             ContactSyncInfo* info = lookup(map, personId);
             if (info == nullptr) {
+                if (change.type == pp::CONTACTS_CHANGE_DELETED) {
+                    // Never uploaded (or already removed from the server): nothing to delete.
+                    LOGD("removed person[%d] was never synced, nothing to send", personId);
+                    continue;
+                }
                 info = new ContactSyncInfo;
                 info->id = personId;
                 info->contactId = personId;
@@ -350,12 +353,10 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
                 info->version = current;
                 ++deletedCnt;
             } else if (info->version == current) {
-                // A second change inside one version counts as a removal; a repeated insert is
-                // ignored.
-                if (change.type != pp::CONTACTS_CHANGE_INSERTED) {
-                    info->dirty = plm::DIRTY_DELETED;
-                    ++deletedCnt;
-                }
+                // Seen again at the version it was collected at (a replay or a retry): the entry
+                // keeps its pending flag.
+                LOGD("person[%d] already collected at version[%d], dirty[%d] kept", personId,
+                     current, info->dirty);
             } else {
                 info->dirty = plm::DIRTY_UPDATED;
                 info->version = current;
@@ -364,6 +365,8 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
                 ++updatedCnt;
             }
         }
+        if (result == 0)
+            mReadVersion = current;
     }
 
     contacts.disconnectOnThread();
@@ -376,6 +379,7 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
     LOGD("write new data - begin");
     DbManager* dbm = db();
     dbm->beginMultiQuery();
+    int failedWrites = 0;
 
     GHashTableIter iter;
     gpointer key = nullptr;
@@ -423,11 +427,21 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
         }
         if (ret != 0) {
             LOGE("error in querying '%s'", idText.c_str());
+            ++failedWrites;
         }
     }
 
-    dbm->setDbTransactionSuccessful();
-    dbm->endMultiQuery();
+    if (failedWrites == 0)
+        dbm->setDbTransactionSuccessful();
+    const int committed = dbm->endMultiQuery();
     LOGD("write new data - end");
+    if (failedWrites != 0 || committed != 0) {
+        // Nothing of this collection is kept: the stored version stays, so the next collection
+        // reads the same changes again.
+        LOGE("collection not stored: [%d] failed writes, commit result [%d]", failedWrites,
+             committed);
+        return 1;
+    }
+    mCollectedVersion.store(mReadVersion);
     return 0;
 }

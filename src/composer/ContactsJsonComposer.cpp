@@ -228,7 +228,8 @@ bool ContactsJsonComposer::getFirstNameFromContactId(const std::string& idText,
 
 bool ContactsJsonComposer::_readRows() {
     char projection[64];
-    std::snprintf(projection, sizeof(projection), " %s, %s, %s", "_id", "rev_id", "dirty");
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s", "_id", "rev_id", "dirty",
+                  "version");
     LOGD("columns are[%s]", projection);
 
     // Paged, so that one SELECT stays within the row-transfer bound whatever the table's size.
@@ -269,6 +270,8 @@ bool ContactsJsonComposer::_readRows() {
             record.dirty = static_cast<int>(std::strtol(dirty.c_str(), nullptr, 10));
             record.revision = revision;
             record.contactId = static_cast<int>(std::strtol(id.c_str(), nullptr, 10));
+            record.rowId = id;
+            record.version = getValStr(&*row, columnKey(3));
             mRecords.push_back(std::move(record));
         }
         rowCount += pageRows;
@@ -378,18 +381,35 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
 
     for (auto& record : mRecords) {
         if (record.dirty != plm::DIRTY_DELETED) {
-            getFirstNameFromContactId(std::to_string(record.contactId), record);
+            record.readable = getFirstNameFromContactId(std::to_string(record.contactId), record);
         }
     }
 
     LOGD("list size is : [%d]", static_cast<int>(mRecords.size()));
     int inserted = 0, deleted = 0, updated = 0;
+    auto sent = std::make_shared<SentRows>();
+    bool complete = true;
     for (const auto& record : mRecords) {
         const std::string idText = std::to_string(record.contactId);
+        if (!record.readable) {
+            // Never an empty document: the row stays dirty and the next collection sees what
+            // became of the person.
+            LOGE("person[%s] not readable, not sent", idText.c_str());
+            complete = false;
+            continue;
+        }
+        const std::string documentId =
+            BaseSyncHandler::formatFixedWidthId(kIdPrefix, idText, kIdWidth);
+        SentRow& sentRow = (*sent)[documentId];
+        sentRow.table = "contacts";
+        sentRow.key = {{"_id", record.rowId}};
+        sentRow.state = {{"dirty", std::to_string(record.dirty)}};
+        if (record.version != "NULL" && !record.version.empty())
+            sentRow.state.emplace_back("version", record.version);
+        sentRow.deletion = record.dirty == plm::DIRTY_DELETED;
         ++mItemCounter;
         if (record.dirty == plm::DIRTY_DELETED) {
-            _appendDocument(makeDeletedDocument(
-                BaseSyncHandler::formatFixedWidthId(kIdPrefix, idText, kIdWidth), record.revision));
+            _appendDocument(makeDeletedDocument(documentId, record.revision));
             ++deleted;
             continue;
         }
@@ -413,7 +433,9 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
         if (mItemCounter != 0)
             _flushBatch();
         result->documents = mBodies;
+        result->sentRows = std::move(sent);
     }
+    result->complete = complete;
 
     LOGD("mItemCounter is : [%d]", mItemCounter);
     mRecords.clear();

@@ -31,6 +31,9 @@ struct ContactValueEntry {
 // One selected row and what the contacts service knows about it.
 struct ContactComposeRecord {
     int contactId = 0;
+    std::string rowId;     // "_id" as stored
+    std::string version;   // "version" as stored ("NULL" when none)
+    bool readable = true;  // false when the contacts service could not give the person
     std::string displayName;
     std::string firstName;
     std::string lastName;

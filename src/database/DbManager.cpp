@@ -496,12 +496,39 @@ void DbManager::setDbTransactionSuccessful() {
         mTransactionSuccessful = true;
 }
 
-void DbManager::endMultiQuery() {
-    if (mInTransaction)
-        endDbTransaction();
+int DbManager::endMultiQuery() {
+    int rc = mDb ? 0 : -1;  // no connection: nothing was written
+    if (mInTransaction && endDbTransaction() != 0)
+        rc = -1;
     if (mDb)
         closeDb();
     unlock();
+    return rc;
+}
+
+bool DbManager::runInTransaction(const std::function<bool(sqlite3*)>& work) {
+    std::lock_guard<std::mutex> guard(db_lock);
+    if (openDb() != 0)
+        return false;
+    bool ok = false;
+    char* raw = nullptr;
+    if (sqlite3_exec(mDb.get(), "BEGIN IMMEDIATE", nullptr, nullptr, &raw) != SQLITE_OK) {
+        Errmsg msg(raw);
+        LOGE("Failed to begin [%s]", msg ? msg.get() : "");
+    } else {
+        const bool done = work(mDb.get());
+        raw = nullptr;
+        const int rc =
+            sqlite3_exec(mDb.get(), done ? "COMMIT" : "ROLLBACK", nullptr, nullptr, &raw);
+        Errmsg msg(raw);
+        if (rc != SQLITE_OK) {
+            LOGE("Failed to end the transaction [%s]", msg ? msg.get() : sqlite3_errstr(rc));
+            sqlite3_exec(mDb.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        }
+        ok = done && rc == SQLITE_OK;
+    }
+    closeDb();
+    return ok;
 }
 
 int DbManager::beginDbTransaction() {
@@ -548,6 +575,9 @@ int DbManager::openDb() {
         LOGE("Failed to open[%d]", rc);
         return -1;
     }
+    // Another connection (a reader such as pelioctl, or a second process during a restart) may
+    // hold the file for a moment: wait for it instead of failing the write.
+    sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
     mDb = std::move(db);
     LOGD("DB Open Success");
     return 0;

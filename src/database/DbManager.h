@@ -43,6 +43,7 @@
 #include <sqlite3.h>
 
 #include <pelio/platform/Bundle.h>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -62,7 +63,18 @@ class DbManager {
     int updateDb(pelio::platform::Bundle* request, pelio::platform::Bundle* result);
     int deleteDb(pelio::platform::Bundle* request, pelio::platform::Bundle* result);
     void setDbTransactionSuccessful();
-    void endMultiQuery();
+    // Commits when marked successful (or for the first transaction after start), else rolls back.
+    // 0 when the transaction ended as intended, -1 when the commit or rollback failed or no
+    // connection was open.
+    int endMultiQuery();
+
+    // Runs work on the open connection inside one BEGIN IMMEDIATE transaction, under db_lock:
+    // committed when work returns true, rolled back otherwise. True when work succeeded and the
+    // commit did. For writers that bind their values (answers from the server).
+    bool runInTransaction(const std::function<bool(sqlite3*)>& work);
+
+    // How long a statement waits for another connection's lock before it fails.
+    static constexpr int kBusyTimeoutMs = 5000;
 
     int beginDbTransaction();
     int endDbTransaction();
