@@ -41,40 +41,34 @@ DomainStatus::State DomainStatus::state(bool serviceRunning) const {
     return State::Unknown;
 }
 
+namespace {
+
+// Per state: the word for scripts and the words for people, in the order of State.
+struct StateNames {
+    const char* key;
+    const char* words;
+};
+constexpr StateNames kStateNames[] = {
+    {"never_synced", "never synced"},
+    {"sync_running", "sync running"},
+    {"changes_waiting", "changes waiting"},
+    {"last_sync_failed", "last sync failed"},
+    {"in_step", "in step"},
+    {"unknown", "unknown state"},
+};
+
+const StateNames& namesOf(DomainStatus::State state) {
+    return kStateNames[static_cast<int>(state)];
+}
+
+}  // namespace
+
 const char* DomainStatus::stateKey(State state) {
-    switch (state) {
-        case State::NeverSynced:
-            return "never_synced";
-        case State::Running:
-            return "sync_running";
-        case State::Waiting:
-            return "changes_waiting";
-        case State::Failed:
-            return "last_sync_failed";
-        case State::InStep:
-            return "in_step";
-        case State::Unknown:
-            break;
-    }
-    return "unknown";
+    return namesOf(state).key;
 }
 
 const char* DomainStatus::stateWords(State state) {
-    switch (state) {
-        case State::NeverSynced:
-            return "never synced";
-        case State::Running:
-            return "sync running";
-        case State::Waiting:
-            return "changes waiting";
-        case State::Failed:
-            return "last sync failed";
-        case State::InStep:
-            return "in step";
-        case State::Unknown:
-            break;
-    }
-    return "unknown state";
+    return namesOf(state).words;
 }
 
 std::string DomainStatus::waitingWords() const {

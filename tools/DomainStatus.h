@@ -9,7 +9,8 @@
 
 class DomainStatus {
   public:
-    // The state in one word for scripts and in words for people.
+    // The state in one word for scripts and in words for people (names in DomainStatus.cpp, in
+    // this order).
     enum class State { NeverSynced, Running, Waiting, Failed, InStep, Unknown };
 
     // name: "contacts", "applications" or "media".
