@@ -198,8 +198,12 @@ void BaseSyncHandler::handleSyncRequest() {
             }
         } else if (ret == 2) {
             LOGD("Nothing to be done for the domain[%d]", mDomainId);
+            if (mSyncManager != nullptr)
+                mSyncManager->collectionFoundNothing(mDomainId);
         } else {
             LOGE("Sync failed for domain[%d]", mDomainId);
+            if (mSyncManager != nullptr)
+                mSyncManager->collectionFailed(mDomainId);
         }
     }
 }
