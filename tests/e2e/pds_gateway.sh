@@ -5,21 +5,7 @@
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../support/stack.sh"
-
-failures=0
-check() {  # DESCRIPTION EXPECTED ACTUAL
-    if [ "$2" == "$3" ]; then
-        echo "ok   - $1"
-    else
-        echo "FAIL - $1: expected [$2], got [$3]"
-        failures=$((failures + 1))
-    fi
-}
-# Evaluates a JavaScript expression over the JSON on stdin (bound to j); strings print bare.
-js() {
-    node -e 'let s="";process.stdin.on("data",d=>s+=d).on("end",()=>{let j;try{j=JSON.parse(s)}catch(e){console.log("NOT-JSON");return}
-const r=new Function("j","return ("+process.argv[1]+")")(j);console.log(typeof r==="string"?r:JSON.stringify(r))})' "$1"
-}
+. "$here/../support/checks.sh"
 
 SECRET=e2e-shared-secret
 stack_start --secret "$SECRET" --force-limit 3 --force-window 600 --max-body 1048576 || exit 1
