@@ -8,6 +8,7 @@
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
+#include "composer/AppJsonComposer.h"
 #include "composer/ContactsJsonComposer.h"
 
 std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item) {
@@ -24,6 +25,8 @@ std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item) {
             }
             break;
         }
+        case plm::SYNC_ITEM_APPLICATION:
+            return std::make_unique<AppJsonComposer>()->makeUploadJSON();
         default:
             // Applications and media have no composer in this build; other items never have one.
             break;

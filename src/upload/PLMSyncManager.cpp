@@ -12,11 +12,13 @@
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
+#include "SyncHandlers/AppSyncHandler.h"
 #include "SyncHandlers/ContactsSyncHandler.h"
 #include "composer/JSONComposer.h"
 #include "database/DbManager.h"
 #include "intent/IntentMgr.h"
 #include "network/NetworkMgr.h"
+#include "observers/CellularObserver.h"
 #include "observers/MainObserver.h"
 #include "pref/PrefMgr.h"
 #include "upload/DataUploadHandler.h"
@@ -127,6 +129,7 @@ PLMSyncManager::PLMSyncManager() {
     LOGD("DbManager::getInstance created successfully from PLMSyncManager");
     mMainObserver = std::make_unique<MainObserver>();
     mMainObserver->register_all_observers();
+    CellularObserver::register_cellular_observer();
     mNetworkMgr = std::make_unique<NetworkMgr>();
     mNetworkMgr->init();
     mIntentMgr = std::make_unique<IntentMgr>();
@@ -165,6 +168,10 @@ PLMSyncManager::~PLMSyncManager() {
     if (!mHooks.stopDomainWorkers && mContactsHandlerUsed.load()) {
         ContactsSyncHandler::deleteInstance();
     }
+    if (!mHooks.stopDomainWorkers && mAppHandlerUsed.load()) {
+        AppSyncHandler::deleteInstance();
+    }
+    CellularObserver::unregister_cellular_observer();
     if (mMainObserver)
         mMainObserver->unregister_all_observers();
     mMainObserver.reset();
@@ -203,8 +210,10 @@ void PLMSyncManager::_requestDomainSync(int domain, int code) {
     if (domain == plm::SYNC_ITEM_CONTACTS) {
         mContactsHandlerUsed.store(true);
         ContactsSyncHandler::getInstance()->requestSync(code);
+    } else if (domain == plm::SYNC_ITEM_APPLICATION) {
+        mAppHandlerUsed.store(true);
+        AppSyncHandler::getInstance()->requestSync(code);
     }
-    // The application and media handlers are not part of this build.
 }
 
 void PLMSyncManager::stopHandlerThreads() {
@@ -214,6 +223,8 @@ void PLMSyncManager::stopHandlerThreads() {
     }
     if (mContactsHandlerUsed.load())
         ContactsSyncHandler::getInstance()->stopWorker();
+    if (mAppHandlerUsed.load())
+        AppSyncHandler::getInstance()->stopWorker();
 }
 
 DataUploadHandler* PLMSyncManager::_uploader() {
