@@ -19,7 +19,7 @@ namespace pp = pelio::platform;
 
 namespace {
 
-class WritePLMDataTest : public ::testing::Test {
+class WritePLMDataThreadedTest : public ::testing::Test {
   protected:
     void SetUp() override {
         pp::installPreferences(std::make_unique<pelio::test::FakePreferences>());
@@ -40,7 +40,7 @@ class WritePLMDataTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(WritePLMDataTest, FirstDumpIsBaselineThenIncrementalWithACounter) {
+TEST_F(WritePLMDataThreadedTest, FirstDumpIsBaselineThenIncrementalWithACounter) {
     const std::string folder = WritePLMData::dumpFolder();
     WritePLMData::startFileWriting(3, R"({"docs":[{"name":"100%s"}]})");
     WritePLMData::waitForWriter();
