@@ -169,12 +169,19 @@ int AppSyncHandler::syncData(int syncType) {
     } else {
         LOGD("status NULL");
     }
-    if (!status || std::strcmp(status.get(), plm::STATUS_SYNCED) != 0) {
+    const bool inStep = status && std::strcmp(status.get(), plm::STATUS_SYNCED) == 0;
+    if (!inStep) {
         LOGD("status is false hence trigger sync");
     }
+    // Waiting while collecting, so that the service does not end meanwhile; the old value is
+    // written back when there turns out to be nothing to do.
     if (master_set_string(plm::APP_SYNC_STATUS_P, plm::STATUS_WAITING) != 0) {
         LOGE("master_set_string failed for APP_SYNC_STATUS_P");
     }
+    auto writeBack = [&status] {
+        if (status)
+            master_set_string(plm::APP_SYNC_STATUS_P, status.get());
+    };
 
     if (syncType == plm::SYNC_TYPE_FORCE) {
         deleteAll(kTable);
@@ -183,11 +190,20 @@ int AppSyncHandler::syncData(int syncType) {
     SyncMap map(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, free_app_info));
     if (_readStoredApps(map.get()) != 0) {
         LOGE("syncData failed for Applications");
+        writeBack();
         return 1;
     }
     LOGD("inProcessing");
+    mPending = false;
     _collectInstalledApps(map.get());
-    return _writeNewSyncData(map.get());
+    const int ret = _writeNewSyncData(map.get());
+    // Nothing to send and the domain already in step: no upload, the status stays as it was.
+    // A domain waiting or failed goes on to the composer, which settles it.
+    if (ret == 2 || (ret == 0 && !mPending && inStep)) {
+        writeBack();
+        return 2;
+    }
+    return ret;
 }
 
 int AppSyncHandler::_readStoredApps(GHashTable* map) {
@@ -273,6 +289,7 @@ void AppSyncHandler::_applyRecord(GHashTable* map, std::unique_ptr<AppSyncInfo> 
     }
     if (sameTexts(*stored, *fresh) && stored->dirty != plm::DIRTY_DELETED) {
         LOGD("In ignore on no change case");
+        mPending = mPending || stored->dirty != plm::DIRTY_SYNCED;
         g_hash_table_remove(map, fresh->id.c_str());
         return;
     }
@@ -299,6 +316,8 @@ int AppSyncHandler::_writeNewSyncData(GHashTable* map) {
             return 2;
         }
         auto* info = static_cast<AppSyncInfo*>(value);
+        // Every write below but a local removal leaves a document to send.
+        mPending = mPending || info->present || !info->revId.empty();
         Bundle request;
         Bundle result;
         request.addStr(bundlekeys::URI_TABLE_NAME, kTable);

@@ -18,9 +18,10 @@
 // Persisted state: master key "APP_SYNC_STATUS_P", the "application" table.
 // Threads: syncData() runs on this handler's worker thread under the sync manager's application
 // lock. Ownership: a process-wide singleton (getInstance / deleteInstance).
-// Errors: syncData() returns 0 when the table was brought up to date (the composer decides
-// whether anything is sent), 2 when interrupted by a forced request or a stop (the write
-// transaction rolls back), 1 when the table could not be read; all failures are logged.
+// Errors: syncData() returns 0 when something is to be sent or the domain is not in step yet
+// (the composer settles it), 2 when there is nothing to do (the status is written back as it
+// was) or when interrupted by a forced request or a stop (the write transaction rolls back),
+// 1 when the table could not be read; all failures are logged.
 #pragma once
 
 #include <functional>
@@ -82,6 +83,8 @@ class AppSyncHandler : public BaseSyncHandler {
     void _collectInstalledApps(GHashTable* map);
     void _applyRecord(GHashTable* map, std::unique_ptr<AppSyncInfo> fresh);
     int _writeNewSyncData(GHashTable* map);
+
+    bool mPending = false;  // this collection left something to send (worker thread only)
 
     static std::mutex sInstanceLock;
     static AppSyncHandler* sInstance;

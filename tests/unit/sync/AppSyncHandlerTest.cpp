@@ -90,6 +90,9 @@ TEST_F(AppSyncHandlerTest, UpdatesRemovalsAndReturnsFollowTheServerState) {
     AppSyncHandler handler(&host_);
     ASSERT_EQ(handler.syncData(98), 0);
     markUploaded();
+    ASSERT_EQ(master_set_string(plm::APP_SYNC_STATUS_P, "2"), 0);
+    EXPECT_EQ(handler.syncData(98), 2);  // nothing changed and in step: nothing to do
+    EXPECT_EQ(master_get_value(plm::APP_SYNC_STATUS_P), "2");
 
     packages_->put("renamed", "New name");
     packages_->remove("removed");
