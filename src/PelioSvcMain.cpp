@@ -7,8 +7,11 @@
 
 #include <pelio/platform/AppControl.h>
 #include <pelio/platform/ServiceApp.h>
+#include <pelio/platform/SessionBus.h>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "LifecycleHooks.h"
 #include "PelioLog.h"
@@ -50,7 +53,52 @@ static void __service_app_low_memory_cb(void* event_info, void* user_data) {
     serviceApp().exit();
 }
 
+static void __print_usage(FILE* out) {
+    std::fputs(
+        "Usage: pelio-service [--help | --version]\n"
+        "Keeps the voice assistant's personal language model supplied with this device's\n"
+        "contacts, applications and music. Normally started by D-Bus activation on the session\n"
+        "bus when the voice app or `pelioctl` sends it a request; it ends itself when nothing is\n"
+        "left to sync. It logs to standard error and, where it runs, to systemd's journal.\n"
+        "\n"
+        "Options:\n"
+        "  -h, --help     show this help and exit\n"
+        "      --version  show the version and exit\n"
+        "\n"
+        "Exit status: 0 ended normally, 1 no session bus or the service could not run, 2 bad\n"
+        "usage.\n",
+        out);
+}
+
+// Arguments and the session bus, before anything else: returns the exit status when the
+// process should end now, -1 to go on.
+static int __check_start(int argc, char* argv[]) {
+    if (argc > 1) {
+        const std::string arg = argv[1];
+        if (argc == 2 && arg == "--version") {
+            std::printf("pelio-service %s\n", PELIO_VERSION);
+            return 0;
+        }
+        if (argc == 2 && (arg == "--help" || arg == "-h")) {
+            __print_usage(stdout);
+            return 0;
+        }
+        std::fprintf(stderr, "pelio-service: unexpected argument %s\n", arg.c_str());
+        __print_usage(stderr);
+        return 2;
+    }
+    const std::string problem = pelio::platform::sessionBusProblem();
+    if (!problem.empty()) {
+        std::fprintf(stderr, "pelio-service: %s\n", problem.c_str());
+        return 1;
+    }
+    return -1;
+}
+
 int main(int argc, char* argv[]) {
+    const int early = __check_start(argc, argv);
+    if (early >= 0)
+        return early;
     LOGD("main: upload-manager started.");
 
     struct sched_param param {};
@@ -70,10 +118,11 @@ int main(int argc, char* argv[]) {
     serviceApp().addEventHandler(pelio::platform::APP_EVENT_LOW_BATTERY,
                                  __service_app_low_battery_cb, nullptr, handlers[1]);
 
+    int rc = 0;
     try {
-        serviceApp().main(argc, argv, event_callback, nullptr);
+        rc = serviceApp().main(argc, argv, event_callback, nullptr);
     } catch (int line) {
         LOGE("main: upload-manager debug line[%d].", line);
     }
-    return 0;
+    return rc == 0 ? 0 : 1;
 }

@@ -3,7 +3,10 @@
 #include <Ecore.h>
 #include <Eldbus.h>
 
+#include <pelio/platform/Log.h>
 #include <atomic>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -19,6 +22,28 @@ void runQueued(void* data) {
     (*fn)();
 }
 
+// EFL's own log lines (Eina, Ecore, Eldbus) as lines of this process's log, one line each, with
+// no backtrace dump: errors and worse by default, EINA_LOG_LEVEL when the user set it.
+void efLogToOurLog(const Eina_Log_Domain* domain, Eina_Log_Level level, const char* file,
+                   const char* fnc, int line, const char* fmt, void* data, va_list args) {
+    (void)data;
+    char text[1024];
+    std::vsnprintf(text, sizeof text, fmt, args);
+    const int priority = level <= EINA_LOG_LEVEL_ERR    ? DLOG_ERROR
+                         : level == EINA_LOG_LEVEL_WARN ? DLOG_WARN
+                         : level == EINA_LOG_LEVEL_INFO ? DLOG_INFO
+                                                        : DLOG_DEBUG;
+    dlog_print(priority, "PelioPlatform", "%s: %s(%d) > %s: %s", file ? file : "?", fnc ? fnc : "?",
+               line, domain && domain->name ? domain->name : "efl", text);
+}
+
+void quietLibraryLogs() {
+    setenv("EINA_LOG_BACKTRACE", "-1", 1);
+    const char* userLevel = std::getenv("EINA_LOG_LEVEL");
+    if (userLevel == nullptr || userLevel[0] == '\0')
+        setenv("EINA_LOG_LEVEL", "1", 1);  // EINA_LOG_LEVEL_ERR, read by eina_init
+}
+
 }  // namespace
 
 MainLoopScope::MainLoopScope() {
@@ -27,7 +52,9 @@ MainLoopScope::MainLoopScope() {
         // process has platform modules for what it needs, and they would log for missing buses.
         setenv("ECORE_NO_SYSTEM_MODULES", "1", 1);
         ecore_app_no_system_modules();
+        quietLibraryLogs();
         ecore_init();
+        eina_log_print_cb_set(efLogToOurLog, nullptr);
         eldbus_init();
     }
 }

@@ -92,17 +92,12 @@ int ContactsSyncHandler::readSyncContactsDbVersion(int& version) {
 int ContactsSyncHandler::writeNewSyncContactsDbVersion(bool reset) {
     int version = -1;
     if (!reset) {
-        auto& contacts = pp::contactsService();
-        const int connected = contacts.connectOnThread();
-        if (connected != pp::CONTACTS_ERROR_NONE) {
-            LOGE("contacts_connect_on_thread is failed");
-            return connected;
-        }
-        const int ret = contacts.getCurrentVersion(version);
-        contacts.disconnectOnThread();
-        if (ret != pp::CONTACTS_ERROR_NONE) {
-            LOGE("contacts_db_get_current_version is failed!!");
-            return ret;
+        // The version the last committed collection read, not the one current now: a change made
+        // while its documents were uploading is after it, so the next collection still sees it.
+        version = mCollectedVersion.load();
+        if (version < 0) {
+            LOGD("no collection since start, stored version kept");
+            return 0;
         }
     }
     LOGD("writeNewSyncContactsDbVersion [%d]", version);
@@ -119,6 +114,9 @@ int ContactsSyncHandler::syncData(int syncType) {
         pp::PREFERENCE_ERROR_NONE) {
         isForce = true;  // never set: behave as a first run
     }
+    // A forced request empties the table below, so it always collects from the start of the
+    // change log; a stored version would leave only the latest changes in the table.
+    isForce = isForce || syncType == plm::SYNC_TYPE_FORCE;
     if (isForce) {
         pp::preferences().remove(plm::PREF_CONTACTS_DB_VERSION);
     } else if (!_isSyncRequired()) {
@@ -215,23 +213,25 @@ bool ContactsSyncHandler::_isSyncRequiredByContactsDbVersion() {
 
 int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
     char projection[128];
-    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s ", kColId, kColContactId,
-                  kColDirty, kColVersion);
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s, %s ", kColId, kColContactId,
+                  kColDirty, kColVersion, "rowid");
 
     // One SELECT may move only a bounded number of columns, so the table is read in pages.
     int total = 0;
-    for (int offset = 0;; offset += kReadPageRows) {
+    // Keyset paging: each page starts after the last row of the one before.
+    std::string lastRowid = "0";
+    for (;;) {
+        const std::string pageStart = lastRowid;
         Bundle request;
         Bundle result;
         request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
         request.addStr(bundlekeys::URI_TABLE_NAME, kContactsTable);
         request.addStr(bundlekeys::PROJECTION, projection);
-        request.addStr(bundlekeys::WHERE, "1=1 ORDER BY rowid LIMIT " +
-                                              std::to_string(kReadPageRows) + " OFFSET " +
-                                              std::to_string(offset));
+        request.addStr(bundlekeys::WHERE, "rowid > " + lastRowid + " ORDER BY rowid LIMIT " +
+                                              std::to_string(kReadPageRows));
         if (db()->plmsvc_db_process(&request, &result) != 0 ||
             getValStr(&result, bundlekeys::RECORD0) != bundlekeys::SUCCESS) {
-            LOGE("reading the contacts table failed at offset %d", offset);
+            LOGE("reading the contacts table failed after row %s", lastRowid.c_str());
             return -1;
         }
         int rows = 0;
@@ -245,6 +245,8 @@ int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
                 LOGE("undecodable row %d", n);
                 continue;
             }
+            lastRowid =
+                std::to_string(std::strtoll(getValStr(&*row, columnKey(4)).c_str(), nullptr, 10));
             auto* info = new ContactSyncInfo;
             info->id = parseColumn(getValStr(&*row, columnKey(0)), -1);
             info->contactId = parseColumn(getValStr(&*row, columnKey(1)), -1);
@@ -253,7 +255,7 @@ int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
             put(map, info);  // a repeated _id keeps the latest row's values
         }
         total += rows;
-        if (rows < kReadPageRows)
+        if (lastRowid == pageStart || rows < kReadPageRows)
             break;
     }
     if (total == 0) {
@@ -338,6 +340,11 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
             const int personId = contact.personId;
             ContactSyncInfo* info = lookup(map, personId);
             if (info == nullptr) {
+                if (change.type == pp::CONTACTS_CHANGE_DELETED) {
+                    // Never uploaded (or already removed from the server): nothing to delete.
+                    LOGD("removed person[%d] was never synced, nothing to send", personId);
+                    continue;
+                }
                 info = new ContactSyncInfo;
                 info->id = personId;
                 info->contactId = personId;
@@ -350,12 +357,10 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
                 info->version = current;
                 ++deletedCnt;
             } else if (info->version == current) {
-                // A second change inside one version counts as a removal; a repeated insert is
-                // ignored.
-                if (change.type != pp::CONTACTS_CHANGE_INSERTED) {
-                    info->dirty = plm::DIRTY_DELETED;
-                    ++deletedCnt;
-                }
+                // Seen again at the version it was collected at (a replay or a retry): the entry
+                // keeps its pending flag.
+                LOGD("person[%d] already collected at version[%d], dirty[%d] kept", personId,
+                     current, info->dirty);
             } else {
                 info->dirty = plm::DIRTY_UPDATED;
                 info->version = current;
@@ -364,6 +369,8 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
                 ++updatedCnt;
             }
         }
+        if (result == 0)
+            mReadVersion = current;
     }
 
     contacts.disconnectOnThread();
@@ -376,6 +383,7 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
     LOGD("write new data - begin");
     DbManager* dbm = db();
     dbm->beginMultiQuery();
+    int failedWrites = 0;
 
     GHashTableIter iter;
     gpointer key = nullptr;
@@ -423,11 +431,21 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
         }
         if (ret != 0) {
             LOGE("error in querying '%s'", idText.c_str());
+            ++failedWrites;
         }
     }
 
-    dbm->setDbTransactionSuccessful();
-    dbm->endMultiQuery();
+    if (failedWrites == 0)
+        dbm->setDbTransactionSuccessful();
+    const int committed = dbm->endMultiQuery();
     LOGD("write new data - end");
+    if (failedWrites != 0 || committed != 0) {
+        // Nothing of this collection is kept: the stored version stays, so the next collection
+        // reads the same changes again.
+        LOGE("collection not stored: [%d] failed writes, commit result [%d]", failedWrites,
+             committed);
+        return 1;
+    }
+    mCollectedVersion.store(mReadVersion);
     return 0;
 }

@@ -19,6 +19,7 @@
 
 #include <glib.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -47,7 +48,8 @@ class ContactsSyncHandler : public BaseSyncHandler {
 
     // The stored version: 0 and version filled on success, the preference error otherwise.
     int readSyncContactsDbVersion(int& version);
-    // Stores -1 when reset, else the contacts database's current version. 0 on success.
+    // Stores -1 when reset, else the version that the last stored collection read (nothing is
+    // written when no collection was stored since start). 0 on success.
     int writeNewSyncContactsDbVersion(bool reset);
 
     // Rows per SELECT of _readOldSyncData (keeps one SELECT within the row-transfer bound).
@@ -65,6 +67,11 @@ class ContactsSyncHandler : public BaseSyncHandler {
     int _readOldSyncData(GHashTable* map);
     int _calcuDeltaSyncData(GHashTable* map);
     int _writeNewSyncData(GHashTable* map);
+
+    // Version read by the running collection, and by the last one whose rows were committed
+    // (-1: none since start). Written by the worker, read by the sync manager's worker.
+    int mReadVersion = -1;
+    std::atomic<int> mCollectedVersion{-1};
 
     static std::mutex sInstanceLock;
     static ContactsSyncHandler* sInstance;

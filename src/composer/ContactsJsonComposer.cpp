@@ -228,21 +228,25 @@ bool ContactsJsonComposer::getFirstNameFromContactId(const std::string& idText,
 
 bool ContactsJsonComposer::_readRows() {
     char projection[64];
-    std::snprintf(projection, sizeof(projection), " %s, %s, %s", "_id", "rev_id", "dirty");
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s, %s", "_id", "rev_id", "dirty",
+                  "version", "rowid");
     LOGD("columns are[%s]", projection);
 
     // Paged, so that one SELECT stays within the row-transfer bound whatever the table's size.
     int rowCount = 0;
     bool ok = true;
-    for (int offset = 0;; offset += kSelectPageRows) {
+    // Keyset paging: each page starts after the last row of the one before.
+    std::string lastRowid = "0";
+    for (;;) {
+        const std::string pageStart = lastRowid;
         Bundle request;
         Bundle result;
         request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
         request.addStr(bundlekeys::URI_TABLE_NAME, "contacts");
         request.addStr(bundlekeys::PROJECTION, projection);
-        request.addStr(bundlekeys::WHERE, "dirty != 4 ORDER BY rowid LIMIT " +
-                                              std::to_string(kSelectPageRows) + " OFFSET " +
-                                              std::to_string(offset));
+        request.addStr(bundlekeys::WHERE, "dirty != 4 AND rowid > " + lastRowid +
+                                              " ORDER BY rowid LIMIT " +
+                                              std::to_string(kSelectPageRows));
         const int ret = DbManager::getInstance()->plmsvc_db_process(&request, &result);
         if (ret != 0) {
             LOGE("dbMgr->plmsvc_db_process failed[%d]", ret);
@@ -258,6 +262,8 @@ bool ContactsJsonComposer::_readRows() {
             auto row = Bundle::decode(bytes);
             if (!row)
                 continue;
+            lastRowid =
+                std::to_string(std::strtoll(getValStr(&*row, columnKey(4)).c_str(), nullptr, 10));
             const std::string id = getValStr(&*row, columnKey(0));
             std::string revision = getValStr(&*row, columnKey(1));
             const std::string dirty = getValStr(&*row, columnKey(2));
@@ -269,10 +275,12 @@ bool ContactsJsonComposer::_readRows() {
             record.dirty = static_cast<int>(std::strtol(dirty.c_str(), nullptr, 10));
             record.revision = revision;
             record.contactId = static_cast<int>(std::strtol(id.c_str(), nullptr, 10));
+            record.rowId = id;
+            record.version = getValStr(&*row, columnKey(3));
             mRecords.push_back(std::move(record));
         }
         rowCount += pageRows;
-        if (pageRows < kSelectPageRows)
+        if (lastRowid == pageStart || pageRows < kSelectPageRows)
             break;
     }
     if (rowCount == 0)
@@ -378,18 +386,35 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
 
     for (auto& record : mRecords) {
         if (record.dirty != plm::DIRTY_DELETED) {
-            getFirstNameFromContactId(std::to_string(record.contactId), record);
+            record.readable = getFirstNameFromContactId(std::to_string(record.contactId), record);
         }
     }
 
     LOGD("list size is : [%d]", static_cast<int>(mRecords.size()));
     int inserted = 0, deleted = 0, updated = 0;
+    auto sent = std::make_shared<SentRows>();
+    bool complete = true;
     for (const auto& record : mRecords) {
         const std::string idText = std::to_string(record.contactId);
+        if (!record.readable) {
+            // Never an empty document: the row stays dirty and the next collection sees what
+            // became of the person.
+            LOGE("person[%s] not readable, not sent", idText.c_str());
+            complete = false;
+            continue;
+        }
+        const std::string documentId =
+            BaseSyncHandler::formatFixedWidthId(kIdPrefix, idText, kIdWidth);
+        SentRow& sentRow = (*sent)[documentId];
+        sentRow.table = "contacts";
+        sentRow.key = {{"_id", record.rowId}};
+        sentRow.state = {{"dirty", std::to_string(record.dirty)}};
+        if (record.version != "NULL" && !record.version.empty())
+            sentRow.state.emplace_back("version", record.version);
+        sentRow.deletion = record.dirty == plm::DIRTY_DELETED;
         ++mItemCounter;
         if (record.dirty == plm::DIRTY_DELETED) {
-            _appendDocument(makeDeletedDocument(
-                BaseSyncHandler::formatFixedWidthId(kIdPrefix, idText, kIdWidth), record.revision));
+            _appendDocument(makeDeletedDocument(documentId, record.revision));
             ++deleted;
             continue;
         }
@@ -413,7 +438,9 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
         if (mItemCounter != 0)
             _flushBatch();
         result->documents = mBodies;
+        result->sentRows = std::move(sent);
     }
+    result->complete = complete;
 
     LOGD("mItemCounter is : [%d]", mItemCounter);
     mRecords.clear();

@@ -31,6 +31,9 @@ struct ContactValueEntry {
 // One selected row and what the contacts service knows about it.
 struct ContactComposeRecord {
     int contactId = 0;
+    std::string rowId;     // "_id" as stored
+    std::string version;   // "version" as stored ("NULL" when none)
+    bool readable = true;  // false when the contacts service could not give the person
     std::string displayName;
     std::string firstName;
     std::string lastName;
@@ -53,7 +56,7 @@ class ContactsJsonComposer : public JSONComposer {
   public:
     static constexpr int kBatchSize = 1000;
     // Rows per SELECT: three columns each keep one SELECT within the row-transfer bound.
-    static constexpr int kSelectPageRows = 1000;
+    static constexpr int kSelectPageRows = 750;  // five columns a row
     static constexpr size_t kIdWidth = 12;
     static constexpr const char* kIdPrefix = "con_";
 

@@ -380,7 +380,8 @@ DbManager::DbManager() {
 DbManager::~DbManager() {
     if (mInTransaction)
         endDbTransaction();
-    closeDb();
+    if (mDb && sqlite3_close_v2(mDb.release()) != SQLITE_OK)
+        LOGE("Failed to close db");
 }
 
 int DbManager::plmsvc_db_process(Bundle* request, Bundle* result) {
@@ -461,6 +462,7 @@ int DbManager::createTables() {
 
 void DbManager::beginMultiQuery() {
     lock();
+    mInMultiQuery = true;
     openDb();
     if (!mDb)
         return;  // db_lock stays held until endMultiQuery
@@ -468,7 +470,7 @@ void DbManager::beginMultiQuery() {
 }
 
 int DbManager::insertDb(Bundle* request, Bundle* result) {
-    if (!mDb) {
+    if (!mDb || !mInMultiQuery) {
         LOGE("insertDb fail : DB isn't opened.");
         return -1;
     }
@@ -476,7 +478,7 @@ int DbManager::insertDb(Bundle* request, Bundle* result) {
 }
 
 int DbManager::updateDb(Bundle* request, Bundle* result) {
-    if (!mDb) {
+    if (!mDb || !mInMultiQuery) {
         LOGE("updateDb fail : DB isn't opened.");
         return -1;
     }
@@ -484,7 +486,7 @@ int DbManager::updateDb(Bundle* request, Bundle* result) {
 }
 
 int DbManager::deleteDb(Bundle* request, Bundle* result) {
-    if (!mDb) {
+    if (!mDb || !mInMultiQuery) {
         LOGE("deleteDb fail : DB isn't opened.");
         return -1;
     }
@@ -492,16 +494,44 @@ int DbManager::deleteDb(Bundle* request, Bundle* result) {
 }
 
 void DbManager::setDbTransactionSuccessful() {
-    if (mDb)
+    if (mDb && mInMultiQuery)
         mTransactionSuccessful = true;
 }
 
-void DbManager::endMultiQuery() {
-    if (mInTransaction)
-        endDbTransaction();
+int DbManager::endMultiQuery() {
+    int rc = mDb ? 0 : -1;  // no connection: nothing was written
+    if (mInTransaction && endDbTransaction() != 0)
+        rc = -1;
     if (mDb)
         closeDb();
+    mInMultiQuery = false;
     unlock();
+    return rc;
+}
+
+bool DbManager::runInTransaction(const std::function<bool(sqlite3*)>& work) {
+    std::lock_guard<std::mutex> guard(db_lock);
+    if (openDb() != 0)
+        return false;
+    bool ok = false;
+    char* raw = nullptr;
+    if (sqlite3_exec(mDb.get(), "BEGIN IMMEDIATE", nullptr, nullptr, &raw) != SQLITE_OK) {
+        Errmsg msg(raw);
+        LOGE("Failed to begin [%s]", msg ? msg.get() : "");
+    } else {
+        const bool done = work(mDb.get());
+        raw = nullptr;
+        const int rc =
+            sqlite3_exec(mDb.get(), done ? "COMMIT" : "ROLLBACK", nullptr, nullptr, &raw);
+        Errmsg msg(raw);
+        if (rc != SQLITE_OK) {
+            LOGE("Failed to end the transaction [%s]", msg ? msg.get() : sqlite3_errstr(rc));
+            sqlite3_exec(mDb.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        }
+        ok = done && rc == SQLITE_OK;
+    }
+    closeDb();
+    return ok;
 }
 
 int DbManager::beginDbTransaction() {
@@ -548,6 +578,14 @@ int DbManager::openDb() {
         LOGE("Failed to open[%d]", rc);
         return -1;
     }
+    // Another connection (a reader such as pelioctl, or a second process during a restart) may
+    // hold the file for a moment: wait for it instead of failing the write.
+    sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
+    // Write-ahead log: a commit appends to the log without syncing the file (synchronous NORMAL
+    // is durable across a crash of the process; only a power cut may lose the last commits,
+    // which then go up again with the next sync). Readers never block the writer.
+    sqlite3_exec(db.get(), "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr, nullptr,
+                 nullptr);
     mDb = std::move(db);
     LOGD("DB Open Success");
     return 0;
@@ -561,7 +599,10 @@ int DbManager::dbOpen(sqlite3** handle) {
 }
 
 int DbManager::closeDb() {
-    if (!mDb)
+    // The connection stays open for the next request (reopening it parses the schema and, without
+    // a kept connection, checkpoints the write-ahead log every time); only a connection that is
+    // still inside a transaction is closed, which rolls that transaction back.
+    if (!mDb || sqlite3_get_autocommit(mDb.get()) != 0)
         return 0;
     const int rc = sqlite3_close_v2(mDb.release());
     if (rc != SQLITE_OK) {

@@ -26,6 +26,10 @@
 // SQL text: INSERT has no bound; the text of SELECT, UPDATE and DELETE must stay below 4096 bytes,
 // a longer one fails ("query text too long") without reaching the engine.
 //
+// Connection: opened on first use and kept for the life of the manager, in write-ahead-log mode
+// with synchronous=NORMAL and a busy time-out (kBusyTimeoutMs), so other readers (pelioctl) never
+// block it; closeDb() closes it only when a transaction was left open.
+//
 // Threads: any thread. db_lock (plain mutex, not recursive) is held by every plmsvc_db_process
 // call and, in multi-query mode, from beginMultiQuery to endMultiQuery: do not call
 // plmsvc_db_process between those two on the same thread.
@@ -43,6 +47,7 @@
 #include <sqlite3.h>
 
 #include <pelio/platform/Bundle.h>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -51,7 +56,8 @@ class DbManager {
   public:
     static DbManager* getInstance();
 
-    // The single query entry: lock, open, run, close, unlock. 0 on success, -1 on failure.
+    // The single query entry: lock, open (once; the connection is kept), run, unlock. 0 on
+    // success, -1 on failure.
     int plmsvc_db_process(pelio::platform::Bundle* request, pelio::platform::Bundle* result);
 
     int createTables();
@@ -62,7 +68,18 @@ class DbManager {
     int updateDb(pelio::platform::Bundle* request, pelio::platform::Bundle* result);
     int deleteDb(pelio::platform::Bundle* request, pelio::platform::Bundle* result);
     void setDbTransactionSuccessful();
-    void endMultiQuery();
+    // Commits when marked successful (or for the first transaction after start), else rolls back.
+    // 0 when the transaction ended as intended, -1 when the commit or rollback failed or no
+    // connection was open.
+    int endMultiQuery();
+
+    // Runs work on the open connection inside one BEGIN IMMEDIATE transaction, under db_lock:
+    // committed when work returns true, rolled back otherwise. True when work succeeded and the
+    // commit did. For writers that bind their values (answers from the server).
+    bool runInTransaction(const std::function<bool(sqlite3*)>& work);
+
+    // How long a statement waits for another connection's lock before it fails.
+    static constexpr int kBusyTimeoutMs = 5000;
 
     int beginDbTransaction();
     int endDbTransaction();
@@ -101,5 +118,6 @@ class DbManager {
     Connection mDb;  // null while closed
     std::mutex db_lock;
     bool mInTransaction = false;
+    bool mInMultiQuery = false;  // between beginMultiQuery and endMultiQuery (under db_lock)
     bool mTransactionSuccessful = true;  // the first transaction after start commits regardless
 };

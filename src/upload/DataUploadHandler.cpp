@@ -5,6 +5,7 @@
 #include <pelio/platform/Preferences.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -29,6 +30,18 @@ namespace {
 constexpr int kUnitCountCompanion = 500;
 constexpr int kUnitCountStandAlone = 100;
 constexpr int kDeflateLevel = 6;
+// A reply larger than this is refused (the transfer is aborted and the part counts as failed).
+constexpr size_t kMaxReplyBytes = 64u << 20;
+
+// Transfer limits of the bulk post: no overall time-out (large bodies on slow links must finish),
+// but a connect time-out and a stall limit. Tests shorten them.
+std::atomic<long> gConnectTimeoutSeconds{15};
+std::atomic<long> gStallSeconds{60};
+constexpr long kStallBytesPerSecond = 1;
+
+bool isGzip(const std::vector<unsigned char>& bytes) {
+    return bytes.size() >= 2 && bytes[0] == 0x1f && bytes[1] == 0x8b;
+}
 constexpr int kDefaultPort = 443;
 constexpr const char* kRampCode = "dash";
 
@@ -91,6 +104,21 @@ DataUploadHandler::DataUploadHandler(IntentMgr* intentMgr, NetworkMgr* networkMg
 DataUploadHandler::~DataUploadHandler() {
     LOGD("");
     _clearOrvaneHandle();
+}
+
+void DataUploadHandler::cancelTransfers() {
+    LOGD("transfers cancelled");
+    mCancelled.store(true);
+}
+
+void DataUploadHandler::setTransferLimitsForTesting(long connectSeconds, long stallSeconds) {
+    gConnectTimeoutSeconds.store(connectSeconds);
+    gStallSeconds.store(stallSeconds);
+}
+
+int DataUploadHandler::_onProgress(void* handler, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    // Called at least once a second while a transfer runs: a non-zero answer aborts it.
+    return static_cast<DataUploadHandler*>(handler)->mCancelled.load() ? 1 : 0;
 }
 
 void DataUploadHandler::onLog(int, const std::string&) {}
@@ -639,15 +667,20 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
         }
         LOGD("zippedItem[%p], zippedItem.item[%p], zippedItem.size[%u]", static_cast<void*>(&reply),
              static_cast<void*>(reply.item.data()), static_cast<unsigned>(reply.item.size()));
-        std::vector<unsigned char> copy(reply.item.size() + 1, 0);
-        std::memcpy(copy.data(), reply.item.data(), reply.item.size());
         std::string text;
-        UMgrGzip gzip;
-        int gz = gzip.deCompress(copy.data(), reply.item.size(), text);
-        if (gz != UMgrGzip::RESULT) {
-            LOGE("Failed to deCompress with gZipError[%d]", gz);
-            result.clear();
-            break;
+        if (isGzip(reply.item)) {
+            UMgrGzip gzip;
+            gzip.deCompress(reply.item.data(), reply.item.size(), text);
+            if (text.empty()) {
+                LOGE("Failed to deCompress the reply of [%u] bytes",
+                     static_cast<unsigned>(reply.item.size()));
+                result.clear();
+                break;
+            }
+        } else {
+            // A server or proxy that answered without compression: the reply is the text.
+            LOGW("reply is not gzip, read as plain text");
+            text.assign(reply.item.begin(), reply.item.end());
         }
         removeAll(text, '[');
         removeAll(text, ']');
@@ -742,10 +775,14 @@ size_t DataUploadHandler::SavePostResultZipped(char* chunk, size_t size, size_t 
         LOGE("item is NULL");
         return 0;
     }
-    // Only the last chunk is kept: a reply delivered in several chunks keeps its last one.
-    // The chunk is copied because the transfer reuses its buffer.
-    size_t bytes = size * count;
-    zippedReply->item.assign(reinterpret_cast<unsigned char*>(chunk),
+    // Every chunk is kept: a reply may arrive in several pieces. The chunk is copied because the
+    // transfer reuses its buffer.
+    const size_t bytes = size * count;
+    if (zippedReply->item.size() + bytes > kMaxReplyBytes) {
+        LOGE("reply larger than [%u] bytes, refused", static_cast<unsigned>(kMaxReplyBytes));
+        return 0;  // aborts the transfer
+    }
+    zippedReply->item.insert(zippedReply->item.end(), reinterpret_cast<unsigned char*>(chunk),
                              reinterpret_cast<unsigned char*>(chunk) + bytes);
     zippedReply->recorded = true;
     return bytes;
@@ -759,6 +796,10 @@ size_t DataUploadHandler::SavePostResultUnzipped(char* chunk, size_t size, size_
     if (text == nullptr) {
         LOGE("item is NULL");
         return 0;
+    }
+    if (text->size() + bytes > kMaxReplyBytes) {
+        LOGE("reply larger than [%u] bytes, refused", static_cast<unsigned>(kMaxReplyBytes));
+        return 0;  // aborts the transfer
     }
     // Read as a C string: a zero byte ends the chunk early.
     text->append(chunk, strnlen(chunk, bytes));
@@ -924,7 +965,13 @@ bool DataUploadHandler::_setCurlEnvironment(CURL* curl, curl_slist* header) {
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, "POST");
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, header);
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
-    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 1L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, gConnectTimeoutSeconds.load());
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, gStallSeconds.load());
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &DataUploadHandler::_onProgress);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, this);
     if (!proxy.empty()) {
         curl_easy_setopt(curl, CURLOPT_PROXY, proxy.c_str());
         LOGD("Plm Syncing with companian mode");

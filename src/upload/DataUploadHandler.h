@@ -18,8 +18,11 @@
 //   no notification; an empty clearQueue is not called.
 // - When the connection service reports no proxy, the bulk post also turns off libcurl's own
 //   reading of the proxy environment (the service's settings may have overridden it to none).
-// - performSync copies the transfer's last reply chunk (libcurl reuses its buffer); a reply in
-//   several chunks still keeps only its last one.
+// - performSync keeps every chunk of a reply (bounded at 64 MiB); a reply that is not gzip is read
+//   as plain text.
+// - The bulk post has no overall time-out, but a connect time-out (15 s) and a stall limit (under
+//   1 byte/s for 60 s), and cancelTransfers() (any thread) aborts a running transfer within about
+//   a second, so the service's stop paths never wait on a silent server.
 #pragma once
 
 #include <orvane/Orvane.h>
@@ -27,6 +30,7 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -52,6 +56,11 @@ class DataUploadHandler : public OrvaneCallbacks {
     virtual bool closePds();
     virtual bool wipePds(bool deleteAll);
     virtual void performSync(SyncData* syncData, SyncResult* syncResult);
+
+    // Any thread: aborts the running bulk transfer and every later one of this handler.
+    void cancelTransfers();
+    // Tests: shorter connect time-out and stall limit for the bulk post (seconds).
+    static void setTransferLimitsForTesting(long connectSeconds, long stallSeconds);
 
     virtual bool getPdsOpened();
     void setPdsOpened(bool opened);
@@ -84,7 +93,7 @@ class DataUploadHandler : public OrvaneCallbacks {
         void operator()(ZippedItem* z) const;
     };
     using ZippedItemPtr = std::unique_ptr<ZippedItem, ZippedItemDeleter>;
-    // The reply of one zipped part: a copy of the last chunk the transfer delivered.
+    // The reply of one zipped part, as the transfer delivered it.
     struct ZippedReply {
         std::vector<unsigned char> item;
         bool recorded = false;
@@ -98,6 +107,7 @@ class DataUploadHandler : public OrvaneCallbacks {
     std::string _curlPostingUnzipped(const std::vector<std::string>& parts);
     static size_t SavePostResultZipped(char* chunk, size_t size, size_t count, void* reply);
     static size_t SavePostResultUnzipped(char* chunk, size_t size, size_t count, void* reply);
+    static int _onProgress(void* handler, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
 
     // Server, network and proxy configuration (preferences read afresh on every call).
     std::string _getPrefServerIp();
@@ -130,6 +140,7 @@ class DataUploadHandler : public OrvaneCallbacks {
     NetworkMgr* mNetworkMgr;
     std::function<void()> mClearQueue;
 
+    std::atomic<bool> mCancelled{false};
     bool mPdsOpened = false;
     bool mPdsClosed = true;
     std::string mCookie;

@@ -1,11 +1,13 @@
 #include "upload/PLMSyncManager.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <optional>
+#include <set>
 
 #include <pelio/platform/Preferences.h>
 #include <pelio/platform/ServiceApp.h>
@@ -141,6 +143,12 @@ PLMSyncManager::PLMSyncManager() {
 
 void PLMSyncManager::_stopWorker() {
     mStopping.store(true);
+    {
+        // A transfer stuck on a silent server must not hold the stop up.
+        std::lock_guard<std::mutex> guard(mHandlerMutex);
+        if (mDataUploadHandler)
+            mDataUploadHandler->cancelTransfers();
+    }
     {
         std::lock_guard<std::mutex> guard(mStopMutex);
         mStopCondition.notify_all();
@@ -329,6 +337,32 @@ void PLMSyncManager::clearQueue() {
     addSyncItemToQueue(plm::SYNC_ITEM_MEDIA);
 }
 
+void PLMSyncManager::collectionFailed(int item) {
+    if (statusKeyOf(item) == nullptr)
+        return;
+    update_preference_status_on_sync_fail(item);
+    if (!_workerShouldStop() && !_otherDomainCollecting(item))
+        check_for_process_exit();
+}
+
+void PLMSyncManager::collectionFoundNothing(int item) {
+    // A request that found nothing anywhere must still let the service end; the check keeps it
+    // running while any domain is waiting or uploading.
+    if (!_workerShouldStop() && !_otherDomainCollecting(item))
+        check_for_process_exit();
+}
+
+bool PLMSyncManager::_otherDomainCollecting(int item) {
+    // The domain still collecting reaches the exit check itself when it is done.
+    const bool busy = (item != plm::SYNC_ITEM_CONTACTS && mContactsHandlerUsed.load() &&
+                       ContactsSyncHandler::getInstance()->isCollecting()) ||
+                      (item != plm::SYNC_ITEM_APPLICATION && mAppHandlerUsed.load() &&
+                       AppSyncHandler::getInstance()->isCollecting());
+    if (busy)
+        LOGD("another domain is still collecting");
+    return busy;
+}
+
 void PLMSyncManager::clearServer() {
     set_sync_status(plm::MEDIA_SYNC_STATUS_P, plm::STATUS_WAITING);
     set_sync_status(plm::CONTACTS_SYNC_STATUS_P, plm::STATUS_WAITING);
@@ -340,6 +374,12 @@ void PLMSyncManager::clearServer() {
     handler->setLastApplicationPlmId("");
     handler->setLastContactPlmId("");
     handler->setLastMediaPlmId("");
+    // The setters ignore an empty id; the server's data is gone, so the stored ids are forgotten
+    // here: CHECK_PLM_ID answers "-1" and the next id is announced to the voice app again.
+    for (const char* key : {plm::PREF_PLM_ID, plm::PREF_APP_SYNCED_PLM_ID,
+                            plm::PREF_CONTACT_SYNCED_PLM_ID, plm::PREF_MEDIA_SYNCED_PLM_ID}) {
+        pelio::platform::preferences().setString(key, "");
+    }
     prefs->set(plm::PLMConstants::IS_FORCE, false);
 }
 
@@ -455,6 +495,9 @@ void PLMSyncManager::update_preference_status_on_pds_close(int item, bool confli
         return;
     }
     if (item == plm::SYNC_ITEM_CONTACTS) {
+        // A forced collection has now been uploaded and closed (or found nothing to send): later
+        // syncs are differential, opened unforced, from the stored version.
+        pelio::platform::preferences().setBoolean(plm::PLMConstants::IS_FORCE, false);
         if (mHooks.writeContactsDbVersion) {
             mHooks.writeContactsDbVersion(conflict);
         } else {
@@ -697,6 +740,8 @@ void PLMSyncManager::closeSessionAndApplyOutcomes() {
             update_preference_status_on_sync_fail(result->itemType);
             delete result;
         }
+        for (int item : _takeIncompleteItems())
+            update_preference_status_on_sync_fail(item);
     } else {
         mPdsOpened.store(false);
         LOGD("pds close success with retry time [%d]", attempt);
@@ -722,6 +767,10 @@ void PLMSyncManager::_processSyncResults() {
         results = mSyncResults;
     }
     SyncOutcomeProcessor::Marks marks;
+    // Domains that end failed: a part never posted, a reply unreadable or unstored, a document
+    // not accepted. Their rows stay dirty for the next sync.
+    std::set<int> failed = _takeIncompleteItems();
+    std::vector<std::pair<int, std::shared_ptr<const SentRows>>> sentByItem;
     DataUploadHandler* handler = _uploader();
     for (SyncResult* result : results) {
         const std::string latest = handler->getSucceededLatestPLMId();
@@ -734,7 +783,21 @@ void PLMSyncManager::_processSyncResults() {
         } else if (result->itemType == plm::SYNC_ITEM_MEDIA) {
             handler->setLastMediaPlmId(latest);
         }
-        SyncOutcomeProcessor::applyResponse(result->jsonResponse, marks);
+        {
+            // A collection of the domain never interleaves with its answers.
+            std::mutex* domainLock = getDomainLock(result->itemType);
+            std::unique_lock<std::mutex> domainGuard;
+            if (domainLock != nullptr)
+                domainGuard = std::unique_lock<std::mutex>(*domainLock);
+            if (!SyncOutcomeProcessor::applyResponse(result->jsonResponse, *result->sentRows,
+                                                     marks)) {
+                failed.insert(result->itemType);
+            }
+        }
+        if (std::none_of(sentByItem.begin(), sentByItem.end(),
+                         [result](const auto& e) { return e.second == result->sentRows; })) {
+            sentByItem.emplace_back(result->itemType, result->sentRows);
+        }
         LOGD(
             "sync success for pds close item update master before delete syncresult: "
             "syncItemType[%d]",
@@ -754,6 +817,14 @@ void PLMSyncManager::_processSyncResults() {
             delete left;
         mSyncResults.clear();
     }
+    for (const auto& [item, sent] : sentByItem) {
+        const std::set<std::string> missing = SyncOutcomeProcessor::unaccepted(*sent, marks);
+        if (!missing.empty()) {
+            LOGE("[%d] documents of item [%d] not accepted, first [%s]",
+                 static_cast<int>(missing.size()), item, missing.begin()->c_str());
+            failed.insert(item);
+        }
+    }
     if (marks.contactsConflict) {
         LOGD("setting contact doc update conflict status");
         master_set_string(plm::CONTACTS_SYNC_STATUS_P, plm::STATUS_FAILED);
@@ -762,6 +833,24 @@ void PLMSyncManager::_processSyncResults() {
         master_set_string(plm::APP_SYNC_STATUS_P, plm::STATUS_FAILED);
     if (marks.mediaFailed)
         master_set_string(plm::MEDIA_SYNC_STATUS_P, plm::STATUS_FAILED);
+    for (int item : failed) {
+        LOGE("item [%d] not wholly synced, marked failed", item);
+        update_preference_status_on_sync_fail(item);
+    }
+    if (marks.contactsConflict || marks.applicationsFailed || marks.mediaFailed)
+        update_master_sync_pref_key();
+}
+
+void PLMSyncManager::_markIncomplete(int item) {
+    std::lock_guard<std::mutex> guard(mSyncResultsMutex);
+    mIncompleteItems.insert(item);
+}
+
+std::set<int> PLMSyncManager::_takeIncompleteItems() {
+    std::lock_guard<std::mutex> guard(mSyncResultsMutex);
+    std::set<int> items;
+    items.swap(mIncompleteItems);
+    return items;
 }
 
 bool PLMSyncManager::composeAndSync(int item) {
@@ -787,7 +876,12 @@ bool PLMSyncManager::composeAndSync(int item) {
     if (!syncData || (syncData->insertedCount == -1 && syncData->deletedCount == -1 &&
                       syncData->updatedCount == -1)) {
         LOGE("NoThing to sync for Domain[%d]", item);
-        update_preference_status_on_pds_close(item, false);
+        if (syncData && !syncData->complete) {
+            // Rows are waiting that could not be composed: not in step.
+            update_preference_status_on_sync_fail(item);
+        } else {
+            update_preference_status_on_pds_close(item, false);
+        }
         handleSyncError();
     } else {
         if (handler->getPdsOpened()) {
@@ -838,6 +932,7 @@ bool PLMSyncManager::composeAndSync(int item) {
                 auto syncResult = std::make_unique<SyncResult>();
                 syncResult->itemType = item;
                 syncResult->syncType = syncData->syncType;
+                syncResult->sentRows = syncData->sentRows;
                 handler->performSync(syncData.get(), syncResult.get());
                 LOGD("Post request done display response in sync manager");
                 if (syncResult->jsonResponse.empty()) {
@@ -848,10 +943,16 @@ bool PLMSyncManager::composeAndSync(int item) {
                 std::lock_guard<std::mutex> guard(mSyncResultsMutex);
                 mSyncResults.push_back(syncResult.release());
             }
+            if (!syncData->complete) {
+                LOGE("some rows of item [%d] could not be composed", item);
+                allPosted = false;
+            }
             if (allPosted) {
                 result = true;
                 LOGD("reset sync is called");
                 syncData->documents.clear();
+            } else {
+                _markIncomplete(item);
             }
         }
     }

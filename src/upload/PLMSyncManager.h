@@ -28,6 +28,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -79,6 +80,8 @@ class PLMSyncManager : public SyncHandlerHost {
 
     // Queues and triggers.
     void addSyncItemToQueue(int item) override;
+    void collectionFailed(int item) override;
+    void collectionFoundNothing(int item) override;
     void trigger_sync(int code);
     void clearQueue();
     void clearServer();
@@ -144,10 +147,14 @@ class PLMSyncManager : public SyncHandlerHost {
     void _sleep(int seconds);
     void _requestDomainSync(int domain, int code);
     void _processSyncResults();
+    // Items of this session with a part not posted or a row not composed.
+    void _markIncomplete(int item);
+    std::set<int> _takeIncompleteItems();
     DataUploadHandler* _uploader();
     DataUploadHandler* _ensureUploader();
     bool _tryClose(DataUploadHandler* handler);
     bool _hasResultOf(int item);
+    bool _otherDomainCollecting(int item);
     void _stopWorker();
     bool _workerShouldStop() const { return mStopping.load(); }
 
@@ -179,6 +186,7 @@ class PLMSyncManager : public SyncHandlerHost {
     // worker.
     std::vector<SyncResult*> mSyncResults;
     std::mutex mSyncResultsMutex;
+    std::set<int> mIncompleteItems;  // guarded by mSyncResultsMutex
     std::atomic<int> mCurrentItem{-1};
     std::atomic<bool> mPdsOpened{false};
     std::atomic<bool> mPendingResync{false};

@@ -15,8 +15,8 @@
 struct SentRow {
     using Columns = std::vector<std::pair<std::string, std::string>>;
     std::string table;  // "contacts", "application", "audio", "audio_playlist"
-    Columns key;        // identifies the row, e.g. {"_id", "42"} or {"audio_id", "7"}, {"type", "3"}
-    Columns state;      // must still hold, e.g. {"dirty", "3"}, {"version", "17"}
+    Columns key;    // identifies the row, e.g. {"_id", "42"} or {"audio_id", "7"}, {"type", "3"}
+    Columns state;  // must still hold, e.g. {"dirty", "3"}, {"version", "17"}
     bool deletion = false;  // composed as a deletion: a confirmation removes the row
 };
 
@@ -35,6 +35,9 @@ class SyncData {
     int insertedCount = -1;
     int deletedCount = -1;
     int updatedCount = -1;
+    // False when a dirty row could not be composed: it stays dirty and the domain is not marked
+    // in step, so the next sync takes it up again.
+    bool complete = true;
     // Filled by the composer, one entry per composed document; shared with the results.
     std::shared_ptr<SentRows> sentRows = std::make_shared<SentRows>();
 };

@@ -1,10 +1,11 @@
 #include "upload/SyncOutcomeProcessor.h"
 
-#include <cstdio>
+#include <sqlite3.h>
+
 #include <memory>
+#include <vector>
 
 #include "PelioLog.h"
-#include "SyncHandlers/BaseSyncHandler.h"
 #include "database/DbManager.h"
 #include "utils/BundleMacro.h"
 
@@ -13,26 +14,165 @@ using pelio::platform::Bundle;
 namespace {
 
 constexpr const char* kConflictReason = "Document update conflict.";
-constexpr int kAudioTypeArtist = 4;
-constexpr int kAudioTypeAlbum = 3;
 
 struct GObjectUnref {
     void operator()(gpointer object) const { g_object_unref(object); }
 };
 using ParserPtr = std::unique_ptr<JsonParser, GObjectUnref>;
 
-std::string quoted(const char* format, const std::string& key) {
-    char* text = g_strdup_printf(format, key.c_str());
-    std::string result(text);
-    g_free(text);
-    return result;
+struct StatementFinalize {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using StatementPtr = std::unique_ptr<sqlite3_stmt, StatementFinalize>;
+
+// Which domain an id belongs to: the first prefix found anywhere in it, in this order.
+enum class Domain { None, Contacts, Application, Song, Playlist, Artist, Album, CallLog };
+
+Domain domainOf(const std::string& id) {
+    static const std::pair<const char*, Domain> kPrefixes[] = {
+        {"con_", Domain::Contacts}, {"pkg_", Domain::Application}, {"aud_", Domain::Song},
+        {"apl_", Domain::Playlist}, {"aat_", Domain::Artist},      {"aab_", Domain::Album},
+        {"clg_", Domain::CallLog}};
+    for (const auto& [prefix, domain] : kPrefixes) {
+        if (id.find(prefix) != std::string::npos)
+            return domain;
+    }
+    return Domain::None;
 }
 
-std::string quotedTyped(const char* format, const std::string& key, int type) {
-    char* text = g_strdup_printf(format, key.c_str(), type);
-    std::string result(text);
-    g_free(text);
-    return result;
+// Table and column names come from our own composers; anything else is refused, never quoted.
+bool isIdentifier(const std::string& name) {
+    if (name.empty())
+        return false;
+    for (char c : name) {
+        if (!(g_ascii_isalnum(c) || c == '_'))
+            return false;
+    }
+    return true;
+}
+
+struct Outcome {
+    const SentRow* row;
+    std::string id;
+    std::string rev;
+    bool conflict;
+};
+
+// "col1 = ? AND col2 = ?" over columns; false when a name is not an identifier.
+bool whereText(const SentRow::Columns& columns, std::string& text) {
+    for (const auto& column : columns) {
+        if (!isIdentifier(column.first))
+            return false;
+        if (!text.empty())
+            text += " AND ";
+        text += column.first + " = ?";
+    }
+    return true;
+}
+
+// Runs sql with the leading values then the columns' values bound in order; the number of rows
+// changed, or -1 on failure.
+int run(sqlite3* db, const std::string& sql, const std::vector<std::string>& leading,
+        const std::vector<const SentRow::Columns*>& columns) {
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) {
+        LOGE("prepare failed [%s]", sqlite3_errmsg(db));
+        return -1;
+    }
+    StatementPtr statement(raw);
+    int index = 1;
+    for (const std::string& value : leading)
+        sqlite3_bind_text(raw, index++, value.c_str(), -1, SQLITE_TRANSIENT);
+    for (const SentRow::Columns* list : columns) {
+        for (const auto& column : *list)
+            sqlite3_bind_text(raw, index++, column.second.c_str(), -1, SQLITE_TRANSIENT);
+    }
+    if (sqlite3_step(raw) != SQLITE_DONE) {
+        LOGE("step failed [%s]", sqlite3_errmsg(db));
+        return -1;
+    }
+    return sqlite3_changes(db);
+}
+
+// Stores the revision on the row without touching its flag.
+bool storeRevision(sqlite3* db, const SentRow& row, const std::string& rev) {
+    std::string where;
+    if (!whereText(row.key, where))
+        return false;
+    return run(db, "UPDATE " + row.table + " SET rev_id = ? WHERE " + where, {rev}, {&row.key}) >=
+           0;
+}
+
+// An accepted document: confirmed deletion removes the row, anything else is marked in step,
+// both only while the row is as it was sent. A row changed since only learns the revision.
+bool applyAccepted(sqlite3* db, const Outcome& outcome) {
+    const SentRow& row = *outcome.row;
+    std::string where;
+    if (!whereText(row.key, where) || !whereText(row.state, where))
+        return false;
+    int changed = 0;
+    if (row.deletion) {
+        changed =
+            run(db, "DELETE FROM " + row.table + " WHERE " + where, {}, {&row.key, &row.state});
+        if (changed < 0) {
+            LOGE("error in delete");
+            return false;
+        }
+    } else {
+        changed = run(db, "UPDATE " + row.table + " SET rev_id = ?, dirty = 4 WHERE " + where,
+                      {outcome.rev}, {&row.key, &row.state});
+        if (changed < 0) {
+            LOGE("error in update");
+            return false;
+        }
+    }
+    if (changed == 0) {
+        LOGD("[%s] changed since it was sent, kept for the next sync", outcome.id.c_str());
+        if (!storeRevision(db, row, outcome.rev)) {
+            LOGE("error in update");
+            return false;
+        }
+    }
+    return true;
+}
+
+// One reply's element, read into an outcome; false when it is skipped.
+bool readElement(JsonNode* element, const SentRows& sent, SyncOutcomeProcessor::Marks& marks,
+                 Outcome& outcome) {
+    if (element == nullptr || !JSON_NODE_HOLDS_OBJECT(element))
+        return false;
+    JsonObject* object = json_node_get_object(element);
+    outcome.id = SyncOutcomeProcessor::getFieldStringFromJNode(element, "id");
+    outcome.conflict = false;
+    if (json_object_has_member(object, "error")) {
+        const std::string reason = SyncOutcomeProcessor::getFieldStringFromJNode(element, "reason");
+        if (reason != kConflictReason || !json_object_has_member(object, "rev"))
+            return false;
+        outcome.conflict = true;
+    }
+    outcome.rev = SyncOutcomeProcessor::getFieldStringFromJNode(element, "rev");
+
+    const Domain domain = domainOf(outcome.id);
+    if (domain == Domain::None)
+        return false;
+    const auto found = sent.find(outcome.id);
+    if (found == sent.end()) {
+        LOGW("answer for a document that was not sent [%s], ignored", outcome.id.c_str());
+        return false;
+    }
+    outcome.row = &found->second;
+    if (outcome.conflict) {
+        if (domain == Domain::Contacts) {
+            LOGD("Doc update conflict for contact id %s",
+                 outcome.row->key.empty() ? "" : outcome.row->key.front().second.c_str());
+            marks.contactsConflict = true;
+        } else if (domain == Domain::Application) {
+            marks.applicationsFailed = true;
+        } else if (domain == Domain::Song) {
+            marks.mediaFailed = true;
+        }
+    }
+    return true;
 }
 
 // One query bundle through the database manager; true when it ran and reported SUCCESS.
@@ -40,32 +180,6 @@ bool runRequest(Bundle& request) {
     Bundle result;
     const int rc = DbManager::getInstance()->plmsvc_db_process(&request, &result);
     return rc == 0 && getValStr(&result, bundlekeys::RECORD0) != bundlekeys::FAILURE;
-}
-
-bool deleteWhere(const std::string& table, const std::string& where) {
-    Bundle request;
-    request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_DELETE);
-    request.addStr(bundlekeys::URI_TABLE_NAME, table);
-    request.addStr(bundlekeys::WHERE, where);
-    return runRequest(request);
-}
-
-// UPDATE of "rev_id" (and "dirty" = "4" when synced) on the rows matching where.
-bool updateRevision(const std::string& table, const std::string& where, const std::string& rev,
-                    bool synced) {
-    Bundle request;
-    request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
-    request.addStr(bundlekeys::URI_TABLE_NAME, table);
-    request.addStr(bundlekeys::WHERE, where);
-    request.addStr(bundlekeys::COLUMN_COUNT, synced ? "2" : "1");
-    request.addStr(columnKey(1), "rev_id");
-    // UPDATE values go into the SQL text verbatim: the text column carries its own quotes.
-    request.addStr("rev_id", "'" + rev + "'");
-    if (synced) {
-        request.addStr(columnKey(2), "dirty");
-        request.addStr("dirty", "4");
-    }
-    return runRequest(request);
 }
 
 }  // namespace
@@ -87,125 +201,11 @@ std::string SyncOutcomeProcessor::getFieldStringFromJNode(JsonNode* node, const 
     return "";
 }
 
-void SyncOutcomeProcessor::updateLocalDbNewStatus(const std::string& table, const std::string& key,
-                                                  const std::string& rev) {
-    if (!updateRevision(table, quoted("_id = '%s'", key), rev, false))
-        LOGE("error in update");
-}
-
-void SyncOutcomeProcessor::updateLocalDbStatus(const std::string& table, const std::string& key,
-                                               const std::string& rev) {
-    if (!deleteWhere(table, quoted("dirty = 2 and _id = '%s'", key)))
-        LOGE("error in delete");
-    if (!updateRevision(table, quoted("_id = '%s'", key), rev, true))
-        LOGE("error in update");
-}
-
-void SyncOutcomeProcessor::updateLocalAudioTableNewStatus(const std::string& key,
-                                                          const std::string& rev, int type) {
-    if (!updateRevision("audio", quotedTyped("audio_id = '%s' and type = '%d'", key, type), rev,
-                        false)) {
-        LOGE("error in update");
-    }
-}
-
-void SyncOutcomeProcessor::updateLocalAudioTableStatus(const std::string& key,
-                                                       const std::string& rev, int type) {
-    if (!deleteWhere("audio",
-                     quotedTyped("dirty = 2 and audio_id = '%s' and type = '%d'", key, type))) {
-        LOGE("error in delete");
-    }
-    if (!updateRevision("audio", quotedTyped("audio_id = '%s' and type = '%d'", key, type), rev,
-                        true)) {
-        LOGE("error in update");
-    }
-}
-
-void SyncOutcomeProcessor::updateLocalAudioPlaylistTableNewStatus(const std::string& key,
-                                                                  const std::string& rev) {
-    if (!updateRevision("audio_playlist", quoted("playlist_id = '%s'", key), rev, false)) {
-        LOGE("error in update");
-    }
-}
-
-void SyncOutcomeProcessor::updateLocalAudioPlaylistTableStatus(const std::string& key,
-                                                               const std::string& rev) {
-    if (!deleteWhere("audio_playlist", quoted("dirty = 2 and playlist_id = '%s'", key))) {
-        LOGE("error in delete");
-    }
-    if (!updateRevision("audio_playlist", quoted("playlist_id = '%s'", key), rev, true)) {
-        LOGE("error in update");
-    }
-}
-
-void SyncOutcomeProcessor::_applyElement(JsonNode* element, Marks& marks) {
-    if (element == nullptr || !JSON_NODE_HOLDS_OBJECT(element))
-        return;
-    JsonObject* object = json_node_get_object(element);
-
-    const std::string id = getFieldStringFromJNode(element, "id");
-    std::string rev;
-    bool conflict = false;
-    if (json_object_has_member(object, "error")) {
-        const std::string reason = getFieldStringFromJNode(element, "reason");
-        if (reason != kConflictReason || !json_object_has_member(object, "rev"))
-            return;
-        rev = getFieldStringFromJNode(element, "rev");
-        conflict = true;
-    } else {
-        rev = getFieldStringFromJNode(element, "rev");
-    }
-
-    const std::string decoded = BaseSyncHandler::decodeDocumentId(id);
-    if (id.find("con_") != std::string::npos) {
-        if (conflict) {
-            LOGD("Doc update conflict for contact id %s", decoded.c_str());
-            marks.contactsConflict = true;
-            updateLocalDbNewStatus("contacts", decoded, rev);
-        } else {
-            updateLocalDbStatus("contacts", decoded, rev);
-        }
-    } else if (id.find("pkg_") != std::string::npos) {
-        const std::string key = id.size() > 4 ? id.substr(4) : std::string();
-        if (conflict) {
-            marks.applicationsFailed = true;
-            updateLocalDbNewStatus("application", key, rev);
-        } else {
-            updateLocalDbStatus("application", key, rev);
-        }
-    } else if (id.find("aud_") != std::string::npos) {
-        if (conflict) {
-            marks.mediaFailed = true;
-            updateLocalDbNewStatus("audio", decoded, rev);
-        } else {
-            updateLocalDbStatus("audio", decoded, rev);
-        }
-    } else if (id.find("apl_") != std::string::npos) {
-        if (conflict) {
-            updateLocalAudioPlaylistTableNewStatus(decoded, rev);
-        } else {
-            updateLocalAudioPlaylistTableStatus(decoded, rev);
-        }
-    } else if (id.find("aat_") != std::string::npos) {
-        if (conflict) {
-            updateLocalAudioTableNewStatus(decoded, rev, kAudioTypeArtist);
-        } else {
-            updateLocalAudioTableStatus(decoded, rev, kAudioTypeArtist);
-        }
-    } else if (id.find("aab_") != std::string::npos) {
-        if (conflict) {
-            updateLocalAudioTableNewStatus(decoded, rev, kAudioTypeAlbum);
-        } else {
-            updateLocalAudioTableStatus(decoded, rev, kAudioTypeAlbum);
-        }
-    } else if (id.find("clg_") != std::string::npos) {
-        updateLocalDbStatus("call_logs", decoded, rev);
-    }
-}
-
-bool SyncOutcomeProcessor::applyResponse(const std::string& jsonResponse, Marks& marks) {
+bool SyncOutcomeProcessor::applyResponse(const std::string& jsonResponse, const SentRows& sent,
+                                         Marks& marks) {
     ParserPtr parser(json_parser_new());
     GError* error = nullptr;
+    std::vector<Outcome> outcomes;
     bool walked = false;
     if (!json_parser_load_from_data(parser.get(), jsonResponse.c_str(),
                                     static_cast<gssize>(jsonResponse.size()), &error)) {
@@ -214,18 +214,50 @@ bool SyncOutcomeProcessor::applyResponse(const std::string& jsonResponse, Marks&
     } else {
         JsonNode* root = json_parser_get_root(parser.get());
         if (root != nullptr && JSON_NODE_HOLDS_ARRAY(root)) {
-            DbManager::getInstance();
             JsonArray* array = json_node_get_array(root);
             const guint length = json_array_get_length(array);
             for (guint i = 0; i < length; ++i) {
-                _applyElement(json_array_get_element(array, i), marks);
+                Outcome outcome{};
+                if (readElement(json_array_get_element(array, i), sent, marks, outcome))
+                    outcomes.push_back(std::move(outcome));
             }
             walked = true;
         }
     }
     parser.reset();
     LOGD("clearing json parser");
-    return walked;
+    if (!walked)
+        return false;
+
+    const bool stored = DbManager::getInstance()->runInTransaction([&outcomes](sqlite3* db) {
+        for (const Outcome& outcome : outcomes) {
+            const bool ok = outcome.conflict ? storeRevision(db, *outcome.row, outcome.rev)
+                                             : applyAccepted(db, outcome);
+            if (!ok) {
+                LOGE("error in update");
+                return false;
+            }
+        }
+        return true;
+    });
+    if (!stored) {
+        LOGE("answers of this reply not stored, its rows stay dirty");
+        return false;
+    }
+    for (const Outcome& outcome : outcomes) {
+        if (!outcome.conflict)
+            marks.accepted.insert(outcome.id);
+    }
+    return true;
+}
+
+std::set<std::string> SyncOutcomeProcessor::unaccepted(const SentRows& sent, const Marks& marks) {
+    std::set<std::string> missing;
+    for (const auto& entry : sent) {
+        if (marks.accepted.count(entry.first) == 0)
+            missing.insert(entry.first);
+    }
+    return missing;
 }
 
 void SyncOutcomeProcessor::update_dirtyflag(const char* table) {
@@ -233,7 +265,11 @@ void SyncOutcomeProcessor::update_dirtyflag(const char* table) {
         LOGE("Invalid table name");
         return;
     }
-    if (!deleteWhere(table, "dirty = 3"))
+    Bundle deletion;
+    deletion.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_DELETE);
+    deletion.addStr(bundlekeys::URI_TABLE_NAME, table);
+    deletion.addStr(bundlekeys::WHERE, "dirty = 3");
+    if (!runRequest(deletion))
         LOGE("error in delete");
     Bundle request;
     request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);

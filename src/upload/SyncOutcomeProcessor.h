@@ -3,43 +3,48 @@
 //
 // Answer: a JSON array of objects {"id", "rev"} or, for a refused document, {"id", "error",
 // "reason"[, "rev"]}. A document id is matched by the first of the prefixes "con_", "pkg_",
-// "aud_", "apl_", "aat_", "aab_", "clg_" found anywhere in it (substring search); ids with none
-// are ignored. Accepted documents get the server's revision and dirty 4 (rows at dirty 2 are
-// deleted); a "Document update conflict." keeps the row dirty but stores the revision and marks
-// its domain (contacts, applications, songs) as failed. Other refusals leave the row alone.
+// "aud_", "apl_", "aat_", "aab_", "clg_" found anywhere in it (substring search), which names its
+// domain; ids with none are ignored. The row an answer applies to is the one the document was
+// composed from (SentRows): ids that were not sent are ignored, so a reply never reaches rows it
+// did not name, and every value reaches SQL as a bound parameter.
 //
-// Thread: the sync worker (under the sync lock). Every request goes through the database
-// manager's query bundles; a failing request is logged ("error in update" / "error in delete")
-// and the walk goes on. Stateless apart from the marks handed in.
+// Accepted: the row gets the server's revision and dirty 4 (a confirmed deletion removes it),
+// but only while it is still in the state it was sent in; a row changed since keeps its new flag
+// (it goes up with the next sync) and only learns the revision. "Document update conflict." with
+// a revision: the row keeps its flag, learns the revision, and its domain (contacts,
+// applications, songs) is marked as conflicting. Other refusals leave the row alone. All answers
+// of one reply are applied in one transaction.
+//
+// Thread: the sync worker (under the sync lock and the domain's lock). Errors are logged
+// ("error in update" / "error in delete"); a reply that is not a JSON array, or whose transaction
+// fails, changes nothing and reports false.
 #pragma once
 
 #include <json-glib/json-glib.h>
 
+#include <set>
 #include <string>
+#include <unordered_set>
+
+#include "upload/SyncData.h"
 
 class SyncOutcomeProcessor {
   public:
-    // Domains that had a document refused as a conflict.
     struct Marks {
+        // Domains that had a document refused as a conflict.
         bool contactsConflict = false;
         bool applicationsFailed = false;
         bool mediaFailed = false;
+        // Ids of the documents the server accepted, over all replies of one close.
+        std::unordered_set<std::string> accepted;
     };
 
-    // Walks one answer. False when it is not a JSON array (nothing changed then).
-    static bool applyResponse(const std::string& jsonResponse, Marks& marks);
+    // Walks one answer and applies it to the rows in sent. False when it is not a JSON array or
+    // could not be stored (nothing changed then).
+    static bool applyResponse(const std::string& jsonResponse, const SentRows& sent, Marks& marks);
 
-    static void updateLocalDbNewStatus(const std::string& table, const std::string& key,
-                                       const std::string& rev);
-    static void updateLocalDbStatus(const std::string& table, const std::string& key,
-                                    const std::string& rev);
-    static void updateLocalAudioTableNewStatus(const std::string& key, const std::string& rev,
-                                               int type);
-    static void updateLocalAudioTableStatus(const std::string& key, const std::string& rev,
-                                            int type);
-    static void updateLocalAudioPlaylistTableNewStatus(const std::string& key,
-                                                       const std::string& rev);
-    static void updateLocalAudioPlaylistTableStatus(const std::string& key, const std::string& rev);
+    // The ids of sent that the server did not accept (the documents that must go up again).
+    static std::set<std::string> unaccepted(const SentRows& sent, const Marks& marks);
 
     // The string member name of an object node, or "" when absent.
     static std::string getFieldStringFromJNode(JsonNode* node, const std::string& name);
@@ -49,7 +54,4 @@ class SyncOutcomeProcessor {
     // and sets every other row to 4.
     static void update_dirty_flags(int item);
     static void update_dirtyflag(const char* table);
-
-  private:
-    static void _applyElement(JsonNode* element, Marks& marks);
 };

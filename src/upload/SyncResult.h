@@ -2,7 +2,10 @@
 // destructor by the list that holds it (the sync manager's result list).
 #pragma once
 
+#include <memory>
 #include <string>
+
+#include "upload/SyncData.h"
 
 class SyncResult {
   public:
@@ -19,4 +22,6 @@ class SyncResult {
     std::string jsonResponse;  // "[" + joined per-document answers + "]" after a post
     int syncType = 1;
     int itemType = -1;
+    // The rows the posted documents were composed from (shared by the results of one SyncData).
+    std::shared_ptr<const SentRows> sentRows = std::make_shared<const SentRows>();
 };

@@ -12,6 +12,7 @@
 namespace {
 
 constexpr size_t kChunkRoom = 1024000;  // output room per inflate round (one byte less than held)
+constexpr size_t kMaxInflated = 256u << 20;  // largest inflated reply accepted
 
 struct FreeDeleter {
     void operator()(void* p) const { std::free(p); }
@@ -38,7 +39,20 @@ int UMgrGzip::compress(const std::string& source, int level, unsigned char** com
         return RESULT;
     }
     const uLong sourceLen = static_cast<uLong>(source.size());
-    const uLong capacity = compressBound(sourceLen);
+    z_stream stream;
+    std::memset(&stream, 0, sizeof stream);
+    stream.zalloc = Z_NULL;
+    stream.zfree = Z_NULL;
+    stream.opaque = Z_NULL;
+    // gzip wrapper (window bits 15 + 16), memory level 9.
+    if (deflateInit2_(&stream, level, Z_DEFLATED, 31, 9, Z_DEFAULT_STRATEGY, "1.2.8",
+                      static_cast<int>(sizeof(z_stream))) != Z_OK) {
+        LOGE("deflateInit failed");
+        return RESULT;
+    }
+    // deflateBound knows the gzip header and trailer: the whole member always fits, also when a
+    // short body compresses to more than its input.
+    const uLong capacity = deflateBound(&stream, sourceLen);
     LOGD("sourceLen[%d]", static_cast<int>(sourceLen));
     LOGD("compressLevel[%d]", level);
     LOGD("compressedLen[%d]", static_cast<int>(capacity));
@@ -47,22 +61,18 @@ int UMgrGzip::compress(const std::string& source, int level, unsigned char** com
         static_cast<unsigned char*>(std::calloc(capacity, 1)));
     if (!buffer) {
         LOGE("Failed to Calloc");
+        deflateEnd(&stream);
         return RESULT;
     }
-    z_stream stream;
-    std::memset(&stream, 0, sizeof stream);
-    stream.zalloc = Z_NULL;
-    stream.zfree = Z_NULL;
-    stream.opaque = Z_NULL;
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(source.data()));
     stream.avail_in = static_cast<uInt>(sourceLen);
     stream.next_out = buffer.get();
     stream.avail_out = static_cast<uInt>(capacity);
-    // gzip wrapper (window bits 15 + 16), memory level 9; the codes are not examined.
-    if (deflateInit2_(&stream, level, Z_DEFLATED, 31, 9, Z_DEFAULT_STRATEGY, "1.2.8",
-                      static_cast<int>(sizeof(z_stream))) == Z_OK) {
-        deflate(&stream, Z_FINISH);
-        deflateEnd(&stream);
+    const int finished = deflate(&stream, Z_FINISH);
+    deflateEnd(&stream);
+    if (finished != Z_STREAM_END) {
+        LOGE("deflate did not complete [%d]", finished);
+        return RESULT;  // no torn member ever leaves here
     }
     const int outSize = static_cast<int>(stream.next_out - buffer.get());
     LOGD("inputSize[%d]", static_cast<int>(sourceLen));
@@ -99,16 +109,30 @@ int UMgrGzip::deCompress(const unsigned char* source, size_t sourceSize, std::st
     stream.next_in = const_cast<Bytef*>(source);
     stream.avail_in = static_cast<uInt>(sourceSize);
     std::ostringstream text;
+    size_t produced = 0;
+    int rc = Z_DATA_ERROR;
     if (inflateInit2_(&stream, 31, "1.2.8", static_cast<int>(sizeof(z_stream))) == Z_OK) {
         do {
             std::memset(work.get(), 0, kChunkRoom + 1);
             stream.next_out = reinterpret_cast<Bytef*>(work.get());
             stream.avail_out = static_cast<uInt>(kChunkRoom);
-            const int rc = inflate(&stream, Z_NO_FLUSH);
+            rc = inflate(&stream, Z_NO_FLUSH);
             LOGD("inflate result[%d], deCompressing Size[%u]", rc, stream.avail_out);
+            produced += kChunkRoom - stream.avail_out;
+            if (produced > kMaxInflated) {
+                LOGE("inflated size over [%u] bytes, refused", static_cast<unsigned>(kMaxInflated));
+                rc = Z_DATA_ERROR;
+                break;
+            }
             text << work.get();  // up to the chunk's first zero byte
-        } while (stream.avail_out == 0);
+        } while (stream.avail_out == 0 && rc == Z_OK);
         inflateEnd(&stream);
+    }
+    if (rc != Z_STREAM_END) {
+        // A truncated or damaged stream: nothing of it is used.
+        LOGE("gzip stream incomplete or damaged [%d]", rc);
+        result.clear();
+        return RESULT;
     }
     result = text.str();
     LOGD("deCompressed Size[%d]", static_cast<int>(result.size()));

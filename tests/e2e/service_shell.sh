@@ -71,7 +71,8 @@ fi
 ok "prefs"
 
 # 2. Bad input never takes the service down.
-"$PELIOCTL" launch >/dev/null || fail "launch without extras"
+gdbus call --session -d com.quorvin.plmsvc -o /com/quorvin/plmsvc \
+  -m com.quorvin.platform.Application.Launch "@a{ss} {}" >/dev/null || fail "launch without extras"
 "$PELIOCTL" launch NO_SUCH_KEY=1 EVENT_TYPE=NOT_AN_OPERATION >/dev/null || fail "unknown keys"
 "$PELIOCTL" launch EVENT_TYPE= SET_IP= =x >/dev/null 2>&1 && fail "a KEY=VALUE without key was accepted"
 "$PELIOCTL" launch EVENT_TYPE= SET_IP= >/dev/null || fail "empty values"

@@ -46,7 +46,7 @@ bus_activated_pids() {
     local p
     for p in $(pgrep -P "$BUS_PID" 2>/dev/null) $(pgrep -x pelio-service 2>/dev/null); do
         [ "$p" = "$$" ] && continue
-        tr '\0' '\n' <"/proc/$p/environ" 2>/dev/null |
+        { tr '\0' '\n' <"/proc/$p/environ"; } 2>/dev/null |
             grep -qxF "DBUS_SESSION_BUS_ADDRESS=$DBUS_SESSION_BUS_ADDRESS" && echo "$p"
     done | sort -u
 }

@@ -151,3 +151,33 @@ e2e_unconfirmed() {
     sqlite3 -cmd ".timeout 10000" "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
         "SELECT COUNT(*) FROM contacts WHERE dirty != 4"
 }
+
+# The display names of the live documents on the server, sorted, one per line; fails when a
+# document has an empty display name or two documents share an id.
+e2e_server_names() {
+    e2e_docs | node -e '
+        const docs = JSON.parse(require("fs").readFileSync(0, "utf8"));
+        const bad = docs.filter(d => !d.meta_data || !d.meta_data.displayname);
+        if (bad.length) { console.error("empty documents: " + JSON.stringify(bad)); process.exit(1); }
+        console.log(docs.map(d => d.meta_data.displayname).sort().join("\n"));'
+}
+
+# The FN of every card in the address book, sorted, one per line.
+e2e_book_names() {
+    cat "$XDG_DATA_HOME"/contacts/default/*.vcf 2>/dev/null | tr -d '\r' | sed -n 's/^FN://p' | sort
+}
+
+# Fails unless the server holds exactly the address book (WHAT).
+e2e_expect_converged() {
+    local server book
+    server=$(e2e_server_names) || e2e_fail "$1: unreadable server documents"
+    book=$(e2e_book_names)
+    [ "$server" = "$book" ] || e2e_fail "$1: server holds [$(echo $server)], the book [$(echo $book)]"
+    e2e_ok "$1"
+}
+
+# A differential sync request, then waits for the service to end itself.
+e2e_diff_sync() {
+    "$PELIOCTL" launch EVENT_TYPE=TRIGGER_FORCE_SYNC >/dev/null || e2e_fail "differential trigger"
+    e2e_wait_service_end "${1:-120}"
+}

@@ -196,7 +196,10 @@ class ManagerFixture : public ::testing::Test {
             auto it = bodies_.find(item);
             if (it == bodies_.end())
                 return nullptr;
-            return syncDataWith(item, it->second);
+            auto data = syncDataWith(item, it->second);
+            if (auto sent = sent_.find(item); sent != sent_.end())
+                data->sentRows = std::make_shared<SentRows>(sent->second);
+            return data;
         };
         hooks.requestDomainSync = [this](int domain, int code) {
             std::lock_guard<std::mutex> g(mutex_);
@@ -261,6 +264,7 @@ class ManagerFixture : public ::testing::Test {
     std::mutex mutex_;
     std::vector<int> sleeps_;
     std::map<int, std::vector<std::string>> bodies_;
+    std::map<int, SentRows> sent_;  // what the bodies of an item were composed from
     std::map<int, int> composed_;
     std::vector<std::pair<int, int>> domainRequests_;
     std::vector<bool> versionWrites_;

@@ -277,6 +277,11 @@ TEST_F(SyncManagerTest, CellularChangeAsksOnlyWaitingDomains) {
 
 TEST_F(SyncManagerTest, ThreadedWorkerSyncsAContactsChangeAndExits) {
     bodies_[3] = {"{\"docs\":[{\"_id\":\"con_0000000007\"}]}"};
+    SentRow row;
+    row.table = "contacts";
+    row.key = {{"_id", "7"}};
+    row.state = {{"dirty", "1"}};
+    sent_[3] = {{"con_0000000007", row}};
     configureUploader_ = [](FakeUploader& u) {
         u.answer = [](const std::string&) {
             return "[{\"id\":\"con_0000000007\",\"rev\":\"1-a\"}]";

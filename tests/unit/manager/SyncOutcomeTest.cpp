@@ -7,13 +7,25 @@ using pelio::test::LogCapture;
 
 namespace {
 
+// The row of contacts person id as the composer records it.
+SentRow contactRow(const std::string& id, int dirty, int version) {
+    SentRow row;
+    row.table = "contacts";
+    row.key = {{"_id", id}};
+    row.state = {{"dirty", std::to_string(dirty)}, {"version", std::to_string(version)}};
+    row.deletion = dirty == plm::DIRTY_DELETED;
+    return row;
+}
+
 class SyncOutcomeTest : public ManagerFixture {
   protected:
-    // Runs a close with the given answer posted for item.
-    void closeWithAnswer(PLMSyncManager* manager, int item, const std::string& answer) {
+    // Runs a close with the given answer posted for item, composed from sent.
+    void closeWithAnswer(PLMSyncManager* manager, int item, const std::string& answer,
+                         SentRows sent = {}) {
         auto* result = new SyncResult();
         result->itemType = item;
         result->jsonResponse = answer;
+        result->sentRows = std::make_shared<const SentRows>(std::move(sent));
         manager->appendSyncResultForTesting(result);
         uploader_->opened = true;
         uploader_->closed = false;
@@ -27,104 +39,108 @@ class SyncOutcomeTest : public ManagerFixture {
     }
 };
 
-TEST_F(SyncOutcomeTest, AcceptedContactDeletesDirtyTwoRowsAndMarksOthersSynced) {
+TEST_F(SyncOutcomeTest, AnswersApplyOnlyToTheRowsAsSentAndOnlyToIdsThatWereSent) {
     PLMSyncManager* manager = startWithSession();
-    exec("INSERT INTO contacts(_id, dirty, rev_id) VALUES('42', 2, '1-old')");
-    exec("INSERT INTO contacts(_id, dirty, rev_id) VALUES('43', 3, '1-old')");
-    exec("INSERT INTO contacts(_id, dirty, rev_id) VALUES('44', 1, NULL)");
+    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('42', 2, '1-old', 5)");
+    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('43', 3, '1-old', 5)");
+    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('44', 1, NULL, 5)");
+    // Collected again while the upload ran: new version, or deleted after being sent as an edit.
+    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('45', 3, '1-old', 6)");
+    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('46', 3, '1-old', 6)");
+    // Not part of this upload: a reply must not reach it, however its id is written.
+    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('99', 2, '1-old', 5)");
+    SentRows sent{{"con_00000042", contactRow("42", 2, 5)},
+                  {"con_00000043", contactRow("43", 3, 5)},
+                  {"con_00000044", contactRow("44", 1, 5)},
+                  {"con_00000045", contactRow("45", 3, 5)},
+                  {"con_00000046", contactRow("46", 2, 5)}};
     closeWithAnswer(manager, 3,
-                    "[{\"id\":\"con_0042\",\"rev\":\"3-x\"},"
-                    "{\"id\":\"con_0000000043\",\"rev\":\"2-y\"},"
-                    "{\"id\":\"con_0044\",\"error\":\"forbidden\",\"reason\":\"no\"}, 17]");
+                    "[{\"id\":\"con_00000042\",\"rev\":\"3-x\"},"
+                    "{\"id\":\"con_00000043\",\"rev\":\"2-y\"},"
+                    "{\"id\":\"con_00000044\",\"error\":\"forbidden\",\"reason\":\"no\"}, 17,"
+                    "{\"id\":\"con_00000045\",\"rev\":\"2-z\"},"
+                    "{\"id\":\"con_00000046\",\"rev\":\"2-d\"},"
+                    "{\"id\":\"con_00000099\",\"rev\":\"9-a\"},"
+                    "{\"id\":\"con_0099' OR '1'='1\",\"rev\":\"9-b\"}]",
+                    sent);
     EXPECT_TRUE(rows("SELECT * FROM contacts WHERE _id = '42'").empty());
-    EXPECT_EQ(rows("SELECT rev_id, dirty FROM contacts WHERE _id = '43'"),
-              (std::vector<std::string>{"2-y|4"}));
-    // A refusal other than a conflict leaves the row to be sent again.
-    EXPECT_EQ(rows("SELECT rev_id, dirty FROM contacts WHERE _id = '44'"),
-              (std::vector<std::string>{"NULL|1"}));
-    EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "2");
+    EXPECT_EQ(
+        rows("SELECT _id, rev_id, dirty FROM contacts WHERE _id != '42' ORDER BY _id"),
+        (std::vector<std::string>{"43|2-y|4", "44|NULL|1", "45|2-z|3", "46|2-d|3", "99|1-old|2"}));
+    // A refused document leaves the domain failed, so the next sync sends it again.
+    EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
     EXPECT_EQ(versionWrites_, (std::vector<bool>{false}));
 }
 
-TEST_F(SyncOutcomeTest, AcceptedContactRowNotDeletedSetsRevisionAndDirtyFour) {
+TEST_F(SyncOutcomeTest, AllAcceptedMarksTheDomainInStepAndEndsForcedMode) {
     PLMSyncManager* manager = startWithSession();
-    exec("INSERT INTO contacts(_id, dirty, rev_id) VALUES('42', 1, NULL)");
-    closeWithAnswer(manager, 3, "[{\"id\":\"con_0042\",\"rev\":\"3-x\"}]");
-    EXPECT_EQ(rows("SELECT rev_id, dirty FROM contacts WHERE _id = '42'"),
-              (std::vector<std::string>{"3-x|4"}));
+    prefs_->setBoolean(plm::PLMConstants::IS_FORCE, true);
+    exec("INSERT INTO contacts(_id, dirty, version) VALUES('7', 1, 2)");
+    closeWithAnswer(manager, 3, "[{\"id\":\"con_00000007\",\"rev\":\"1-a\"}]",
+                    {{"con_00000007", contactRow("7", 1, 2)}});
+    EXPECT_EQ(rows("SELECT rev_id, dirty FROM contacts"), (std::vector<std::string>{"1-a|4"}));
+    EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "2");
+    bool force = true;
+    ASSERT_EQ(prefs_->getBoolean(plm::PLMConstants::IS_FORCE, force), 0);
+    EXPECT_FALSE(force);
 }
 
-TEST_F(SyncOutcomeTest, ApplicationConflictKeepsRowDirtyStoresRevisionAndFailsDomain) {
+TEST_F(SyncOutcomeTest, ConflictsKeepRowsDirtyStoreTheRevisionAndFailTheirDomain) {
     PLMSyncManager* manager = startWithSession();
     exec(
         "INSERT INTO application(_id, package, dirty, rev_id) VALUES('com.a.b', 'com.a.b', 3, "
         "'1')");
+    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('9', 2, '1-a', 3)");
+    SentRow app;
+    app.table = "application";
+    app.key = {{"_id", "com.a.b"}};
+    app.state = {{"dirty", "3"}};
     LogCapture log;
     closeWithAnswer(manager, 1,
                     "[{\"id\":\"pkg_com.a.b\",\"error\":\"conflict\","
-                    "\"reason\":\"Document update conflict.\",\"rev\":\"5-z\"}]");
-    EXPECT_EQ(rows("SELECT rev_id, dirty FROM application WHERE _id = 'com.a.b'"),
-              (std::vector<std::string>{"5-z|3"}));
+                    "\"reason\":\"Document update conflict.\",\"rev\":\"5-z\"}]",
+                    {{"pkg_com.a.b", app}});
+    EXPECT_EQ(rows("SELECT rev_id, dirty FROM application"), (std::vector<std::string>{"5-z|3"}));
     EXPECT_EQ(status(plm::APP_SYNC_STATUS_P), "1");
     EXPECT_FALSE(log.hasMessage("setting contact doc update conflict status"));
-}
 
-TEST_F(SyncOutcomeTest, ContactConflictResetsVersionAndFailsContacts) {
-    PLMSyncManager* manager = startWithSession();
-    exec("INSERT INTO contacts(_id, dirty, rev_id) VALUES('9', 2, '1-a')");
-    LogCapture log;
     closeWithAnswer(manager, 3,
-                    "[{\"id\":\"con_0009\",\"error\":\"conflict\","
-                    "\"reason\":\"Document update conflict.\",\"rev\":\"2-b\"}]");
-    EXPECT_EQ(rows("SELECT rev_id, dirty FROM contacts WHERE _id = '9'"),
-              (std::vector<std::string>{"2-b|2"}));
+                    "[{\"id\":\"con_00000009\",\"error\":\"conflict\","
+                    "\"reason\":\"Document update conflict.\",\"rev\":\"2-b\"}]",
+                    {{"con_00000009", contactRow("9", 2, 3)}});
+    EXPECT_EQ(rows("SELECT rev_id, dirty FROM contacts"), (std::vector<std::string>{"2-b|2"}));
     EXPECT_TRUE(log.hasMessage("Doc update conflict for contact id 9"));
     EXPECT_TRUE(log.hasMessage("setting contact doc update conflict status"));
     EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
     EXPECT_EQ(versionWrites_, (std::vector<bool>{true}));
 }
 
-TEST_F(SyncOutcomeTest, PrefixIsFoundAnywhereAndNonArrayAnswersChangeNothing) {
+TEST_F(SyncOutcomeTest, UnreadableOrMissingAnswersLeaveRowsDirtyAndTheDomainFailed) {
     PLMSyncManager* manager = startWithSession();
-    exec("INSERT INTO contacts(_id, dirty) VALUES('5', 1)");
-    exec("INSERT INTO contacts(_id, dirty) VALUES('con_7', 1)");
-    exec("INSERT INTO audio(audio_id, type, dirty) VALUES(0, 0, 1)");
-    SyncOutcomeProcessor::Marks marks;
-    // "con_" inside the id counts and wins over "aud_": the contacts table is updated, keyed by
-    // the text after the first four characters.
-    EXPECT_TRUE(
-        SyncOutcomeProcessor::applyResponse("[{\"id\":\"aud_con_7\",\"rev\":\"1-q\"}]", marks));
-    EXPECT_EQ(rows("SELECT rev_id, dirty FROM contacts WHERE _id = 'con_7'"),
-              (std::vector<std::string>{"1-q|4"}));
-    EXPECT_EQ(rows("SELECT dirty FROM audio"), (std::vector<std::string>{"1"}));
-
-    exec("UPDATE contacts SET dirty = 1");
-    EXPECT_FALSE(SyncOutcomeProcessor::applyResponse("{\"id\":\"con_0005\",\"rev\":\"2\"}", marks));
-    EXPECT_FALSE(SyncOutcomeProcessor::applyResponse("not json", marks));
-    EXPECT_EQ(rows("SELECT dirty FROM contacts WHERE _id = '5'"), (std::vector<std::string>{"1"}));
-    closeWithAnswer(manager, 3, "{}");
-    EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "2");  // still marked in step
+    exec("INSERT INTO contacts(_id, dirty, version) VALUES('5', 1, 1)");
+    const SentRows sent{{"con_00000005", contactRow("5", 1, 1)}};
+    for (const char* answer : {"{\"id\":\"con_00000005\",\"rev\":\"2\"}", "not json", "[]"}) {
+        closeWithAnswer(manager, 3, answer, sent);
+        EXPECT_EQ(rows("SELECT dirty FROM contacts"), (std::vector<std::string>{"1"})) << answer;
+        EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1") << answer;
+    }
+    // The id's prefix may stand anywhere in it; the sent row decides where the answer goes.
+    closeWithAnswer(manager, 3, "[{\"id\":\"aud_con_5\",\"rev\":\"1-q\"}]",
+                    {{"aud_con_5", contactRow("5", 1, 1)}});
+    EXPECT_EQ(rows("SELECT rev_id, dirty FROM contacts"), (std::vector<std::string>{"1-q|4"}));
 }
 
-TEST_F(SyncOutcomeTest, AudioPlaylistAndTypedAudioAnswersUseTheirKeys) {
-    start(false);
-    exec("INSERT INTO audio(audio_id, type, dirty) VALUES(12, 3, 1)");
-    exec("INSERT INTO audio(audio_id, type, dirty) VALUES(12, 4, 2)");
-    exec("INSERT INTO audio_playlist(playlist_id, dirty) VALUES(8, 2)");
-    exec("INSERT INTO audio_playlist(playlist_id, dirty) VALUES(9, 3)");
-    SyncOutcomeProcessor::Marks marks;
-    ASSERT_TRUE(SyncOutcomeProcessor::applyResponse(
-        "[{\"id\":\"aab_0012\",\"rev\":\"1-al\"},{\"id\":\"aat_0012\",\"rev\":\"1-ar\"},"
-        "{\"id\":\"apl_0008\",\"rev\":\"1-p\"},{\"id\":\"apl_0009\",\"error\":\"c\","
-        "\"reason\":\"Document update conflict.\",\"rev\":\"2-p\"},"
-        "{\"id\":\"aud_0077\",\"error\":\"c\",\"reason\":\"Document update conflict.\"}]",
-        marks));
-    EXPECT_EQ(rows("SELECT type, rev_id, dirty FROM audio ORDER BY type"),
-              (std::vector<std::string>{"3|1-al|4"}));
-    EXPECT_EQ(rows("SELECT playlist_id, rev_id, dirty FROM audio_playlist"),
-              (std::vector<std::string>{"9|2-p|3"}));
-    // A conflict without a revision is skipped.
-    EXPECT_FALSE(marks.mediaFailed);
+TEST_F(SyncOutcomeTest, APartThatWasNeverPostedFailsTheDomainAfterTheClose) {
+    bodies_[3] = {"{\"docs\":[1]}", "{\"docs\":[2]}"};
+    configureUploader_ = [](FakeUploader& up) {
+        up.answer = [](const std::string& body) {
+            return body.find("[1]") != std::string::npos ? std::string("[]") : std::string();
+        };
+    };
+    PLMSyncManager* manager = start(false);
+    EXPECT_FALSE(manager->composeAndSync(3));
+    manager->closeSessionAndApplyOutcomes();
+    EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
 }
 
 TEST_F(SyncOutcomeTest, DirtyFlagResetDeletesUpdatedRowsAndSyncsTheRest) {

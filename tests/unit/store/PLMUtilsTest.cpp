@@ -104,7 +104,8 @@ TEST_F(PLMUtilsTest, MediaHexaIdReadsTheAudioRow) {
     EXPECT_TRUE(log_.hasMessage("media_id[7f3a]"));
     EXPECT_TRUE(log_.hasMessage("columns [audio_id]"));
 
-    paths_->setAvailable(false);  // no database directory any more
+    paths_->setAvailable(false);  // no database directory for a service that starts now
+    DbManager::resetInstanceForTesting();
     EXPECT_EQ("", getMediaHexaId(1));
     EXPECT_TRUE(log_.hasMessage("plmsvc_db_process FAIL"));
 }

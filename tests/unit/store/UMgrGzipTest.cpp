@@ -76,6 +76,20 @@ TEST(UMgrGzipTest, CompressOutputIsAGzipMemberTheSystemGzipReads) {
     EXPECT_EQ(json, back);
 }
 
+TEST(UMgrGzipTest, ShortBodiesThatGrowStillGiveCompleteMembers) {
+    UMgrGzip gzip;
+    for (const std::string& body :
+         {std::string("a"),
+          std::string("{\"docs\":[{\"_id\":\"pkg_vlc\",\"_rev\":\"\",\"_deleted\":true}]}")}) {
+        unsigned char* compressed = nullptr;
+        int size = 0;
+        gzip.compress(body, 6, &compressed, &size);
+        ASSERT_NE(nullptr, compressed) << body;
+        std::unique_ptr<unsigned char, decltype(&std::free)> owned(compressed, &std::free);
+        EXPECT_EQ(body, systemGunzip(compressed, size)) << body;
+    }
+}
+
 TEST(UMgrGzipTest, CompressRejectsEmptySourceAndNullSize) {
     LogCapture log;
     UMgrGzip gzip;
@@ -143,12 +157,13 @@ TEST(UMgrGzipTest, DeCompressOfBadInputStillReturns100) {
     gzip.deCompress(zlibbed.data(), zlen, out);
     EXPECT_EQ("", out);
 
-    // A truncated member gives the text inflated before the end.
+    // A truncated member gives nothing: half a reply is never read as a whole one.
     std::string text(5000, 'a');
     std::string gz = gzipOf(text);
     gz.resize(gz.size() - 8);  // trailer gone
+    out = "x";
     gzip.deCompress(reinterpret_cast<const unsigned char*>(gz.data()), gz.size(), out);
-    EXPECT_EQ(text, out);
+    EXPECT_EQ("", out);
 }
 
 }  // namespace

@@ -245,15 +245,21 @@ TEST_F(ContactsJsonComposerTest, LiveDocumentEnvelopeNamesAndNumbers) {
     EXPECT_EQ(data->documents[0].find('\n'), std::string::npos);
 }
 
-TEST_F(ContactsJsonComposerTest, LookUpFailureStillSendsTheContactEmpty) {
+TEST_F(ContactsJsonComposerTest, UnreadablePersonIsNotSentAndLeavesTheDomainIncomplete) {
     insertRows(4242, 1, 1);  // the contacts service does not know it
+    insertRows(57, 1, 2, "3-abc");
     auto data = compose();
-    ASSERT_EQ(data->insertedCount, 1);
+    EXPECT_FALSE(data->complete);
+    EXPECT_EQ(data->insertedCount, 0);
+    EXPECT_EQ(data->deletedCount, 1);
     Bodies bodies = parse(*data);
-    JsonObject* meta = json_object_get_object_member(bodies.doc(0, 0), "meta_data");
-    EXPECT_STREQ(json_object_get_string_member(meta, "displayname"), "");
-    EXPECT_FALSE(json_object_get_boolean_member(meta, "starred"));
-    EXPECT_FALSE(json_object_has_member(meta, "phone"));
+    ASSERT_EQ(json_array_get_length(bodies.docs(0)), 1u);
+    // What each document was composed from, for the outcome of its answer.
+    ASSERT_EQ(data->sentRows->size(), 1u);
+    const SentRow& row = data->sentRows->at("con_00000057");
+    EXPECT_EQ(row.key, (SentRow::Columns{{"_id", "57"}}));
+    EXPECT_EQ(row.state, (SentRow::Columns{{"dirty", "2"}, {"version", "1"}}));
+    EXPECT_TRUE(row.deletion);
 }
 
 TEST_F(ContactsJsonComposerTest, BatchesOfExactlyOneThousand) {
@@ -261,7 +267,12 @@ TEST_F(ContactsJsonComposerTest, BatchesOfExactlyOneThousand) {
         int rows;
         std::vector<guint> sizes;
     };
-    int firstId = 1;
+    contacts_->beginBatch();
+    const int firstId0 = contacts_->addContact(FakeContactsService::person("P"));
+    for (int i = 1; i < 4501; ++i)
+        contacts_->addContact(FakeContactsService::person("P" + std::to_string(i)));
+    contacts_->commitBatch();
+    int firstId = firstId0;
     gint64 lastNumber = ContactsJsonComposer::lastDocumentNumber();
     for (const Case& c :
          {Case{1000, {1000}}, Case{1001, {1000, 1}}, Case{2500, {1000, 1000, 500}}}) {
@@ -285,12 +296,11 @@ TEST_F(ContactsJsonComposerTest, BatchesOfExactlyOneThousand) {
 }
 
 TEST_F(ContactsJsonComposerTest, LargeTableIsComposedCompletelyWithoutDuplicates) {
-    insertRows(1, 3000, 1);
+    insertRows(1, 3000, 2, "1-x");
     insertRows(3001, 2300, 2, "1-z");
     insertRows(9001, 50, 4, "1-y");  // in step: not selected
     auto data = compose();
-    EXPECT_EQ(data->insertedCount, 3000);
-    EXPECT_EQ(data->deletedCount, 2300);
+    EXPECT_EQ(data->deletedCount, 5300);
     Bodies bodies = parse(*data);
     std::set<std::string> ids;
     size_t total = 0;

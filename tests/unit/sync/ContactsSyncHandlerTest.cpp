@@ -123,19 +123,32 @@ TEST_F(ContactsSyncHandlerTest, DeltaMarksInsertsUpdatesAndDeletes) {
         "calculate delta end - insertedCnt[1], updatedCnt[1], deletedCnt[1] - result[0]"));
 }
 
-TEST_F(ContactsSyncHandlerTest, RepeatedChangeInsideOneVersionCountsAsRemoval) {
+TEST_F(ContactsSyncHandlerTest, ReplayedChangesKeepPendingFlagsAndUnsyncedRemovalsSendNothing) {
     const int ann = addPerson("Ann");
-    contacts_->updateContact(ann, FakeContactsService::person("Ann", "Anne"));
+    const int bob = addPerson("Bob");
     ContactsSyncHandler handler(&host_);
-    ASSERT_EQ(handler.syncData(98), 0);  // Ann is new: inserted at the current version
-    EXPECT_EQ(dirtyById().at(std::to_string(ann)), std::vector<int>{1});
-
-    // Read again at the same version ("is_force" still absent): the update is seen a second time.
+    ASSERT_EQ(handler.syncData(98), 0);
+    // Pending at the version they were collected at: an update stays an update, a confirmed row
+    // stays confirmed, when the same changes are read again (a retry after a failed upload).
+    exec("DELETE FROM contacts WHERE _id = '" + std::to_string(ann) + "'");
+    exec("INSERT INTO contacts (_id, contact_id, dirty, version) VALUES ('" + std::to_string(ann) +
+         "', " + std::to_string(ann) + ", 3, " + std::to_string(contacts_->version()) + ")");
+    exec("UPDATE contacts SET dirty = 4 WHERE _id = '" + std::to_string(bob) + "'");
     log_.clear();
     EXPECT_EQ(handler.syncData(98), 0);
-    EXPECT_EQ(dirtyById().at(std::to_string(ann)), std::vector<int>{2});
+    EXPECT_EQ(dirtyById().at(std::to_string(ann)), std::vector<int>{3});
+    EXPECT_EQ(dirtyById().at(std::to_string(bob)), std::vector<int>{4});
     EXPECT_TRUE(log_.hasMessage(
-        "calculate delta end - insertedCnt[0], updatedCnt[0], deletedCnt[1] - result[0]"));
+        "calculate delta end - insertedCnt[0], updatedCnt[0], deletedCnt[0] - result[0]"));
+
+    // Added and removed between two syncs: never on the server, so nothing is entered.
+    const int cy = addPerson("Cy");
+    ASSERT_TRUE(contacts_->deleteContact(cy));
+    // Removed after it was synced: a deletion.
+    ASSERT_TRUE(contacts_->deleteContact(bob));
+    EXPECT_EQ(handler.syncData(98), 0);
+    EXPECT_EQ(dirtyById().count(std::to_string(cy)), 0u);
+    EXPECT_EQ(dirtyById().at(std::to_string(bob)), std::vector<int>{2});
 }
 
 TEST_F(ContactsSyncHandlerTest, RowsStillMarkedInsertedAreInsertedOnceMore) {
@@ -235,19 +248,43 @@ TEST_F(ContactsSyncHandlerTest, LargeAddressBookIsReadBackCompletely) {
     EXPECT_FALSE(log_.contains("MAX_QUERY_SIZE"));
 }
 
-TEST_F(ContactsSyncHandlerTest, StoredVersionIsResetOrAdvancedOnRequest) {
+TEST_F(ContactsSyncHandlerTest, StoredVersionIsTheOneTheCollectionReadOrReset) {
     addPerson("Ann");
-    addPerson("Bob");
     ContactsSyncHandler handler(&host_);
     int version = 0;
+    // No collection yet: nothing to record.
+    EXPECT_EQ(handler.writeNewSyncContactsDbVersion(false), 0);
+    EXPECT_NE(handler.readSyncContactsDbVersion(version), 0);
+
+    ASSERT_EQ(handler.syncData(98), 0);
+    const int collected = contacts_->version();
+    addPerson("Bob");  // changed while the upload runs
     EXPECT_EQ(handler.writeNewSyncContactsDbVersion(false), 0);
     EXPECT_EQ(handler.readSyncContactsDbVersion(version), 0);
-    EXPECT_EQ(version, contacts_->version());
-    EXPECT_TRUE(log_.hasMessage("writeNewSyncContactsDbVersion [" +
-                                std::to_string(contacts_->version()) + "]"));
+    EXPECT_EQ(version, collected);
+    EXPECT_TRUE(
+        log_.hasMessage("writeNewSyncContactsDbVersion [" + std::to_string(collected) + "]"));
     EXPECT_EQ(handler.writeNewSyncContactsDbVersion(true), 0);
     EXPECT_EQ(handler.readSyncContactsDbVersion(version), 0);
     EXPECT_EQ(version, -1);
+}
+
+TEST_F(ContactsSyncHandlerTest, AFailedRowWriteFailsTheCollectionAndKeepsTheStoredVersion) {
+    addPerson("Ann");
+    ContactsSyncHandler handler(&host_);
+    ASSERT_EQ(handler.syncData(98), 0);  // uses up the store's first (always committed) transaction
+    ASSERT_EQ(handler.writeNewSyncContactsDbVersion(false), 0);
+    int stored = 0;
+    ASSERT_EQ(handler.readSyncContactsDbVersion(stored), 0);
+    exec("CREATE TRIGGER refuse BEFORE INSERT ON contacts BEGIN SELECT RAISE(ABORT, 'full'); END");
+    const int bob = addPerson("Bob");
+    EXPECT_EQ(handler.syncData(98), 1);
+    EXPECT_EQ(dirtyById().count(std::to_string(bob)), 0u);
+    // Nothing of the failed collection counts as collected.
+    EXPECT_EQ(handler.writeNewSyncContactsDbVersion(false), 0);
+    int version = 0;
+    ASSERT_EQ(handler.readSyncContactsDbVersion(version), 0);
+    EXPECT_EQ(version, stored);
 }
 
 TEST_F(ContactsSyncHandlerTest, ContactsServiceFailureEndsWithOne) {

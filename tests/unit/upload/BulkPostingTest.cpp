@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
+#include <thread>
 
 #include "PLMConstants.h"
 #include "support/LogCapture.h"
@@ -207,27 +209,25 @@ TEST_F(BulkPostingThreadedTest, ATransferErrorOnTheSecondPartDiscardsEverything)
     EXPECT_TRUE(log.hasMessage("posting failed"));
 }
 
-TEST_F(BulkPostingThreadedTest, RepliesThatAreNotGzipOrTruncatedFail) {
+TEST_F(BulkPostingThreadedTest, PlainRepliesAreReadAndDamagedGzipFails) {
     SyncData data;
     data.message = uploadtest::docsMessage(3);
     rawReply = true;
-    fixedReply = "[{\"ok\":true}]";  // plain text, not a gzip member
+    fixedReply = "[{\"ok\":true,\"id\":\"p\"}]";  // plain text, not a gzip member
     SyncResult plain;
     handler.performSync(&data, &plain);
-    EXPECT_EQ(plain.status, SyncResult::STATUS_FAILED);
-    EXPECT_TRUE(plain.jsonResponse.empty());
+    EXPECT_EQ(plain.status, SyncResult::STATUS_SUCCESS);
+    EXPECT_EQ(plain.jsonResponse, "[{\"ok\":true,\"id\":\"p\"}]");
 
-    // Truncated gzip member: what was inflated before the end is kept.
+    // Truncated gzip member, or a header alone: half a reply is never taken for a whole one.
     std::string full = uploadtest::gzip("[{\"ok\":true,\"id\":\"x\"}]");
-    fixedReply = full.substr(0, full.size() - 8);  // trailer cut off
-    SyncResult truncated;
-    handler.performSync(&data, &truncated);
-    EXPECT_EQ(truncated.status, SyncResult::STATUS_SUCCESS);
-    EXPECT_EQ(truncated.jsonResponse, "[{\"ok\":true,\"id\":\"x\"}]");
-    fixedReply = full.substr(0, 5);  // header only: nothing inflates
-    SyncResult header;
-    handler.performSync(&data, &header);
-    EXPECT_EQ(header.status, SyncResult::STATUS_FAILED);
+    for (const std::string& cut : {full.substr(0, full.size() - 8), full.substr(0, 5)}) {
+        fixedReply = cut;
+        SyncResult damaged;
+        handler.performSync(&data, &damaged);
+        EXPECT_EQ(damaged.status, SyncResult::STATUS_FAILED);
+        EXPECT_TRUE(damaged.jsonResponse.empty());
+    }
 }
 
 TEST_F(BulkPostingThreadedTest, HugeReplies) {
@@ -241,8 +241,7 @@ TEST_F(BulkPostingThreadedTest, HugeReplies) {
     EXPECT_EQ(one.status, SyncResult::STATUS_SUCCESS);
     EXPECT_EQ(one.jsonResponse, big);
 
-    // A gzip reply delivered in several chunks keeps only its last chunk, which is no gzip
-    // member on its own: the upload counts as failed.
+    // A gzip reply delivered in many chunks is kept whole.
     std::string noise;
     unsigned x = 12345;
     for (int i = 0; i < 400000; ++i) {
@@ -254,8 +253,46 @@ TEST_F(BulkPostingThreadedTest, HugeReplies) {
     ASSERT_GT(fixedReply.size(), 100000u);
     SyncResult chunked;
     handler.performSync(&data, &chunked);
-    EXPECT_EQ(chunked.status, SyncResult::STATUS_FAILED);
-    EXPECT_TRUE(chunked.jsonResponse.empty());
+    EXPECT_EQ(chunked.status, SyncResult::STATUS_SUCCESS);
+    EXPECT_EQ(chunked.jsonResponse, "[{\"id\":\"" + noise + "\"}]");
+}
+
+TEST_F(BulkPostingThreadedTest, SilentServerIsLeftAtTheStallLimitOrWhenCancelled) {
+    // A listener that never accepts: the connection opens, the request goes out, no answer comes.
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(::listen(listener, 4), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    peer.setSession("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/db",
+                    "AuthSession=tok");
+    SyncData data;
+    data.message = uploadtest::docsMessage(2);
+
+    DataUploadHandler::setTransferLimitsForTesting(5, 1);
+    SyncResult stalled;
+    handler.performSync(&data, &stalled);
+    EXPECT_EQ(stalled.status, SyncResult::STATUS_FAILED);
+
+    DataUploadHandler::setTransferLimitsForTesting(15, 60);
+    std::atomic<bool> done{false};
+    SyncResult cancelled;
+    std::thread poster([&] {
+        handler.performSync(&data, &cancelled);
+        done = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    handler.cancelTransfers();
+    for (int i = 0; i < 50 && !done; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(done.load());  // well before the 60 s stall limit
+    poster.join();
+    EXPECT_EQ(cancelled.status, SyncResult::STATUS_FAILED);
+    ::close(listener);
 }
 
 TEST_F(BulkPostingThreadedTest, PreconditionsAndNothingToPost) {

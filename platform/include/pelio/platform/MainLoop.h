@@ -1,7 +1,9 @@
 // The process's main loop (EFL Ecore) and its D-Bus library (Eldbus).
 //
 // MainLoopScope initialises Ecore and Eldbus for its lifetime, with Ecore's system modules
-// switched off (they would log about and reach for buses this process does not use). Scopes nest:
+// switched off (they would log about and reach for buses this process does not use), and the
+// libraries' own log lines routed into this process's log (tag "PelioPlatform", one line each, no
+// backtrace dumps; errors and worse unless EINA_LOG_LEVEL says otherwise). Scopes nest:
 // the libraries are shut down when the outermost one ends. Create it on the thread that will run
 // the loop; everything else here except runOnMainLoop() belongs to that thread.
 #pragma once
