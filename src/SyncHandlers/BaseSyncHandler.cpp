@@ -159,6 +159,7 @@ void BaseSyncHandler::handleSyncRequest() {
             return;
         }
         LOGD("popped[%d], syncDomain[%d]", syncType, mDomainId);
+        mCollecting.store(true);
         lock.unlock();
 
         int ret;
@@ -171,6 +172,7 @@ void BaseSyncHandler::handleSyncRequest() {
             }
             ret = syncData(syncType);
         }
+        mCollecting.store(false);
         LOGD("Sync type called from base[%d], ret[%d]", syncType, ret);
 
         if (ret == 0) {

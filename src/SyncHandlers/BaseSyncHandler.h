@@ -64,6 +64,8 @@ class BaseSyncHandler {
 
     // Introspection (tests, the sync manager's diagnostics).
     int queueLength();
+    // A request is queued or its collection is running (reporting its outcome does not count).
+    bool isCollecting() const { return mCollecting.load() || mPendingType.load() != 0; }
     bool isWorkerRunning();
     int domainId() const { return mDomainId; }
 
@@ -113,4 +115,5 @@ class BaseSyncHandler {
     std::thread mWorker;          // guarded by mQueueLock
     bool mWorkerRunning = false;  // guarded by mQueueLock
     std::atomic<bool> mStopRequested{false};
+    std::atomic<bool> mCollecting{false};
 };

@@ -8,6 +8,7 @@
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
+#include "composer/AppJsonComposer.h"
 #include "composer/ContactsJsonComposer.h"
 #include "composer/MediaJsonComposer.h"
 
@@ -25,6 +26,8 @@ std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item) {
             }
             break;
         }
+        case plm::SYNC_ITEM_APPLICATION:
+            return std::make_unique<AppJsonComposer>()->makeUploadJSON();
         case plm::SYNC_ITEM_MEDIA: {
             try {
                 return MediaJsonComposer().makeUploadJSON();

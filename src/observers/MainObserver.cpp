@@ -1,16 +1,21 @@
 #include "observers/MainObserver.h"
 
 #include "PelioLog.h"
+#include "observers/AppDBObserver.h"
 #include "observers/ContactDbObserver.h"
 #include "observers/MediaDBObserver.h"
 
 MainObserver::MainObserver()
-    : mContactDbObserver(std::make_unique<ContactDbObserver>()),
+    : mAppDbObserver(std::make_unique<AppDBObserver>()),
+      mContactDbObserver(std::make_unique<ContactDbObserver>()),
       mMediaDBObserver(std::make_unique<MediaDBObserver>()) {}
 
 MainObserver::~MainObserver() = default;
 
 void MainObserver::register_all_observers() {
+    if (mAppDbObserver) {
+        AppDBObserver::register_app_observer(mAppDbObserver.get());
+    }
     if (mContactDbObserver) {
         ContactDbObserver::register_contacts_observer(mContactDbObserver.get());
     }
@@ -22,6 +27,7 @@ void MainObserver::register_all_observers() {
 void MainObserver::unregister_all_observers() {
     if (!mRegistered)
         return;
+    AppDBObserver::unregister_app_observer();
     if (mContactDbObserver) {
         ContactDbObserver::unregister_contacts_observer(mContactDbObserver.get());
     }

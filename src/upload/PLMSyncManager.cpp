@@ -14,12 +14,14 @@
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
+#include "SyncHandlers/AppSyncHandler.h"
 #include "SyncHandlers/ContactsSyncHandler.h"
 #include "SyncHandlers/MediaSyncHandler.h"
 #include "composer/JSONComposer.h"
 #include "database/DbManager.h"
 #include "intent/IntentMgr.h"
 #include "network/NetworkMgr.h"
+#include "observers/CellularObserver.h"
 #include "observers/MainObserver.h"
 #include "pref/PrefMgr.h"
 #include "upload/DataUploadHandler.h"
@@ -130,6 +132,7 @@ PLMSyncManager::PLMSyncManager() {
     LOGD("DbManager::getInstance created successfully from PLMSyncManager");
     mMainObserver = std::make_unique<MainObserver>();
     mMainObserver->register_all_observers();
+    CellularObserver::register_cellular_observer();
     mNetworkMgr = std::make_unique<NetworkMgr>();
     mNetworkMgr->init();
     mIntentMgr = std::make_unique<IntentMgr>();
@@ -176,6 +179,10 @@ PLMSyncManager::~PLMSyncManager() {
     }
     if (!mHooks.stopDomainWorkers && mMediaHandlerUsed.load())
         MediaSyncHandler::deleteInstance();
+    if (!mHooks.stopDomainWorkers && mAppHandlerUsed.load()) {
+        AppSyncHandler::deleteInstance();
+    }
+    CellularObserver::unregister_cellular_observer();
     if (mMainObserver)
         mMainObserver->unregister_all_observers();
     mMainObserver.reset();
@@ -214,6 +221,9 @@ void PLMSyncManager::_requestDomainSync(int domain, int code) {
     if (domain == plm::SYNC_ITEM_CONTACTS) {
         mContactsHandlerUsed.store(true);
         ContactsSyncHandler::getInstance()->requestSync(code);
+    } else if (domain == plm::SYNC_ITEM_APPLICATION) {
+        mAppHandlerUsed.store(true);
+        AppSyncHandler::getInstance()->requestSync(code);
     }
     if (domain == plm::SYNC_ITEM_MEDIA) {
         mMediaHandlerUsed.store(true);
@@ -222,7 +232,6 @@ void PLMSyncManager::_requestDomainSync(int domain, int code) {
         set_sync_status(plm::MEDIA_SYNC_STATUS_P, plm::STATUS_WAITING);
         MediaSyncHandler::getInstance()->requestSync(code);
     }
-    // The application handler is not part of this build.
 }
 
 void PLMSyncManager::stopHandlerThreads() {
@@ -234,6 +243,8 @@ void PLMSyncManager::stopHandlerThreads() {
         ContactsSyncHandler::getInstance()->stopWorker();
     if (mMediaHandlerUsed.load())
         MediaSyncHandler::getInstance()->stopWorker();
+    if (mAppHandlerUsed.load())
+        AppSyncHandler::getInstance()->stopWorker();
 }
 
 DataUploadHandler* PLMSyncManager::_uploader() {
@@ -342,15 +353,28 @@ void PLMSyncManager::collectionFailed(int item) {
     if (statusKeyOf(item) == nullptr)
         return;
     update_preference_status_on_sync_fail(item);
-    if (!_workerShouldStop())
+    if (!_workerShouldStop() && !_otherDomainCollecting(item))
         check_for_process_exit();
 }
 
-void PLMSyncManager::collectionFoundNothing(int /*item*/) {
+void PLMSyncManager::collectionFoundNothing(int item) {
     // A request that found nothing anywhere must still let the service end; the check keeps it
     // running while any domain is waiting or uploading.
-    if (!_workerShouldStop())
+    if (!_workerShouldStop() && !_otherDomainCollecting(item))
         check_for_process_exit();
+}
+
+bool PLMSyncManager::_otherDomainCollecting(int item) {
+    // The domain still collecting reaches the exit check itself when it is done.
+    const bool busy = (item != plm::SYNC_ITEM_CONTACTS && mContactsHandlerUsed.load() &&
+                       ContactsSyncHandler::getInstance()->isCollecting()) ||
+                      (item != plm::SYNC_ITEM_APPLICATION && mAppHandlerUsed.load() &&
+                       AppSyncHandler::getInstance()->isCollecting()) ||
+                      (item != plm::SYNC_ITEM_MEDIA && mMediaHandlerUsed.load() &&
+                       MediaSyncHandler::getInstance()->isCollecting());
+    if (busy)
+        LOGD("another domain is still collecting");
+    return busy;
 }
 
 void PLMSyncManager::clearServer() {

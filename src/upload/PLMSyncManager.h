@@ -56,12 +56,12 @@ struct PLMSyncManagerHooks {
     // A domain's upload record (null: nothing to send). Default: JSONComposer::makeSyncData(item).
     std::function<std::unique_ptr<SyncData>(int item)> makeSyncData;
     // requestSync(code) on a domain handler (3 contacts, 1 applications, 2 media). Default: the
-    // contacts and media handlers; the application handler is not part of this build yet.
+    // contacts, application and media handlers.
     std::function<void(int domain, int code)> requestDomainSync;
     // The contacts handler's writeNewSyncContactsDbVersion(reset) after a contacts PDS close.
     std::function<void(bool reset)> writeContactsDbVersion;
-    // Cancels the domain handlers' worker threads. Default: the contacts and media handlers'
-    // stopWorker().
+    // Cancels the domain handlers' worker threads. Default: the contacts, application and media
+    // handlers' stopWorker().
     std::function<void()> stopDomainWorkers;
     // Whether getInstance() starts the worker thread (tests of single steps leave it off).
     bool startWorker = true;
@@ -154,6 +154,7 @@ class PLMSyncManager : public SyncHandlerHost {
     DataUploadHandler* _ensureUploader();
     bool _tryClose(DataUploadHandler* handler);
     bool _hasResultOf(int item);
+    bool _otherDomainCollecting(int item);
     void _stopWorker();
     bool _workerShouldStop() const { return mStopping.load(); }
 
@@ -178,6 +179,7 @@ class PLMSyncManager : public SyncHandlerHost {
     std::atomic<bool> mContactsHandlerUsed{false};
     // Whether the media handler was reached (so shutdown stops its worker).
     std::atomic<bool> mMediaHandlerUsed{false};
+    std::atomic<bool> mAppHandlerUsed{false};
 
     std::unique_ptr<SyncQueue> mSyncQueue;
     std::unique_ptr<SyncQueue> mPendingQueue;

@@ -9,8 +9,7 @@ e2e_card "$book/a.vcf" fa-1 "Ann Amber" "Amber;Ann;;;" "TEL;TYPE=CELL:+15550201"
 e2e_card "$book/b.vcf" fb-1 "Ben Brown" "Brown;Ben;;;" "TEL;TYPE=HOME:+15550202"
 e2e_configure
 
-server_docs() { local db; db=$(e2e_device_db 2>/dev/null) || { echo 0; return; }
-    curl -s "$STACK_COUCH_URL/$db" | node -e 'console.log(JSON.parse(require("fs").readFileSync(0,"utf8")).doc_count)'; }
+server_docs() { e2e_doc_count contact; }
 diff_sync() { "$PELIOCTL" launch EVENT_TYPE=TRIGGER_FORCE_SYNC >/dev/null || e2e_fail "trigger"; }
 expect_recovered() {  # WHAT
     [ "$(server_docs)" = "$expected" ] || e2e_fail "$1: server holds $(server_docs), not $expected"

@@ -15,6 +15,8 @@ TempHome::TempHome() {
         {"XDG_DATA_HOME", dataHome()},
         {"XDG_CONFIG_HOME", configHome()},
         {"XDG_CACHE_HOME", root_ + "/.cache"},
+        // System data folders of the home only: the machine's own applications stay out.
+        {"XDG_DATA_DIRS", root_ + "/system/share"},
         {"XDG_RUNTIME_DIR", root_ + "/run"},
     };
     for (const auto& [name, value] : vars) {

@@ -37,8 +37,10 @@ e2e_setup() {
     export HOME=$E2E_WORK/home XDG_DATA_HOME=$E2E_WORK/home/.local/share
     export XDG_CONFIG_HOME=$E2E_WORK/home/.config XDG_CACHE_HOME=$E2E_WORK/home/.cache
     export XDG_RUNTIME_DIR=$E2E_WORK/run ECORE_NO_SYSTEM_MODULES=1
+    # The system's data folders of the throw-away home: the machine's applications stay out.
+    export XDG_DATA_DIRS=$E2E_WORK/system/share
     unset https_proxy http_proxy HTTPS_PROXY HTTP_PROXY all_proxy ALL_PROXY
-    mkdir -p "$HOME" "$XDG_DATA_HOME/contacts/default" "$XDG_RUNTIME_DIR"
+    mkdir -p "$HOME" "$XDG_DATA_HOME/contacts/default" "$XDG_RUNTIME_DIR" "$XDG_DATA_DIRS"
     chmod 700 "$XDG_RUNTIME_DIR"
     STACK_NO_TRAP=1
     trap e2e_cleanup EXIT
@@ -82,12 +84,21 @@ e2e_docs() {
         console.log(JSON.stringify(r.rows.map(x => x.doc)));'
 }
 
-# Runs a node check over the documents: e2e_check 'JS expression over docs' 'what'.
+# The number of live documents of one type ("contact", "application" ...) on the server.
+e2e_doc_count() {
+    e2e_device_db >/dev/null 2>&1 || { echo 0; return; }
+    e2e_docs | node -e '
+        const docs = JSON.parse(require("fs").readFileSync(0, "utf8"));
+        console.log(docs.filter(d => d.type === process.argv[1]).length);' "$1"
+}
+
+# Runs a node check over the documents of type E2E_DOC_TYPE (default "contact"):
+# e2e_check 'JS expression over docs' 'what'.
 e2e_check() {
     local docs
     docs=$(e2e_docs) || e2e_fail "no device database: $2"
-    DOCS=$docs node -e '
-        const docs = JSON.parse(process.env.DOCS);
+    DOCS=$docs DOC_TYPE=${E2E_DOC_TYPE:-contact} node -e '
+        const docs = JSON.parse(process.env.DOCS).filter(d => d.type === process.env.DOC_TYPE);
         const byName = n => docs.find(d => d.meta_data && d.meta_data.displayname === n);
         const ok = (() => { '"$1"' })();
         if (!ok) { console.error(JSON.stringify(docs, null, 1)); process.exit(1); }' \
@@ -141,11 +152,11 @@ e2e_unconfirmed() {
         "SELECT COUNT(*) FROM contacts WHERE dirty != 4"
 }
 
-# The display names of the live documents on the server, sorted, one per line; fails when a
+# The display names of the live contact documents on the server, sorted, one per line; fails when a
 # document has an empty display name or two documents share an id.
 e2e_server_names() {
     e2e_docs | node -e '
-        const docs = JSON.parse(require("fs").readFileSync(0, "utf8"));
+        const docs = JSON.parse(require("fs").readFileSync(0, "utf8")).filter(d => d.type === "contact");
         const bad = docs.filter(d => !d.meta_data || !d.meta_data.displayname);
         if (bad.length) { console.error("empty documents: " + JSON.stringify(bad)); process.exit(1); }
         console.log(docs.map(d => d.meta_data.displayname).sort().join("\n"));'

@@ -24,8 +24,10 @@
 #include "doubles/FakeAppPaths.h"
 #include "doubles/FakeContactsService.h"
 #include "doubles/FakeMediaContentService.h"
+#include "doubles/FakePackageManager.h"
 #include "doubles/FakePlatformApp.h"
 #include "doubles/FakePreferences.h"
+#include "doubles/FakeSystemSettings.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
 #include "upload/DataUploadHandler.h"
@@ -154,6 +156,12 @@ class ManagerFixture : public ::testing::Test {
         auto timers = std::make_unique<pelio::test::ManualTimers>();
         timers_ = timers.get();
         pelio::platform::installTimers(std::move(timers));
+        auto packages = std::make_unique<pelio::test::FakePackageManager>();
+        packages_ = packages.get();
+        pelio::platform::installPackageManager(std::move(packages));
+        auto settings = std::make_unique<pelio::test::FakeSystemSettings>();
+        settings_ = settings.get();
+        pelio::platform::installSystemSettings(std::move(settings));
         DbManager::resetInstanceForTesting();
     }
 
@@ -162,6 +170,8 @@ class ManagerFixture : public ::testing::Test {
         PLMSyncManager::setHooksForTesting({});
         DbManager::resetInstanceForTesting();
         pelio::platform::installTimers(nullptr);
+        pelio::platform::installSystemSettings(nullptr);
+        pelio::platform::installPackageManager(nullptr);
         pelio::platform::installServiceApp(nullptr);
         pelio::platform::installContactsService(nullptr);
         pelio::platform::installMediaContentService(nullptr);
@@ -250,6 +260,8 @@ class ManagerFixture : public ::testing::Test {
     pelio::test::FakeContactsService* contacts_ = nullptr;
     CountingServiceApp* app_ = nullptr;
     pelio::test::ManualTimers* timers_ = nullptr;
+    pelio::test::FakePackageManager* packages_ = nullptr;
+    pelio::test::FakeSystemSettings* settings_ = nullptr;
     FakeUploader* uploader_ = nullptr;
     std::function<void(FakeUploader&)> configureUploader_;
 

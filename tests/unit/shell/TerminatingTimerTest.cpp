@@ -7,7 +7,9 @@
 #include "TerminatingTimer.h"
 #include "database/DbManager.h"
 #include "doubles/FakeContactsService.h"
+#include "doubles/FakePackageManager.h"
 #include "doubles/FakePlatformApp.h"
+#include "doubles/FakeSystemSettings.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
 
@@ -114,6 +116,8 @@ TEST_F(TerminatingTimerTest, DefaultHooksFindNoSyncAndExitOnFirstTick) {
     // keep that in a throw-away home, with the contacts service replaced by its double.
     pelio::test::TempHome home;
     pelio::platform::installContactsService(std::make_unique<pelio::test::FakeContactsService>());
+    pelio::platform::installPackageManager(std::make_unique<pelio::test::FakePackageManager>());
+    pelio::platform::installSystemSettings(std::make_unique<pelio::test::FakeSystemSettings>());
     TerminatingTimer::getInstance().setHooks(nullptr, nullptr);
     LogCapture log;
     startTerminatingTimer();
@@ -122,6 +126,8 @@ TEST_F(TerminatingTimerTest, DefaultHooksFindNoSyncAndExitOnFirstTick) {
     EXPECT_EQ(log.count("__app_terminating_timer_end_cb"), 1);
     deleteTerminatingTimer();
     EXPECT_TRUE(timers_->created[0]->deleted);
+    pelio::platform::installSystemSettings(nullptr);
+    pelio::platform::installPackageManager(nullptr);
     pelio::platform::installContactsService(nullptr);
     DbManager::resetInstanceForTesting();
 }

@@ -1,0 +1,263 @@
+#include "LinuxPackageManager.h"
+
+#include <gio/gdesktopappinfo.h>
+#include <glib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "ContactsFolderWatcher.h"
+#include "pelio/platform/Log.h"
+
+namespace pelio::platform {
+namespace {
+
+constexpr const char* kTag = "PelioPlatform";
+constexpr const char* kSuffix = ".desktop";
+constexpr const char* kVersionKey = "X-AppVersion";
+
+struct KeyFileFree {
+    void operator()(GKeyFile* k) const { g_key_file_free(k); }
+};
+struct ObjectUnref {
+    void operator()(gpointer o) const { g_object_unref(o); }
+};
+struct GFree {
+    void operator()(gchar* p) const { g_free(p); }
+};
+using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
+using AppInfoPtr = std::unique_ptr<GDesktopAppInfo, ObjectUnref>;
+using GCharPtr = std::unique_ptr<gchar, GFree>;
+
+// The desktop entry that wins for one package name.
+struct EntryFile {
+    std::string path;
+    bool preloaded = false;
+};
+
+std::string envOr(const char* name, const std::string& fallback) {
+    const char* value = std::getenv(name);
+    return value != nullptr && *value != '\0' ? std::string(value) : fallback;
+}
+
+// "en-US.UTF-8" -> "en_US"; empty stays empty (the process's own languages).
+std::string keyFileLocale(const std::string& locale) {
+    std::string text = locale.substr(0, locale.find('.'));
+    for (char& c : text)
+        if (c == '-')
+            c = '_';
+    return text;
+}
+
+// Package name -> winning entry, over every applications folder in precedence order.
+std::map<std::string, EntryFile> findEntries() {
+    namespace fs = std::filesystem;
+    std::map<std::string, EntryFile> entries;
+    const auto folders = LinuxPackageManager::applicationFolders();
+    for (size_t i = 0; i < folders.size(); ++i) {
+        const std::string& folder = folders[i];
+        std::error_code ec;
+        if (!fs::is_directory(folder, ec)) {
+            dlog_print(DLOG_DEBUG, kTag, "applications folder %s is not there", folder.c_str());
+            continue;
+        }
+        if (access(folder.c_str(), R_OK | X_OK) != 0) {
+            dlog_print(DLOG_WARN, kTag, "applications folder %s cannot be read", folder.c_str());
+            continue;
+        }
+        fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied,
+                                            ec);
+        for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+            const fs::path& path = it->path();
+            std::error_code fileEc;
+            if (path.extension() != kSuffix || !it->is_regular_file(fileEc))
+                continue;
+            // A file in a sub-folder has the folder names, joined by "-", in its id.
+            std::string id = fs::relative(path, folder, fileEc).string();
+            if (fileEc)
+                continue;
+            id.resize(id.size() - std::char_traits<char>::length(kSuffix));
+            for (char& c : id)
+                if (c == '/')
+                    c = '-';
+            entries.emplace(id, EntryFile{path.string(), i > 0});  // the first folder wins
+        }
+        if (ec) {
+            dlog_print(DLOG_WARN, kTag, "reading applications folder %s stopped: %s",
+                       folder.c_str(), ec.message().c_str());
+        }
+    }
+    return entries;
+}
+
+// Reads one entry through GLib's key-file reader and GIO; false (and a log line) when it is
+// not a valid application entry or has no name.
+bool loadEntry(const std::string& id, const EntryFile& file, const std::string& locale,
+               AppInfo& app) {
+    KeyFilePtr keyFile(g_key_file_new());
+    GError* error = nullptr;
+    if (!g_key_file_load_from_file(keyFile.get(), file.path.c_str(), G_KEY_FILE_KEEP_TRANSLATIONS,
+                                   &error)) {
+        dlog_print(DLOG_WARN, kTag, "%s is not a valid desktop entry: %s", file.path.c_str(),
+                   error != nullptr ? error->message : "unknown error");
+        g_clear_error(&error);
+        return false;
+    }
+    AppInfoPtr info(g_desktop_app_info_new_from_keyfile(keyFile.get()));
+    if (!info) {
+        dlog_print(DLOG_WARN, kTag, "%s is not a valid application entry", file.path.c_str());
+        return false;
+    }
+    const std::string keyLocale = keyFileLocale(locale);
+    GCharPtr name(g_key_file_get_locale_string(
+        keyFile.get(), G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_NAME,
+        keyLocale.empty() ? nullptr : keyLocale.c_str(), nullptr));
+    if (!name || *name == '\0') {
+        dlog_print(DLOG_WARN, kTag, "%s has no name", file.path.c_str());
+        return false;
+    }
+    GCharPtr version(g_desktop_app_info_get_string(info.get(), kVersionKey));
+    app.appId = id;
+    app.packageName = id;
+    app.label = name.get();
+    app.version = version ? version.get() : "";
+    app.preloaded = file.preloaded;
+    app.noDisplay = g_desktop_app_info_get_nodisplay(info.get()) ||
+                    g_desktop_app_info_get_is_hidden(info.get());
+    return true;
+}
+
+bool passes(const AppInfo& app, AppDisplayFilter filter) {
+    switch (filter) {
+        case AppDisplayFilter::VisibleOnly:
+            return !app.noDisplay;
+        case AppDisplayFilter::HiddenOnly:
+            return app.noDisplay;
+        case AppDisplayFilter::Any:
+            break;
+    }
+    return true;
+}
+
+}  // namespace
+
+LinuxPackageManager::LinuxPackageManager() = default;
+
+LinuxPackageManager::~LinuxPackageManager() {
+    watchers_.clear();
+}
+
+std::vector<std::string> LinuxPackageManager::applicationFolders() {
+    const std::string home = envOr("HOME", "");
+    std::vector<std::string> folders;
+    folders.push_back(envOr("XDG_DATA_HOME", home + "/.local/share") + "/applications");
+    const std::string dirs = envOr("XDG_DATA_DIRS", "/usr/local/share/:/usr/share/");
+    size_t start = 0;
+    while (start <= dirs.size()) {
+        const size_t end = std::min(dirs.find(':', start), dirs.size());
+        std::string dir = dirs.substr(start, end - start);
+        while (dir.size() > 1 && dir.back() == '/')
+            dir.pop_back();
+        if (!dir.empty())
+            folders.push_back(dir + "/applications");
+        start = end + 1;
+    }
+    return folders;
+}
+
+int LinuxPackageManager::listApplications(AppDisplayFilter filter, const std::string& locale,
+                                          std::vector<AppInfo>& apps) {
+    apps.clear();
+    for (const auto& [id, file] : findEntries()) {
+        AppInfo app;
+        if (loadEntry(id, file, locale, app) && passes(app, filter))
+            apps.push_back(std::move(app));
+    }
+    return PACKAGE_MANAGER_ERROR_NONE;
+}
+
+int LinuxPackageManager::getApplication(const std::string& packageName, const std::string& locale,
+                                        AppInfo& app) {
+    if (packageName.empty())
+        return PACKAGE_MANAGER_ERROR_INVALID_PARAMETER;
+    const auto entries = findEntries();
+    const auto it = entries.find(packageName);
+    if (it == entries.end() || !loadEntry(it->first, it->second, locale, app))
+        return PACKAGE_MANAGER_ERROR_NO_SUCH_PACKAGE;
+    return PACKAGE_MANAGER_ERROR_NONE;
+}
+
+LinuxPackageManager::Snapshot LinuxPackageManager::takeSnapshot() {
+    Snapshot snapshot;
+    for (const auto& [id, file] : findEntries()) {
+        struct stat st {};
+        std::string print = file.path;
+        if (stat(file.path.c_str(), &st) == 0) {
+            print += ":" + std::to_string(st.st_size) + ":" + std::to_string(st.st_mtim.tv_sec) +
+                     "." + std::to_string(st.st_mtim.tv_nsec);
+        }
+        snapshot.emplace(id, std::move(print));
+    }
+    return snapshot;
+}
+
+int LinuxPackageManager::setEventCallback(PackageEventCallback cb, void* userData) {
+    if (cb == nullptr)
+        return PACKAGE_MANAGER_ERROR_INVALID_PARAMETER;
+    cb_ = cb;
+    userData_ = userData;
+    if (!watchers_.empty())
+        return PACKAGE_MANAGER_ERROR_NONE;
+    snapshot_ = takeSnapshot();
+    for (const std::string& folder : applicationFolders()) {
+        std::error_code ec;
+        if (!std::filesystem::is_directory(folder, ec))
+            continue;  // already logged by the snapshot
+        auto watcher =
+            std::make_unique<ContactsFolderWatcher>(folder, [this] { onFoldersChanged(); });
+        if (watcher->start()) {
+            watchers_.push_back(std::move(watcher));
+        } else {
+            dlog_print(DLOG_WARN, kTag, "cannot watch applications folder %s", folder.c_str());
+        }
+    }
+    return PACKAGE_MANAGER_ERROR_NONE;
+}
+
+int LinuxPackageManager::unsetEventCallback() {
+    cb_ = nullptr;
+    userData_ = nullptr;
+    watchers_.clear();
+    snapshot_.clear();
+    return PACKAGE_MANAGER_ERROR_NONE;
+}
+
+void LinuxPackageManager::onFoldersChanged() {
+    Snapshot now = takeSnapshot();
+    std::vector<std::pair<std::string, PackageEventType>> events;
+    for (const auto& [id, print] : now) {
+        const auto before = snapshot_.find(id);
+        if (before == snapshot_.end())
+            events.emplace_back(id, PACKAGE_MANAGER_EVENT_TYPE_INSTALL);
+        else if (before->second != print)
+            events.emplace_back(id, PACKAGE_MANAGER_EVENT_TYPE_UPDATE);
+    }
+    for (const auto& [id, print] : snapshot_) {
+        if (now.find(id) == now.end())
+            events.emplace_back(id, PACKAGE_MANAGER_EVENT_TYPE_UNINSTALL);
+    }
+    snapshot_ = std::move(now);
+    for (const auto& [id, type] : events) {
+        // Read again for every event: the callback may unset itself.
+        PackageEventCallback cb = cb_;
+        if (cb == nullptr)
+            return;
+        dlog_print(DLOG_DEBUG, kTag, "package event %d for %s", static_cast<int>(type), id.c_str());
+        cb("desktop", id.c_str(), type, PACKAGE_MANAGER_EVENT_STATE_COMPLETED, 100, 0, userData_);
+    }
+}
+
+}  // namespace pelio::platform

@@ -1,0 +1,394 @@
+#include "SyncHandlers/AppSyncHandler.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <vector>
+
+#include <pelio/platform/PackageManager.h>
+
+#include "PLMConstants.h"
+#include "PelioLog.h"
+#include "composer/AppJsonComposer.h"
+#include "database/DbManager.h"
+#include "upload/PLMSyncMasterTable.h"
+#include "utils/BundleMacro.h"
+#include "utils/PLMUtils.h"
+
+using pelio::platform::Bundle;
+namespace pp = pelio::platform;
+
+namespace {
+
+int parseColumn(const std::string& text, int fallback) {
+    if (text.empty() || text == "NULL")
+        return fallback;
+    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
+// A column text; a NULL column reads as "".
+std::string textColumn(const Bundle& row, int n) {
+    std::string text = getValStr(&row, columnKey(n));
+    return text == "NULL" ? std::string() : text;
+}
+
+AppSyncInfo* lookup(GHashTable* map, const std::string& id) {
+    return static_cast<AppSyncInfo*>(g_hash_table_lookup(map, id.c_str()));
+}
+
+void put(GHashTable* map, AppSyncInfo* info) {
+    g_hash_table_replace(map, g_strdup(info->id.c_str()), info);
+}
+
+bool sameTexts(const AppSyncInfo& a, const AppSyncInfo& b) {
+    return a.name == b.name && a.version == b.version && a.preInstalled == b.preInstalled;
+}
+
+std::unique_ptr<AppSyncInfo> fromPlatform(const pp::AppInfo& app) {
+    auto info = std::make_unique<AppSyncInfo>();
+    info->id = app.packageName;
+    info->package = app.packageName;
+    info->name = app.label;
+    info->version = app.version;
+    info->preInstalled = app.preloaded ? 1 : 0;
+    info->customId = AppJsonComposer::getCustomId(info->id, info->preInstalled == 1, info->name);
+    info->present = true;
+    return info;
+}
+
+// The device locale as the application information wants it ("en_US", no encoding).
+std::string deviceLocale() {
+    std::string locale = getLocalePreference();
+    const size_t dot = locale.find(".UTF-8");
+    if (dot != std::string::npos)
+        locale.erase(dot, 6);
+    for (char& c : locale)
+        if (c == '-')
+            c = '_';
+    return locale;
+}
+
+}  // namespace
+
+void free_app_info(gpointer info) {
+    if (info == nullptr) {
+        LOGE("Info is already NULL");
+        return;
+    }
+    delete static_cast<AppSyncInfo*>(info);
+}
+
+std::mutex AppSyncHandler::sInstanceLock;
+AppSyncHandler* AppSyncHandler::sInstance = nullptr;
+
+AppSyncHandler* AppSyncHandler::getInstance() {
+    std::lock_guard<std::mutex> guard(sInstanceLock);
+    if (sInstance == nullptr)
+        sInstance = new AppSyncHandler(nullptr);
+    return sInstance;
+}
+
+void AppSyncHandler::deleteInstance() {
+    AppSyncHandler* instance = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(sInstanceLock);
+        instance = sInstance;
+        sInstance = nullptr;
+    }
+    delete instance;
+}
+
+AppSyncHandler::AppSyncHandler(SyncHandlerHost* host) : BaseSyncHandler(host) {
+    mDomainId = plm::SYNC_ITEM_APPLICATION;
+}
+
+AppSyncHandler::~AppSyncHandler() {
+    stopWorker();
+}
+
+std::string AppSyncHandler::sqlQuoted(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        out += c;
+        if (c == '\'')
+            out += '\'';
+    }
+    return out;
+}
+
+int AppSyncHandler::forEachApplicationRow(const std::string& projection, const std::string& where,
+                                          const std::function<void(const Bundle&)>& onRow) {
+    long long lastRowId = 0;
+    const std::string columns = projection + ", rowid";
+    for (;;) {
+        Bundle request;
+        Bundle result;
+        request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
+        request.addStr(bundlekeys::URI_TABLE_NAME, kTable);
+        request.addStr(bundlekeys::PROJECTION, columns);
+        request.addStr(bundlekeys::WHERE, (where.empty() ? "" : "(" + where + ") AND ") +
+                                              "rowid > " + std::to_string(lastRowId) +
+                                              " ORDER BY rowid LIMIT " +
+                                              std::to_string(kReadPageRows));
+        if (db()->plmsvc_db_process(&request, &result) != 0 ||
+            getValStr(&result, bundlekeys::RECORD0) != bundlekeys::SUCCESS) {
+            LOGE("plmsvc_db_process FAIL");
+            return -1;
+        }
+        int rows = 0;
+        for (int n = 1;; ++n) {
+            std::vector<uint8_t> bytes;
+            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE)
+                break;
+            ++rows;
+            auto row = Bundle::decode(bytes);
+            if (!row) {
+                LOGE("undecodable row %d", n);
+                continue;
+            }
+            // The rowid is the last column: count the columns of the projection.
+            int count = 1;
+            for (char c : projection)
+                count += c == ',' ? 1 : 0;
+            lastRowId = std::strtoll(getValStr(&*row, columnKey(count)).c_str(), nullptr, 10);
+            onRow(*row);
+        }
+        if (rows < kReadPageRows)
+            return 0;
+    }
+}
+
+int AppSyncHandler::syncData(int syncType) {
+    char* raw = nullptr;
+    const int retMaster = master_get_string(plm::APP_SYNC_STATUS_P, &raw);
+    std::unique_ptr<char, decltype(&free)> status(raw, &free);
+    LOGD("syncData called - retMaster[%d]", retMaster);
+    if (status) {
+        LOGD("status[%s]", status.get());
+    } else {
+        LOGD("status NULL");
+    }
+    const bool inStep = status && std::strcmp(status.get(), plm::STATUS_SYNCED) == 0;
+    if (!inStep) {
+        LOGD("status is false hence trigger sync");
+    }
+    // Waiting while collecting, so that the service does not end meanwhile; the old value is
+    // written back when there turns out to be nothing to do.
+    if (master_set_string(plm::APP_SYNC_STATUS_P, plm::STATUS_WAITING) != 0) {
+        LOGE("master_set_string failed for APP_SYNC_STATUS_P");
+    }
+    auto writeBack = [&status] {
+        if (status)
+            master_set_string(plm::APP_SYNC_STATUS_P, status.get());
+    };
+
+    if (syncType == plm::SYNC_TYPE_FORCE) {
+        deleteAll(kTable);
+    }
+
+    SyncMap map(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, free_app_info));
+    if (_readStoredApps(map.get()) != 0) {
+        LOGE("syncData failed for Applications");
+        writeBack();
+        return 1;
+    }
+    LOGD("inProcessing");
+    mPending = false;
+    _collectInstalledApps(map.get());
+    const int ret = _writeNewSyncData(map.get());
+    // Nothing to send and the domain already in step: no upload, the status stays as it was.
+    // A domain waiting or failed goes on to the composer, which settles it.
+    if (ret == 2 || (ret == 0 && !mPending && inStep)) {
+        writeBack();
+        return 2;
+    }
+    return ret;
+}
+
+int AppSyncHandler::_readStoredApps(GHashTable* map) {
+    int total = 0;
+    const int ret = forEachApplicationRow(
+        "_id, rev_id, version, name, custom_id, package, pre_installed, dirty", "",
+        [&](const Bundle& row) {
+            auto* info = new AppSyncInfo;
+            info->id = textColumn(row, 0);
+            info->revId = textColumn(row, 1);
+            info->version = textColumn(row, 2);
+            info->name = textColumn(row, 3);
+            info->customId = textColumn(row, 4);
+            info->package = textColumn(row, 5);
+            info->preInstalled = parseColumn(textColumn(row, 6), 0);
+            info->dirty = parseColumn(textColumn(row, 7), plm::DIRTY_INSERTED);
+            info->stored = true;
+            ++total;
+            put(map, info);  // a repeated _id keeps the latest row's values
+        });
+    if (ret == 0 && total == 0)
+        LOGD("no information present");
+    return ret;
+}
+
+void AppSyncHandler::_collectInstalledApps(GHashTable* map) {
+    const std::string locale = deviceLocale();
+    std::vector<pp::AppInfo> apps;
+    const int ret =
+        pp::packageManager().listApplications(pp::AppDisplayFilter::VisibleOnly, locale, apps);
+    if (ret != pp::PACKAGE_MANAGER_ERROR_NONE)
+        LOGE("app_info_foreach_app failed[%d]", ret);
+
+    std::deque<std::unique_ptr<AppSyncInfo>> queue;
+    for (const auto& app : apps)
+        queue.push_back(fromPlatform(app));
+
+    struct Required {
+        const char* package;
+        const char* fallbackName;
+        const char* adding;
+        const char* present;
+    };
+    const Required required[] = {
+        {kContactsApp, "Contacts", "adding app info in queue", "queue already has conatct info"},
+        {kTaskManagerApp, "Task manager", "adding task manager info in queue",
+         "queue already has task manager info"},
+    };
+    for (const Required& r : required) {
+        bool found = false;
+        for (const auto& info : queue)
+            found = found || info->id == r.package;
+        if (found) {
+            LOGD("%s", r.present);
+            continue;
+        }
+        LOGD("%s", r.adding);
+        pp::AppInfo app;
+        if (pp::packageManager().getApplication(r.package, locale, app) !=
+            pp::PACKAGE_MANAGER_ERROR_NONE) {
+            // Not installed as an entry here: it is part of every device all the same.
+            app.packageName = r.package;
+            app.label = r.fallbackName;
+            app.preloaded = true;
+        }
+        queue.push_back(fromPlatform(app));
+    }
+
+    while (!queue.empty()) {
+        std::unique_ptr<AppSyncInfo> fresh = std::move(queue.front());
+        queue.pop_front();
+        _applyRecord(map, std::move(fresh));
+    }
+}
+
+void AppSyncHandler::_applyRecord(GHashTable* map, std::unique_ptr<AppSyncInfo> fresh) {
+    AppSyncInfo* stored = lookup(map, fresh->id);
+    if (stored == nullptr) {
+        LOGD("Insert Case");
+        fresh->dirty = plm::DIRTY_INSERTED;
+        put(map, fresh.release());
+        return;
+    }
+    if (sameTexts(*stored, *fresh) && stored->dirty != plm::DIRTY_DELETED) {
+        LOGD("In ignore on no change case");
+        mPending = mPending || stored->dirty != plm::DIRTY_SYNCED;
+        g_hash_table_remove(map, fresh->id.c_str());
+        return;
+    }
+    LOGD("Update Case");
+    fresh->stored = true;
+    fresh->revId = stored->revId;
+    // A document the server has is updated; one it never got stays a pending insert.
+    fresh->dirty = fresh->revId.empty() ? plm::DIRTY_INSERTED : plm::DIRTY_UPDATED;
+    put(map, fresh.release());
+}
+
+int AppSyncHandler::_writeNewSyncData(GHashTable* map) {
+    DbManager* dbm = db();
+    dbm->beginMultiQuery();
+
+    GHashTableIter iter;
+    gpointer key = nullptr;
+    gpointer value = nullptr;
+    g_hash_table_iter_init(&iter, map);
+    while (g_hash_table_iter_next(&iter, &key, &value)) {
+        if (isInterrupted()) {
+            dbm->endMultiQuery();  // not marked successful: rolled back
+            LOGD("forced sync pending, write rolled back");
+            return 2;
+        }
+        auto* info = static_cast<AppSyncInfo*>(value);
+        // Every write below but a local removal leaves a document to send.
+        mPending = mPending || info->present || !info->revId.empty();
+        Bundle request;
+        Bundle result;
+        request.addStr(bundlekeys::URI_TABLE_NAME, kTable);
+        int ret = 0;
+        if (!info->present) {
+            // Gone from the device.
+            request.addStr(bundlekeys::WHERE, "_id = ?");
+            request.addStr(bundlekeys::WHERE_ARGS, "(TEXT)" + info->id);
+            if (info->revId.empty()) {
+                LOGD("Delete Case: never uploaded, removed locally");
+                request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_DELETE);
+                ret = dbm->deleteDb(&request, &result);
+            } else if (info->dirty != plm::DIRTY_DELETED) {
+                LOGD("Delete Case");
+                request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
+                request.addStr(bundlekeys::COLUMN_COUNT, "1");
+                request.addStr("COL1", "dirty");
+                request.addStr("dirty", std::to_string(plm::DIRTY_DELETED));
+                ret = dbm->updateDb(&request, &result);
+            } else {
+                continue;
+            }
+        } else if (!info->stored) {
+            // Empty texts are left out (the row keeps NULL there).
+            std::vector<std::pair<std::string, std::string>> columns = {
+                {"_id", info->id},
+                {"version", info->version},
+                {"device_mode", "0"},
+                {"name", info->name},
+                {"custom_id", info->customId},
+                {"package", info->package},
+                {"pre_installed", std::to_string(info->preInstalled)},
+                {"dirty", std::to_string(info->dirty)},
+            };
+            int n = 0;
+            for (const auto& [column, text] : columns) {
+                if (text.empty())
+                    continue;
+                ++n;
+                request.addStr(columnKey(n), column);
+                request.addStr(column, sqlQuoted(text));
+            }
+            request.addStr(bundlekeys::COLUMN_COUNT, std::to_string(n));
+            request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_INSERT);
+            ret = dbm->insertDb(&request, &result);
+        } else {
+            const std::pair<const char*, std::string> columns[] = {
+                {"version", "'" + sqlQuoted(info->version) + "'"},
+                {"name", "'" + sqlQuoted(info->name) + "'"},
+                {"custom_id", "'" + sqlQuoted(info->customId) + "'"},
+                {"package", "'" + sqlQuoted(info->package) + "'"},
+                {"pre_installed", std::to_string(info->preInstalled)},
+                {"dirty", std::to_string(info->dirty)},
+            };
+            int n = 0;
+            for (const auto& [column, text] : columns) {
+                ++n;
+                request.addStr(columnKey(n), column);
+                request.addStr(column, text);
+            }
+            request.addStr(bundlekeys::COLUMN_COUNT, std::to_string(n));
+            request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
+            request.addStr(bundlekeys::WHERE, "_id = ?");
+            request.addStr(bundlekeys::WHERE_ARGS, "(TEXT)" + info->id);
+            ret = dbm->updateDb(&request, &result);
+        }
+        if (ret != 0)
+            LOGE("query failed");
+    }
+
+    dbm->setDbTransactionSuccessful();
+    dbm->endMultiQuery();
+    return 0;
+}

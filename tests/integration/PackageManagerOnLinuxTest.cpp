@@ -1,0 +1,156 @@
+// Linux package manager in a throw-away home: desktop entries of the user's and a system data
+// folder listed with their localised names, preload and no-display flags; bad entries and an
+// unreadable folder logged and skipped; install, update and removal seen as completed events.
+#include <gtest/gtest.h>
+
+#include <Ecore.h>
+#include <sys/stat.h>
+
+#include <pelio/platform/MainLoop.h>
+#include <pelio/platform/PackageManager.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/LogCapture.h"
+#include "support/TempHome.h"
+
+namespace pp = pelio::platform;
+namespace fs = std::filesystem;
+
+namespace {
+
+void writeEntry(const std::string& folder, const std::string& file, const std::string& body) {
+    fs::create_directories(folder);
+    std::ofstream(folder + "/" + file) << "[Desktop Entry]\nType=Application\nExec=true\n" << body;
+}
+
+std::map<std::string, pp::AppInfo> byId(const std::vector<pp::AppInfo>& apps) {
+    std::map<std::string, pp::AppInfo> out;
+    for (const auto& a : apps)
+        out[a.packageName] = a;
+    return out;
+}
+
+struct Event {
+    std::string package;
+    int type;
+    int state;
+    int progress;
+};
+
+void onEvent(const char*, const char* package, pp::PackageEventType type,
+             pp::PackageEventState state, int progress, int, void* data) {
+    static_cast<std::vector<Event>*>(data)->push_back({package, type, state, progress});
+    pp::quitMainLoop();
+}
+
+struct TimerDel {
+    void operator()(Ecore_Timer* t) const { ecore_timer_del(t); }
+};
+
+// Runs the main loop until events holds n entries or 20 seconds pass.
+void waitFor(const std::vector<Event>& events, size_t n) {
+    bool expired = false;
+    std::unique_ptr<Ecore_Timer, TimerDel> guard(ecore_timer_add(
+        20.0,
+        [](void* data) -> Eina_Bool {
+            *static_cast<bool*>(data) = true;
+            pp::quitMainLoop();
+            return ECORE_CALLBACK_RENEW;
+        },
+        &expired));
+    while (events.size() < n && !expired)
+        pp::runMainLoop();
+}
+
+}  // namespace
+
+TEST(PackageManagerOnLinuxTest, ListsEntriesOfUserAndSystemFoldersWithTheirProperties) {
+    pelio::test::TempHome home;
+    pelio::test::LogCapture log;
+    const std::string user = home.dataHome() + "/applications";
+    const std::string system = home.path() + "/system/share/applications";
+    writeEntry(user, "org.example.editor.desktop",
+               "Name=Editor\nName[de]=Bearbeiter\nX-AppVersion=1.2\n");
+    writeEntry(system, "com.quorvin.wlocate.desktop", "Name=Locate\n");
+    writeEntry(system, "org.example.editor.desktop", "Name=System editor\n");  // masked by user
+    writeEntry(system, "hidden.desktop", "Name=Hidden\nNoDisplay=true\n");
+    writeEntry(user, "gone.desktop", "Name=Gone\nHidden=true\n");
+    writeEntry(system + "/kde", "tool.desktop", "Name=Tool\n");
+    writeEntry(system, "noname.desktop", "Comment=nothing\n");
+    fs::create_directories(system);
+    std::ofstream(system + "/broken.desktop") << "this is not a key file\n";
+
+    auto& pm = pp::packageManager();
+    std::vector<pp::AppInfo> apps;
+    ASSERT_EQ(pm.listApplications(pp::AppDisplayFilter::Any, "de-DE.UTF-8", apps),
+              pp::PACKAGE_MANAGER_ERROR_NONE);
+    auto all = byId(apps);
+    ASSERT_EQ(all.size(), 5u);
+    EXPECT_EQ(all["org.example.editor"].label, "Bearbeiter");
+    EXPECT_EQ(all["org.example.editor"].version, "1.2");
+    EXPECT_FALSE(all["org.example.editor"].preloaded);
+    EXPECT_TRUE(all["com.quorvin.wlocate"].preloaded);
+    EXPECT_EQ(all["com.quorvin.wlocate"].version, "");
+    EXPECT_TRUE(all["hidden"].noDisplay);
+    EXPECT_TRUE(all["gone"].noDisplay);
+    EXPECT_EQ(all["kde-tool"].label, "Tool");
+    EXPECT_TRUE(log.contains("noname.desktop has no name"));
+    EXPECT_TRUE(log.contains("broken.desktop is not a valid desktop entry"));
+
+    ASSERT_EQ(pm.listApplications(pp::AppDisplayFilter::VisibleOnly, "en_US", apps), 0);
+    all = byId(apps);
+    EXPECT_EQ(all.size(), 3u);
+    EXPECT_EQ(all["org.example.editor"].label, "Editor");
+
+    pp::AppInfo one;
+    EXPECT_EQ(pm.getApplication("hidden", "en_US", one), pp::PACKAGE_MANAGER_ERROR_NONE);
+    EXPECT_EQ(one.label, "Hidden");
+    EXPECT_EQ(pm.getApplication("absent", "en_US", one), pp::PACKAGE_MANAGER_ERROR_NO_SUCH_PACKAGE);
+
+    // An unreadable system folder: logged, the user's entries still listed.
+    if (geteuid() != 0) {
+        chmod(system.c_str(), 0);
+        ASSERT_EQ(pm.listApplications(pp::AppDisplayFilter::Any, "en_US", apps), 0);
+        chmod(system.c_str(), 0755);
+        EXPECT_EQ(byId(apps).size(), 2u);
+        EXPECT_TRUE(log.contains("cannot be read"));
+    }
+    pp::installPackageManager(nullptr);
+}
+
+TEST(PackageManagerOnLinuxTest, InstallUpdateAndRemovalArriveAsCompletedEvents) {
+    pelio::test::TempHome home;
+    pp::MainLoopScope loop;
+    const std::string user = home.dataHome() + "/applications";
+    writeEntry(user, "a.desktop", "Name=A\n");
+    auto& pm = pp::packageManager();
+    std::vector<Event> events;
+    ASSERT_EQ(pm.setEventCallback(&onEvent, &events), pp::PACKAGE_MANAGER_ERROR_NONE);
+
+    writeEntry(user, "b.desktop", "Name=B\n");
+    waitFor(events, 1);
+    writeEntry(user, "a.desktop", "Name=A2\n");
+    waitFor(events, 2);
+    fs::remove(user + "/b.desktop");
+    waitFor(events, 3);
+    pm.unsetEventCallback();
+
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[0].package, "b");
+    EXPECT_EQ(events[0].type, pp::PACKAGE_MANAGER_EVENT_TYPE_INSTALL);
+    EXPECT_EQ(events[1].package, "a");
+    EXPECT_EQ(events[1].type, pp::PACKAGE_MANAGER_EVENT_TYPE_UPDATE);
+    EXPECT_EQ(events[2].package, "b");
+    EXPECT_EQ(events[2].type, pp::PACKAGE_MANAGER_EVENT_TYPE_UNINSTALL);
+    for (const auto& e : events) {
+        EXPECT_EQ(e.state, pp::PACKAGE_MANAGER_EVENT_STATE_COMPLETED);
+        EXPECT_EQ(e.progress, 100);
+    }
+    pp::installPackageManager(nullptr);
+}
