@@ -32,6 +32,8 @@ service_pid() { gdbus call --session -d org.freedesktop.DBus -o /org/freedesktop
 launches() { grep -c "service_app_control start1" "$BUS_LOG" || true; }
 launches_above() { [ "$(launches)" -gt "$1" ]; }
 file_has() { [ -s "$1" ]; }
+app_state() { gdbus call --session -d "$1" -o "$2" \
+  -m org.freedesktop.DBus.Properties.Get com.quorvin.platform.Application State; }
 
 # 1. Activation on the first request; GET_DEVICE_ID gets no reply (the control handler is absent).
 bus_has_owner $SVC && fail "service runs before any request"
@@ -46,8 +48,7 @@ grep -qE "^D/PelioService\($pid\): PelioSvcMain.cpp: __app_create\([0-9]+\) > __
   || fail "create line missing"
 grep -qE "^I/PelioService\($pid\): PelioSvcMain.cpp: __app_reset\([0-9]+\) > service_app_control start1$" "$BUS_LOG" \
   || fail "app-control line not in the fixed format"
-state=$(gdbus call --session -d com.quorvin.plmsvc -o /com/quorvin/plmsvc \
-  -m org.freedesktop.DBus.Properties.Get com.quorvin.platform.Application State)
+state=$(app_state $SVC /com/quorvin/plmsvc)
 [ "$state" = "(<2>,)" ] || fail "service State is $state"
 ok "activation and launch"
 
@@ -122,8 +123,7 @@ out=$("$PELIOCTL" launch --app com.quorvin.orvane-k12 SYNCED_TYPE=CONTACT SYNCED
 [ "$out" = "result=none" ] || fail "voice app replied: $out"
 bus_wait_until 30 file_has "$work/voice.out" || fail "voice app printed nothing"
 [ "$(cat "$work/voice.out")" = "SYNCED_PLM_ID=p-42 SYNCED_TYPE=CONTACT" ] || fail "voice app printed: $(cat "$work/voice.out")"
-state=$(gdbus call --session -d com.quorvin.orvane-k12 -o /com/quorvin/orvane_k12 \
-  -m org.freedesktop.DBus.Properties.Get com.quorvin.platform.Application State)
+state=$(app_state $VOICE /com/quorvin/orvane_k12)
 [ "$state" = "(<1>,)" ] || fail "foreground voice app State is $state"
 "$PELIOCTL" voice-app --state background >/dev/null 2>&1 && fail "second voice app took the name"
 kill "${bg_pids[0]}"; wait "${bg_pids[0]}" 2>/dev/null || true; bg_pids=()
@@ -131,8 +131,7 @@ bus_wait_gone $VOICE || fail "voice app kept its name after its end"
 "$PELIOCTL" voice-app --state background >/dev/null 2>&1 &
 bg_pids+=($!)
 bus_wait_until 60 bus_has_owner $VOICE || fail "background voice app did not take its name"
-state=$(gdbus call --session -d com.quorvin.orvane-k12 -o /com/quorvin/orvane_k12 \
-  -m org.freedesktop.DBus.Properties.Get com.quorvin.platform.Application State)
+state=$(app_state $VOICE /com/quorvin/orvane_k12)
 [ "$state" = "(<2>,)" ] || fail "background voice app State is $state"
 ok "voice app"
 

@@ -217,8 +217,8 @@ Request request(const std::string& operation, const std::string& table, const Re
 TEST_F(DbManagerTest, FailingRequestsLogTheirSqlTextAndMessages) {
     struct Case {
         Request request;
-        std::vector<std::string> messages;
-        std::vector<std::string> fragments;
+        std::vector<std::string> messages = {};
+        std::vector<std::string> fragments = {};
     };
     const std::string longWhere = std::string(4100, ' ') + "1";
     const std::vector<Case> cases = {
@@ -289,8 +289,9 @@ TEST_F(DbManagerTest, FailingRequestsLogTheirSqlTextAndMessages) {
             EXPECT_TRUE(log_.hasMessage(m)) << what << ": " << m;
         for (const auto& f : c.fragments)
             EXPECT_TRUE(log_.contains(f)) << what << ": " << f;
-        if (c.request[0].second == "INSERT" || c.request[0].second == "UPDATE")
+        if (c.request[0].second == "INSERT" || c.request[0].second == "UPDATE") {
             EXPECT_EQ("FAILURE", strOf(r, "record0")) << what;
+        }
     }
     EXPECT_EQ(0, rowCount("master"));
     EXPECT_EQ(1, rowCount("contacts"));

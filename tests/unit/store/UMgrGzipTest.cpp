@@ -45,7 +45,7 @@ TEST(UMgrGzipTest, CompressOutputIsOneCompleteGzipMember) {
 
 TEST(UMgrGzipTest, ShortBodiesThatGrowStillGiveCompleteMembers) {
     UMgrGzip gzip;
-    for (const std::string body :
+    for (const std::string& body :
          {std::string("a"),
           std::string("{\"docs\":[{\"_id\":\"pkg_vlc\",\"_rev\":\"\",\"_deleted\":true}]}")}) {
         unsigned char* compressed = nullptr;
