@@ -69,8 +69,8 @@ struct DataUploadHandlerPeer {
 
 namespace uploadtest {
 
-using pelio::test::gzip;
 using pelio::test::gunzip;
+using pelio::test::gzip;
 
 // A {"docs": [...]} message of n small documents {"_id": "d<i>"}, plus an extra root member.
 inline std::string docsMessage(int n) {
