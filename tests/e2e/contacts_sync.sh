@@ -13,7 +13,7 @@ e2e_card "$book/carol.vcf" carol-1 "Carol Clark" "Clark;Carol;;;" "TEL;TYPE=FAX,
 
 "$PELIOCTL" voice-app >"$E2E_WORK/voice.log" 2>&1 &
 E2E_PIDS+=($!)
-for _ in $(seq 100); do bus_has_owner com.quorvin.orvane-k12 && break; sleep 0.05; done
+bus_wait_until 60 bus_has_owner com.quorvin.orvane-k12 || e2e_fail "voice app did not take its name"
 
 # Before any sync: no PLM id for contacts.
 out=$("$PELIOCTL" launch EVENT_TYPE=CHECK_STATUS EVENT_DATA=CONTACT) || e2e_fail "status launch"
@@ -50,7 +50,7 @@ e2e_ok "CHECK_STATUS from a freshly started service answers 1"
 plmid=$("$PELIOCTL" launch EVENT_TYPE=CHECK_PLM_ID TYPE=CONTACT | sed -n 's/^CONTACT=//p')
 [ -n "$plmid" ] && [ "$plmid" != "-1" ] || e2e_fail "no contacts PLM id"
 e2e_ok "CHECK_PLM_ID returns the contacts PLM id"
-for _ in $(seq 50); do grep -q "SYNCED_TYPE=CONTACT" "$E2E_WORK/voice.log" && break; sleep 0.1; done
+bus_wait_until 60 grep -q "SYNCED_TYPE=CONTACT" "$E2E_WORK/voice.log" || e2e_fail "the voice app heard nothing"
 [ "$(grep -c 'SYNCED_TYPE=CONTACT' "$E2E_WORK/voice.log")" = 1 ] || e2e_fail "voice app: $(cat "$E2E_WORK/voice.log")"
 grep -q "SYNCED_PLM_ID=$plmid " "$E2E_WORK/voice.log" || grep -q "SYNCED_PLM_ID=$plmid\$" "$E2E_WORK/voice.log" \
     || e2e_fail "voice app got another PLM id: $(cat "$E2E_WORK/voice.log")"

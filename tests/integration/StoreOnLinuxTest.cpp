@@ -1,18 +1,19 @@
-// The local store on the real Linux platform in a throw-away home.
+// What only the Linux platform does for the local store, in a throw-away home: paths below the
+// XDG folders, and the service's preferences file as other processes read it.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <pelio/platform/AppPaths.h>
 #include <pelio/platform/Preferences.h>
 #include <filesystem>
+#include <map>
+#include <string>
+#include <utility>
 
 #include "database/DbManager.h"
 #include "pref/PrefMgr.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
-#include "upload/PLMSyncMasterTable.h"
 #include "utils/PLMUtils.h"
-#include "utils/PathConfig.h"
 
 using namespace pelio::platform;
 
@@ -51,26 +52,6 @@ TEST_F(StoreOnLinuxTest, AppPathsFollowXdgAndAreCreated) {
     EXPECT_EQ(home_.configHome(), xdgConfigHome());
 }
 
-TEST_F(StoreOnLinuxTest, DatabaseInAnEmptyHomeAndMasterTable) {
-    const std::string dbFile =
-        home_.dataHome() + "/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db";
-    ASSERT_FALSE(std::filesystem::exists(dbFile));
-    DbManager::getInstance();
-    EXPECT_TRUE(std::filesystem::exists(dbFile));
-    EXPECT_EQ(dbFile, DbManager::databasePath());
-    struct stat st;
-    ASSERT_EQ(0, stat(PathConfig::GetSharedTrustedPath("databases").c_str(), &st));
-    EXPECT_EQ(0744u, st.st_mode & 0777u);
-
-    EXPECT_EQ(0, master_set_string("ALL_SYNC_STATUS_P", "0"));
-    EXPECT_EQ(0, master_set_string("ALL_SYNC_STATUS_P", "2"));
-    // A new manager (as after a restart) sees what the first one stored.
-    DbManager::resetInstanceForTesting();
-    bool ok = false;
-    EXPECT_EQ("2", master_get_value("ALL_SYNC_STATUS_P", &ok));
-    EXPECT_TRUE(ok);
-}
-
 TEST_F(StoreOnLinuxTest, PreferencesOfTheServicePersistAndAreReadableByOthers) {
     PrefMgr mgr;
     mgr.init();
@@ -102,21 +83,6 @@ TEST_F(StoreOnLinuxTest, PreferencesOfTheServicePersistAndAreReadableByOthers) {
         EXPECT_EQ("en-US", getLocalePreference());
     }
     EXPECT_EQ("fr-FR", getLocalePreference());
-}
-
-TEST_F(StoreOnLinuxTest, DeviceIdentityFromTheLinuxSystem) {
-    // The model name is whatever this machine reports, or the test name when it reports none.
-    EXPECT_FALSE(getDeviceModelName().empty());
-    const std::string id = getHashedDeviceId();
-    if (std::filesystem::exists("/etc/machine-id") &&
-        std::filesystem::file_size("/etc/machine-id") > 1) {
-        ASSERT_EQ(64u, id.size());
-        EXPECT_EQ(std::string::npos, id.find_first_not_of("0123456789abcdef"));
-    }
-    std::string stored;
-    EXPECT_EQ(0, preferences().getString("deviceId", stored));
-    EXPECT_EQ(id, stored);
-    EXPECT_EQ(id, getDeviceID());
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Linux system settings in a throw-away home: typed values persisted in the key file, and changes
-// written by another process reaching the change callbacks on the main loop.
+// written by another process reaching the change callbacks on the main loop; the in-memory double
+// held to the same typed-value contract.
 #include <gtest/gtest.h>
 
 #include <Ecore.h>
@@ -13,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "doubles/FakeSystemSettings.h"
 #include "support/TempHome.h"
 
 namespace pp = pelio::platform;
@@ -56,12 +58,9 @@ void waitFor(const Seen& seen, std::size_t n) {
         pp::runMainLoop();
 }
 
-TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks) {
-    pelio::test::TempHome home;
-    pp::MainLoopScope loop;
-    pp::SystemSettings& settings = pp::systemSettings();
-    const std::string file = home.configHome() + "/pelio-platform/settings.ini";
-
+// What the service relies on from any settings store, the Linux one and the in-memory double
+// alike: typed values, their errors, and keys and values a key file cannot hold refused.
+void expectTypedValues(pp::SystemSettings& settings) {
     int i = 0;
     bool b = false;
     std::string s;
@@ -83,6 +82,22 @@ TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks)
     EXPECT_EQ(settings.setString("bad=key", "v"), pp::SETTINGS_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(settings.setString("k", "two\nlines"), pp::SETTINGS_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(settings.getString("", s), pp::SETTINGS_ERROR_INVALID_PARAMETER);
+}
+
+TEST(SystemSettingsContractTest, InMemoryDoubleKeepsTheTypedValuesContract) {
+    pelio::test::FakeSystemSettings fake;
+    expectTypedValues(fake);
+}
+
+TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks) {
+    pelio::test::TempHome home;
+    pp::MainLoopScope loop;
+    pp::SystemSettings& settings = pp::systemSettings();
+    const std::string file = home.configHome() + "/pelio-platform/settings.ini";
+
+    expectTypedValues(settings);
+    int i = 0;
+    std::string s;
 
     // On disk, in the key file another process reads.
     const std::string text = readFile(file);

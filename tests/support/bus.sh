@@ -9,6 +9,7 @@
 #   bus_has_owner NAME   whether NAME has an owner on the bus
 #   bus_wait_gone NAME [SECONDS]   wait until NAME has no owner (default 60 s); 1 on time-out
 #   bus_wait_log TEXT [SECONDS]    wait until BUS_LOG holds TEXT (fixed string; default 30 s)
+#   bus_wait_until SECONDS CMD...  wait until CMD succeeds; 1 after SECONDS
 #
 # Needs PELIO_BINARY_DIR (the build tree). Only a unix socket in a temporary directory is used.
 
@@ -56,14 +57,17 @@ bus_has_owner() {
         -m org.freedesktop.DBus.NameHasOwner "$1" 2>/dev/null | grep -q true
 }
 
-bus_wait_gone() {
-    local limit=$(( ${2:-60} * 10 )) _
-    for _ in $(seq "$limit"); do bus_has_owner "$1" || return 0; sleep 0.1; done
+bus_wait_until() {
+    local limit=$(( $1 * 10 )) _
+    shift
+    for _ in $(seq "$limit"); do "$@" && return 0; sleep 0.1; done
     return 1
 }
 
-bus_wait_log() {
-    local limit=$(( ${2:-30} * 10 )) _
-    for _ in $(seq "$limit"); do grep -qF -- "$1" "$BUS_LOG" 2>/dev/null && return 0; sleep 0.1; done
-    return 1
-}
+bus_has_no_owner() { ! bus_has_owner "$1"; }
+
+bus_log_has() { grep -qF -- "$1" "$BUS_LOG" 2>/dev/null; }
+
+bus_wait_gone() { bus_wait_until "${2:-60}" bus_has_no_owner "$1"; }
+
+bus_wait_log() { bus_wait_until "${2:-30}" bus_log_has "$1"; }

@@ -3,6 +3,7 @@
 #include "PLMConstants.h"
 #include "doubles/FakePlatformApp.h"
 #include "intent/IntentMgr.h"
+#include "support/Installed.h"
 #include "support/LogCapture.h"
 
 namespace pp = pelio::platform;
@@ -14,20 +15,8 @@ namespace {
 
 class IntentMgrTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        auto m = std::make_unique<FakeAppManager>();
-        manager_ = m.get();
-        pp::installAppManager(std::move(m));
-        auto c = std::make_unique<FakeAppControlService>();
-        control_ = c.get();
-        pp::installAppControlService(std::move(c));
-    }
-    void TearDown() override {
-        pp::installAppManager(nullptr);
-        pp::installAppControlService(nullptr);
-    }
-    FakeAppManager* manager_ = nullptr;
-    FakeAppControlService* control_ = nullptr;
+    pelio::test::Installed<FakeAppManager, &pp::installAppManager> manager_;
+    pelio::test::Installed<FakeAppControlService, &pp::installAppControlService> control_;
     IntentMgr intent_;
 };
 

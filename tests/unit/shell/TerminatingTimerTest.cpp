@@ -10,6 +10,7 @@
 #include "doubles/FakePackageManager.h"
 #include "doubles/FakePlatformApp.h"
 #include "doubles/FakeSystemSettings.h"
+#include "support/Installed.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
 
@@ -23,20 +24,12 @@ namespace {
 class TerminatingTimerTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        auto app = std::make_unique<FakeServiceApp>();
-        app_ = app.get();
-        pp::installServiceApp(std::move(app));
-        auto t = std::make_unique<ManualTimers>();
-        timers_ = t.get();
-        pp::installTimers(std::move(t));
         TerminatingTimer::getInstance().setHooks([this] { return syncing_; },
                                                  [this] { ++terminated_; });
     }
     void TearDown() override {
         TerminatingTimer::getInstance().deleteTimer();
         TerminatingTimer::getInstance().setHooks(nullptr, nullptr);
-        pp::installTimers(nullptr);
-        pp::installServiceApp(nullptr);
     }
 
     static std::string renewLine(int n) {
@@ -47,8 +40,8 @@ class TerminatingTimerTest : public ::testing::Test {
         "It still on syncing. but it reaches for 50 times try to wait for sync done but it's not. "
         "I'm killin it";
 
-    FakeServiceApp* app_ = nullptr;
-    ManualTimers* timers_ = nullptr;
+    pelio::test::Installed<FakeServiceApp, &pp::installServiceApp> app_;
+    pelio::test::Installed<ManualTimers, &pp::installTimers> timers_;
     bool syncing_ = true;
     int terminated_ = 0;
 };

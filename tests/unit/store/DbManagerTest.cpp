@@ -13,6 +13,8 @@ using namespace pelio::test;
 
 namespace {
 
+using Request = std::vector<std::pair<std::string, std::string>>;
+
 class DbManagerTest : public StoreTest {
   protected:
     std::string dbPath() const { return paths_->root() + "shared/trusted/databases/.orvane.db"; }
@@ -73,63 +75,6 @@ TEST_F(DbManagerTest, FirstStartCreatesTheFileWithTheFiveTables) {
     EXPECT_EQ(0, r.count());
 }
 
-TEST_F(DbManagerTest, FormsTheSqlTextOfEachOperation) {
-    // A missing table makes the engine refuse the text, and the failure line quotes it whole.
-    Bundle r;
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "INSERT"},
-                       {"URI_TABLE_NAME", "nosuch"},
-                       {"COLUMN_COUNT", "2"},
-                       {"COL1", "a"},
-                       {"a", "1"},
-                       {"COL2", "b"},
-                       {"b", "x y"}},
-                      &r));
-    EXPECT_TRUE(log_.hasMessage(
-        "prepare[INSERT INTO nosuch (a,b) VALUES ('1','x y');] Fail [no such table: nosuch]"));
-    EXPECT_TRUE(log_.hasMessage("insert err= 1"));
-    EXPECT_TRUE(log_.hasMessage("add fail"));
-    EXPECT_EQ("FAILURE", strOf(r, "record0"));
-    EXPECT_EQ(1, r.count());
-
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "UPDATE"},
-                       {"URI_TABLE_NAME", "nosuch"},
-                       {"COLUMN_COUNT", "2"},
-                       {"COL1", "a"},
-                       {"a", "1"},
-                       {"COL2", "b"},
-                       {"b", "'x'"},
-                       {"WHERE", "_id = ?"},
-                       {"WHERE_ARGS", "(TEXT)7"}}));
-    EXPECT_TRUE(log_.hasMessage(
-        "prepare UPDATE nosuch SET a = 1 , b = 'x' WHERE _id = ? fail no such table: nosuch"));
-    EXPECT_TRUE(log_.hasMessage("update err= 1"));
-
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"},
-                       {"URI_TABLE_NAME", "nosuch"},
-                       {"PROJECTION", "a,b"},
-                       {"WHERE", "x = 1"}}));
-    EXPECT_TRUE(
-        log_.hasMessage("prepare[SELECT a,b FROM nosuch WHERE x = 1] fail. [no such "
-                        "table: nosuch]"));
-    EXPECT_TRUE(log_.hasMessage("select err= 1"));
-
-    EXPECT_EQ(
-        -1, run({{"OPERATION_KEY", "SELECT"}, {"URI_TABLE_NAME", "nosuch"}, {"PROJECTION", "a"}}));
-    EXPECT_TRUE(log_.hasMessage("prepare[SELECT a FROM nosuch] fail. [no such table: nosuch]"));
-
-    EXPECT_EQ(-1,
-              run({{"OPERATION_KEY", "DELETE"}, {"URI_TABLE_NAME", "nosuch"}, {"WHERE", "x = 1"}}));
-    EXPECT_TRUE(
-        log_.hasMessage("prepare DELETE FROM nosuch WHERE x = 1 fail no such table: nosuch"));
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "DELETE"}, {"URI_TABLE_NAME", "nosuch"}}));
-    EXPECT_TRUE(log_.hasMessage("prepare DELETE FROM nosuch fail no such table: nosuch"));
-    EXPECT_TRUE(log_.hasMessage("del fail= 1"));
-
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "DROP"}, {"URI_TABLE_NAME", "nosuch"}}));
-    EXPECT_TRUE(log_.hasMessage("prepare DROP TABLE nosuch fail no such table: nosuch"));
-    EXPECT_TRUE(log_.hasMessage("drop fail= 1"));
-}
-
 TEST_F(DbManagerTest, InsertQuotesValuesAndUpdateEmbedsThemVerbatim) {
     insertContact("c1", "41", "1");
     // UPDATE values go in bare: a number works, a text value carries its own quotes.
@@ -147,13 +92,6 @@ TEST_F(DbManagerTest, InsertQuotesValuesAndUpdateEmbedsThemVerbatim) {
     EXPECT_EQ("SUCCESS", strOf(r, "record0"));
     EXPECT_EQ((std::vector<std::vector<std::string>>{{"c1", "1-abc", "4", "41"}}),
               sqlRows(dbPath(), "SELECT _id, rev_id, dirty, contact_id FROM contacts"));
-    // An unquoted text value is not a literal: the engine refuses it.
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "UPDATE"},
-                       {"URI_TABLE_NAME", "contacts"},
-                       {"COLUMN_COUNT", "1"},
-                       {"COL1", "rev_id"},
-                       {"rev_id", "abc def"}}));
-    EXPECT_TRUE(log_.contains("prepare UPDATE contacts SET rev_id = abc def fail"));
 
     // DELETE with an INTEGER placeholder.
     insertContact("c2", "42", "1");
@@ -257,91 +195,108 @@ TEST_F(DbManagerTest, OutcomeOfEmptyUnknownAndDropOperations) {
     EXPECT_EQ(-1, db_->plmsvc_db_process(nullptr, &empty));
 }
 
-TEST_F(DbManagerTest, MalformedInsertAndUpdateRequestsFailWithTheirMessages) {
-    struct Case {
-        std::vector<std::pair<std::string, std::string>> request;
-        const char* message;
-    };
-    const std::vector<Case> cases = {
-        {{{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"}}, "Failed to get cntStr"},
-        {{{"OPERATION_KEY", "INSERT"}, {"COLUMN_COUNT", "1"}}, "Failed to get tableName"},
-        {{{"OPERATION_KEY", "INSERT"},
-          {"URI_TABLE_NAME", "master"},
-          {"COLUMN_COUNT", "2"},
-          {"COL1", "key"},
-          {"key", "k"}},
-         "Failed to get record"},
-        {{{"OPERATION_KEY", "INSERT"},
-          {"URI_TABLE_NAME", "master"},
-          {"COLUMN_COUNT", "1"},
-          {"COL1", "key"}},
-         "Failed to get value"},
-        {{{"OPERATION_KEY", "INSERT"}, {"URI_TABLE_NAME", "master"}, {"COLUMN_COUNT", "0"}},
-         "Failed to make records"},
-        {{{"OPERATION_KEY", "UPDATE"}, {"COLUMN_COUNT", "1"}}, "tableName is empty"},
-        {{{"OPERATION_KEY", "UPDATE"}, {"URI_TABLE_NAME", "master"}}, "cntStr is empty"},
-        // application.package is NOT NULL: the step ends in a constraint error (19).
-        {{{"OPERATION_KEY", "INSERT"},
-          {"URI_TABLE_NAME", "application"},
-          {"COLUMN_COUNT", "1"},
-          {"COL1", "_id"},
-          {"_id", "x"}},
-         "err 19"},
-    };
-    for (const auto& c : cases) {
-        log_.clear();
-        Bundle r;
-        auto request = makeRequest(c.request);
-        EXPECT_EQ(-1, db_->plmsvc_db_process(&request, &r)) << c.message;
-        EXPECT_TRUE(log_.hasMessage(c.message)) << c.message;
-        EXPECT_EQ("FAILURE", strOf(r, "record0")) << c.message;
+// A request of OPERATION on TABLE; COLUMNS become COLUMN_COUNT, COLn and their values.
+Request request(const std::string& operation, const std::string& table, const Request& columns = {},
+                const Request& rest = {}) {
+    Request r{{"OPERATION_KEY", operation}};
+    if (!table.empty())
+        r.emplace_back("URI_TABLE_NAME", table);
+    if (!columns.empty())
+        r.emplace_back("COLUMN_COUNT", std::to_string(columns.size()));
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        r.emplace_back("COL" + std::to_string(i + 1), columns[i].first);
+        r.emplace_back(columns[i]);
     }
-    EXPECT_EQ(0, rowCount("master"));
+    r.insert(r.end(), rest.begin(), rest.end());
+    return r;
 }
 
-TEST_F(DbManagerTest, PlaceholderBindingFailures) {
+// Every failing request returns -1 and logs what went wrong: whole log messages (exact) and
+// fragments of longer lines. A missing table makes the engine refuse the text, and the failure
+// line quotes the SQL text the request formed.
+TEST_F(DbManagerTest, FailingRequestsLogTheirSqlTextAndMessages) {
+    struct Case {
+        Request request;
+        std::vector<std::string> messages = {};
+        std::vector<std::string> fragments = {};
+    };
+    const std::string longWhere = std::string(4100, ' ') + "1";
+    const std::vector<Case> cases = {
+        {request("INSERT", "nosuch", {{"a", "1"}, {"b", "x y"}}),
+         {"prepare[INSERT INTO nosuch (a,b) VALUES ('1','x y');] Fail [no such table: nosuch]",
+          "insert err= 1", "add fail"}},
+        {request("UPDATE", "nosuch", {{"a", "1"}, {"b", "'x'"}},
+                 {{"WHERE", "_id = ?"}, {"WHERE_ARGS", "(TEXT)7"}}),
+         {"prepare UPDATE nosuch SET a = 1 , b = 'x' WHERE _id = ? fail no such table: nosuch",
+          "update err= 1"}},
+        {request("SELECT", "nosuch", {}, {{"PROJECTION", "a,b"}, {"WHERE", "x = 1"}}),
+         {"prepare[SELECT a,b FROM nosuch WHERE x = 1] fail. [no such table: nosuch]",
+          "select err= 1"}},
+        {request("SELECT", "nosuch", {}, {{"PROJECTION", "a"}}),
+         {"prepare[SELECT a FROM nosuch] fail. [no such table: nosuch]"}},
+        {request("DELETE", "nosuch", {}, {{"WHERE", "x = 1"}}),
+         {"prepare DELETE FROM nosuch WHERE x = 1 fail no such table: nosuch", "del fail= 1"}},
+        {request("DELETE", "nosuch"),
+         {"prepare DELETE FROM nosuch fail no such table: nosuch", "del fail= 1"}},
+        {request("DROP", "nosuch"),
+         {"prepare DROP TABLE nosuch fail no such table: nosuch", "drop fail= 1"}},
+        // An unquoted text value of an UPDATE is not a literal.
+        {request("UPDATE", "contacts", {{"rev_id", "abc def"}}),
+         {},
+         {"prepare UPDATE contacts SET rev_id = abc def fail"}},
+        // Malformed requests.
+        {request("INSERT", "master"), {"Failed to get cntStr"}},
+        {request("INSERT", "", {}, {{"COLUMN_COUNT", "1"}}), {"Failed to get tableName"}},
+        {request("INSERT", "master", {}, {{"COLUMN_COUNT", "2"}, {"COL1", "key"}, {"key", "k"}}),
+         {"Failed to get record"}},
+        {request("INSERT", "master", {}, {{"COLUMN_COUNT", "1"}, {"COL1", "key"}}),
+         {"Failed to get value"}},
+        {request("INSERT", "master", {}, {{"COLUMN_COUNT", "0"}}), {"Failed to make records"}},
+        {request("UPDATE", "", {}, {{"COLUMN_COUNT", "1"}}), {"tableName is empty"}},
+        {request("UPDATE", "master"), {"cntStr is empty"}},
+        // application.package is NOT NULL: the step ends in a constraint error (19).
+        {request("INSERT", "application", {{"_id", "x"}}), {"err 19"}},
+        // Placeholders: an unknown argument type, a placeholder without an argument, a "?"
+        // inside a literal (counted, but no parameter: the engine refuses the index).
+        {request("SELECT", "contacts", {},
+                 {{"PROJECTION", "_id"}, {"WHERE", "_id = ?"}, {"WHERE_ARGS", "(BLOB)a"}}),
+         {"err BLOB"}},
+        {request("DELETE", "contacts", {},
+                 {{"WHERE", "_id = ? AND dirty = ?"}, {"WHERE_ARGS", "(TEXT)a"}}),
+         {"err "},
+         {"> bind fail "}},
+        {request("SELECT", "contacts", {},
+                 {{"PROJECTION", "_id"}, {"WHERE", "_id = '?'"}, {"WHERE_ARGS", "(TEXT)a"}}),
+         {},
+         {"bind text fail ", "index =1 type =TEXT value =a value_length =1"}},
+        {request("UPDATE", "contacts", {{"dirty", "2"}},
+                 {{"WHERE", "_id = '?'"}, {"WHERE_ARGS", "(INTEGER)5"}}),
+         {"bind fail"},
+         {"bind_int fail ", ", index =1 ype =INTEGER value =5 value_length =1"}},
+        // A text too long for the query buffer never reaches the engine.
+        {request("SELECT", "contacts", {}, {{"PROJECTION", "_id"}, {"WHERE", longWhere}}),
+         {},
+         {"query text too long"}},
+    };
     insertContact("a", "1", "1");
-    // An unknown argument type, and a placeholder without an argument.
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"},
-                       {"URI_TABLE_NAME", "contacts"},
-                       {"PROJECTION", "_id"},
-                       {"WHERE", "_id = ?"},
-                       {"WHERE_ARGS", "(BLOB)a"}}));
-    EXPECT_TRUE(log_.hasMessage("err BLOB"));
-    log_.clear();
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "DELETE"},
-                       {"URI_TABLE_NAME", "contacts"},
-                       {"WHERE", "_id = ? AND dirty = ?"},
-                       {"WHERE_ARGS", "(TEXT)a"}}));
-    EXPECT_TRUE(log_.hasMessage("err "));
-    EXPECT_TRUE(log_.contains("> bind fail "));
+    for (const auto& c : cases) {
+        log_.clear();
+        const std::string what = c.request[0].second + " " + c.request[1].second;
+        Bundle r;
+        auto bundle = makeRequest(c.request);
+        EXPECT_EQ(-1, db_->plmsvc_db_process(&bundle, &r)) << what;
+        for (const auto& m : c.messages)
+            EXPECT_TRUE(log_.hasMessage(m)) << what << ": " << m;
+        for (const auto& f : c.fragments)
+            EXPECT_TRUE(log_.contains(f)) << what << ": " << f;
+        if (c.request[0].second == "INSERT" || c.request[0].second == "UPDATE") {
+            EXPECT_EQ("FAILURE", strOf(r, "record0")) << what;
+        }
+    }
+    EXPECT_EQ(0, rowCount("master"));
     EXPECT_EQ(1, rowCount("contacts"));
-    // A "?" inside a literal is counted but is no parameter: the engine refuses the index.
-    log_.clear();
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"},
-                       {"URI_TABLE_NAME", "contacts"},
-                       {"PROJECTION", "_id"},
-                       {"WHERE", "_id = '?'"},
-                       {"WHERE_ARGS", "(TEXT)a"}}));
-    EXPECT_TRUE(log_.contains("bind text fail "));
-    EXPECT_TRUE(log_.contains("index =1 type =TEXT value =a value_length =1"));
-    log_.clear();
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "UPDATE"},
-                       {"URI_TABLE_NAME", "contacts"},
-                       {"COLUMN_COUNT", "1"},
-                       {"COL1", "dirty"},
-                       {"dirty", "2"},
-                       {"WHERE", "_id = '?'"},
-                       {"WHERE_ARGS", "(INTEGER)5"}}));
-    EXPECT_TRUE(log_.contains("bind_int fail "));
-    EXPECT_TRUE(log_.contains(", index =1 ype =INTEGER value =5 value_length =1"));
-    EXPECT_TRUE(log_.hasMessage("bind fail"));
-    // A text too long for the query buffer never reaches the engine.
-    EXPECT_EQ(-1, run({{"OPERATION_KEY", "SELECT"},
-                       {"URI_TABLE_NAME", "contacts"},
-                       {"PROJECTION", "_id"},
-                       {"WHERE", std::string(4100, ' ') + "1"}}));
-    EXPECT_TRUE(log_.contains("query text too long"));
+    EXPECT_EQ((std::vector<std::vector<std::string>>{{"a", "1"}}),
+              sqlRows(dbPath(), "SELECT _id, dirty FROM contacts"));
 }
 
 TEST_F(DbManagerTest, NonNumericColumnCountThrowsAndReleasesTheLock) {

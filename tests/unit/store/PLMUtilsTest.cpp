@@ -5,6 +5,7 @@
 #include "StoreTestSupport.h"
 #include "doubles/FakePreferences.h"
 #include "doubles/FakeSystemInfo.h"
+#include "support/Installed.h"
 
 using namespace pelio::test;
 using pelio::platform::kSystemKeyBuildString;
@@ -15,22 +16,8 @@ namespace {
 
 class PLMUtilsTest : public StoreTest {
   protected:
-    void SetUp() override {
-        StoreTest::SetUp();
-        auto prefs = std::make_unique<FakePreferences>();
-        prefs_ = prefs.get();
-        pelio::platform::installPreferences(std::move(prefs));
-        auto info = std::make_unique<FakeSystemInfo>();
-        info_ = info.get();
-        pelio::platform::installSystemInfo(std::move(info));
-    }
-    void TearDown() override {
-        pelio::platform::installPreferences(nullptr);
-        pelio::platform::installSystemInfo(nullptr);
-        StoreTest::TearDown();
-    }
-    FakePreferences* prefs_ = nullptr;
-    FakeSystemInfo* info_ = nullptr;
+    Installed<FakePreferences, &pelio::platform::installPreferences> prefs_;
+    Installed<FakeSystemInfo, &pelio::platform::installSystemInfo> info_;
 };
 
 TEST_F(PLMUtilsTest, HashedDeviceIdIsSha256HexComputedOnce) {

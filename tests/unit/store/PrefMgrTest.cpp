@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "doubles/FakePreferences.h"
+#include "support/Installed.h"
 #include "support/LogCapture.h"
 
 using namespace pelio::test;
@@ -12,13 +13,7 @@ namespace {
 
 class PrefMgrTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        auto fake = std::make_unique<FakePreferences>();
-        prefs_ = fake.get();
-        pelio::platform::installPreferences(std::move(fake));
-    }
-    void TearDown() override { pelio::platform::installPreferences(nullptr); }
-    FakePreferences* prefs_ = nullptr;
+    Installed<FakePreferences, &pelio::platform::installPreferences> prefs_;
     LogCapture log_;
 };
 

@@ -13,6 +13,7 @@
 
 #include "database/DbManager.h"
 #include "doubles/FakeAppPaths.h"
+#include "support/Installed.h"
 #include "support/LogCapture.h"
 
 namespace pelio::test {
@@ -49,16 +50,10 @@ inline std::string strOf(const pelio::platform::Bundle& b, const std::string& ke
 class StoreTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        auto paths = std::make_unique<FakeAppPaths>();
-        paths_ = paths.get();
-        pelio::platform::installAppPaths(std::move(paths));
         DbManager::resetInstanceForTesting();
         db_ = DbManager::getInstance();
     }
-    void TearDown() override {
-        DbManager::resetInstanceForTesting();
-        pelio::platform::installAppPaths(nullptr);
-    }
+    void TearDown() override { DbManager::resetInstanceForTesting(); }
 
     // Runs one request; returns plmsvc_db_process's code, the result in *result.
     int run(std::initializer_list<std::pair<std::string, std::string>> pairs,
@@ -72,7 +67,7 @@ class StoreTest : public ::testing::Test {
     }
 
     LogCapture log_;
-    FakeAppPaths* paths_ = nullptr;
+    Installed<FakeAppPaths, &pelio::platform::installAppPaths> paths_;
     DbManager* db_ = nullptr;
 };
 

@@ -25,6 +25,8 @@
 #include "doubles/FakeAppPaths.h"
 #include "doubles/FakeContactsService.h"
 #include "doubles/FakePreferences.h"
+#include "support/Eventually.h"
+#include "support/Installed.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
 
@@ -65,18 +67,6 @@ class RecordingHost : public SyncHandlerHost {
     std::vector<int> queued;
 };
 
-// Polls cond until it holds (true) or a generous limit passes (false). Not a timing assertion:
-// the limit only keeps a broken build from hanging.
-inline bool eventually(const std::function<bool()>& cond) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (std::chrono::steady_clock::now() < limit) {
-        if (cond())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return cond();
-}
-
 struct ShadowRow {
     std::string id;
     int dirty;
@@ -87,11 +77,6 @@ struct ShadowRow {
 class SyncStoreTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        auto prefs = std::make_unique<FakePreferences>();
-        prefs_ = prefs.get();
-        pelio::platform::installPreferences(std::move(prefs));
-        auto paths = std::make_unique<FakeAppPaths>();
-        pelio::platform::installAppPaths(std::move(paths));
         auto contacts = makeContactsService();
         contacts_ = contacts.get();
         pelio::platform::installContactsService(std::move(contacts));
@@ -101,8 +86,6 @@ class SyncStoreTest : public ::testing::Test {
     void TearDown() override {
         DbManager::resetInstanceForTesting();
         pelio::platform::installContactsService(nullptr);
-        pelio::platform::installAppPaths(nullptr);
-        pelio::platform::installPreferences(nullptr);
     }
     virtual std::unique_ptr<FakeContactsService> makeContactsService() {
         return std::make_unique<FakeContactsService>();
@@ -150,7 +133,8 @@ class SyncStoreTest : public ::testing::Test {
 
     TempHome home_;
     LogCapture log_;
-    FakePreferences* prefs_ = nullptr;
+    Installed<FakePreferences, &pelio::platform::installPreferences> prefs_;
+    Installed<FakeAppPaths, &pelio::platform::installAppPaths> paths_;
     FakeContactsService* contacts_ = nullptr;
 };
 

@@ -17,6 +17,7 @@
 #include "doubles/FakeConnection.h"
 #include "doubles/FakePreferences.h"
 #include "doubles/FakeSystemInfo.h"
+#include "support/Gzip.h"
 #include "upload/DataUploadHandler.h"
 
 // Friend of DataUploadHandler: forwards to its private helpers.
@@ -68,40 +69,8 @@ struct DataUploadHandlerPeer {
 
 namespace uploadtest {
 
-// gzip (window bits 31) of text.
-inline std::string gzip(const std::string& text) {
-    z_stream s{};
-    deflateInit2(&s, 6, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
-    std::string out(deflateBound(&s, text.size()) + 32, '\0');
-    s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    s.avail_in = static_cast<uInt>(text.size());
-    s.next_out = reinterpret_cast<Bytef*>(out.data());
-    s.avail_out = static_cast<uInt>(out.size());
-    deflate(&s, Z_FINISH);
-    out.resize(s.total_out);
-    deflateEnd(&s);
-    return out;
-}
-
-// Inflates a gzip member with zlib; empty text when it is not one.
-inline std::string gunzip(const std::string& data) {
-    z_stream s{};
-    if (inflateInit2(&s, 31) != Z_OK)
-        return {};
-    s.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-    s.avail_in = static_cast<uInt>(data.size());
-    std::string out;
-    char buf[65536];
-    int rc = Z_OK;
-    while (rc == Z_OK) {
-        s.next_out = reinterpret_cast<Bytef*>(buf);
-        s.avail_out = sizeof buf;
-        rc = inflate(&s, Z_NO_FLUSH);
-        out.append(buf, sizeof buf - s.avail_out);
-    }
-    inflateEnd(&s);
-    return rc == Z_STREAM_END ? out : std::string();
-}
+using pelio::test::gunzip;
+using pelio::test::gzip;
 
 // A {"docs": [...]} message of n small documents {"_id": "d<i>"}, plus an extra root member.
 inline std::string docsMessage(int n) {
