@@ -151,15 +151,18 @@ void BaseSyncHandler::handleSyncRequest() {
     for (;;) {
         LOGD("waiting on queue");
         std::unique_lock<std::mutex> lock(mQueueLock);
+        // Collecting from before the request leaves the queue, so that isCollecting() never reads
+        // false in between.
+        mCollecting.store(true);
         const int syncType = mStopRequested.load() ? 0 : _popLocked();
         if (syncType == 0) {
+            mCollecting.store(false);
             mWorkerRunning = false;
             lock.unlock();
             LOGD("thread exited");
             return;
         }
         LOGD("popped[%d], syncDomain[%d]", syncType, mDomainId);
-        mCollecting.store(true);
         lock.unlock();
 
         int ret;
@@ -172,7 +175,6 @@ void BaseSyncHandler::handleSyncRequest() {
             }
             ret = syncData(syncType);
         }
-        mCollecting.store(false);
         LOGD("Sync type called from base[%d], ret[%d]", syncType, ret);
 
         if (ret == 0) {
@@ -198,12 +200,16 @@ void BaseSyncHandler::handleSyncRequest() {
                 }
                 mSyncManager->addSyncItemToQueue(mDomainId);
             }
+            // Only now: the domain is waiting and queued, so no exit check ends the service.
+            mCollecting.store(false);
         } else if (ret == 2) {
             LOGD("Nothing to be done for the domain[%d]", mDomainId);
+            mCollecting.store(false);
             if (mSyncManager != nullptr)
                 mSyncManager->collectionFoundNothing(mDomainId);
         } else {
             LOGE("Sync failed for domain[%d]", mDomainId);
+            mCollecting.store(false);
             if (mSyncManager != nullptr)
                 mSyncManager->collectionFailed(mDomainId);
         }

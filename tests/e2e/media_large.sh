@@ -23,9 +23,8 @@ start=$(date +%s)
 e2e_wait_service_end 600
 echo "# forced sync of $total songs took $(( $(date +%s) - start )) s"
 
-db=$(e2e_device_db) || e2e_fail "no device database"
-count=$(curl -s "$STACK_COUCH_URL/$db" | node -e 'console.log(JSON.parse(require("fs").readFileSync(0,"utf8")).doc_count)')
-[ "$count" = "$total" ] || e2e_fail "server holds $count documents, not $total"
+count=$(e2e_doc_count audio)
+[ "$count" = "$total" ] || e2e_fail "server holds $count song documents, not $total"
 e2e_ok "$total song documents on the server"
 
 shadow=$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db

@@ -5,6 +5,7 @@
 source "$PELIO_SOURCE_DIR/tests/support/e2e-common.sh"
 source "$PELIO_SOURCE_DIR/tests/support/media.sh"
 e2e_setup
+E2E_DOC_TYPE="audio*"  # the checks below look at the music documents
 music=$HOME/Music
 
 make_song "$music/Alpha/one.mp3" "One" "Ann" "Alpha" "Rock"

@@ -92,13 +92,16 @@ e2e_doc_count() {
         console.log(docs.filter(d => d.type === process.argv[1]).length);' "$1"
 }
 
-# Runs a node check over the documents of type E2E_DOC_TYPE (default "contact"):
+# Runs a node check over the documents of type E2E_DOC_TYPE (default "contact"; "audio*" for
+# every type that starts with "audio"):
 # e2e_check 'JS expression over docs' 'what'.
 e2e_check() {
     local docs
     docs=$(e2e_docs) || e2e_fail "no device database: $2"
     DOCS=$docs DOC_TYPE=${E2E_DOC_TYPE:-contact} node -e '
-        const docs = JSON.parse(process.env.DOCS).filter(d => d.type === process.env.DOC_TYPE);
+        const t = process.env.DOC_TYPE;  // a type, or a prefix ending in "*" ("audio*")
+        const docs = JSON.parse(process.env.DOCS).filter(d => d.type === t ||
+            (t.endsWith("*") && String(d.type).startsWith(t.slice(0, -1))));
         const byName = n => docs.find(d => d.meta_data && d.meta_data.displayname === n);
         const ok = (() => { '"$1"' })();
         if (!ok) { console.error(JSON.stringify(docs, null, 1)); process.exit(1); }' \
