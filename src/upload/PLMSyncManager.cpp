@@ -353,14 +353,14 @@ void PLMSyncManager::collectionFailed(int item) {
     if (statusKeyOf(item) == nullptr)
         return;
     update_preference_status_on_sync_fail(item);
-    if (!_workerShouldStop() && !_otherDomainCollecting(item))
+    if (!_workerShouldStop())
         check_for_process_exit();
 }
 
-void PLMSyncManager::collectionFoundNothing(int item) {
+void PLMSyncManager::collectionFoundNothing(int /*item*/) {
     // A request that found nothing anywhere must still let the service end; the check keeps it
     // running while any domain is waiting or uploading.
-    if (!_workerShouldStop() && !_otherDomainCollecting(item))
+    if (!_workerShouldStop())
         check_for_process_exit();
 }
 
@@ -615,6 +615,11 @@ void PLMSyncManager::check_for_process_exit() {
             if (rc != 0)
                 LOGE("preference_set_int (umng_sync_condition) Failed ret[%d]", rc);
         }
+    }
+    // A collection that has not marked its domain yet: it reaches this check itself when done.
+    if (_otherDomainCollecting(0)) {
+        LOGD("Some sync is in process");
+        return;
     }
     if (!mPendingResync.load()) {
         LOGD("Exit the upload manager service");
