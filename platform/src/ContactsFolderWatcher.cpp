@@ -20,8 +20,11 @@ constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_CLOSE_WRITE | IN_MODIFY | 
 }  // namespace
 
 ContactsFolderWatcher::ContactsFolderWatcher(std::string root, std::function<void()> onChanged,
-                                             double debounceSeconds)
-    : root_(std::move(root)), onChanged_(std::move(onChanged)), debounce_(debounceSeconds) {
+                                             double debounceSeconds, std::string what)
+    : root_(std::move(root)),
+      onChanged_(std::move(onChanged)),
+      debounce_(debounceSeconds),
+      what_(std::move(what)) {
     // Like the main loop: without Ecore's system modules, which would reach for the system bus.
     setenv("ECORE_NO_SYSTEM_MODULES", "1", 1);
     ecore_app_no_system_modules();
@@ -41,7 +44,7 @@ ContactsFolderWatcher::~ContactsFolderWatcher() {
 bool ContactsFolderWatcher::start() {
     fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd_ < 0) {
-        dlog_print(DLOG_ERROR, "PelioPlatform", "contacts: inotify_init1 failed: %s",
+        dlog_print(DLOG_ERROR, "PelioPlatform", "%s: inotify_init1 failed: %s", what_.c_str(),
                    std::strerror(errno));
         return false;
     }
@@ -49,7 +52,8 @@ bool ContactsFolderWatcher::start() {
     handler_ = ecore_main_fd_handler_add(fd_, ECORE_FD_READ, &ContactsFolderWatcher::onReadable,
                                          this, nullptr, nullptr);
     if (handler_ == nullptr) {
-        dlog_print(DLOG_ERROR, "PelioPlatform", "contacts: cannot add the inotify fd handler");
+        dlog_print(DLOG_ERROR, "PelioPlatform", "%s: cannot add the inotify fd handler",
+                   what_.c_str());
         close(fd_);
         fd_ = -1;
         return false;
@@ -61,8 +65,8 @@ void ContactsFolderWatcher::watchTree(const std::string& dir) {
     namespace fs = std::filesystem;
     // Adding a watch to an already watched folder only refreshes it, so rewatching is harmless.
     if (inotify_add_watch(fd_, dir.c_str(), kMask) < 0) {
-        dlog_print(DLOG_WARN, "PelioPlatform", "contacts: cannot watch %s: %s", dir.c_str(),
-                   std::strerror(errno));
+        dlog_print(DLOG_WARN, "PelioPlatform", "%s: cannot watch %s: %s", what_.c_str(),
+                   dir.c_str(), std::strerror(errno));
         return;
     }
     std::error_code ec;

@@ -9,6 +9,7 @@
 #include "PLMConstants.h"
 #include "PelioLog.h"
 #include "composer/ContactsJsonComposer.h"
+#include "composer/MediaJsonComposer.h"
 
 std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item) {
     switch (item) {
@@ -24,8 +25,16 @@ std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item) {
             }
             break;
         }
+        case plm::SYNC_ITEM_MEDIA: {
+            try {
+                return MediaJsonComposer().makeUploadJSON();
+            } catch (const std::logic_error& e) {
+                LOGE("composition of item[%d] aborted: %s", item, e.what());
+            }
+            break;
+        }
         default:
-            // Applications and media have no composer in this build; other items never have one.
+            // Applications have no composer in this build; other items never have one.
             break;
     }
     LOGD("no composer for item[%d]", item);

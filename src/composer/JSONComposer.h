@@ -35,8 +35,8 @@ class JSONComposer {
     JSONComposer() = default;
     virtual ~JSONComposer() = default;
 
-    // Composes one sync item (3 contacts; other items have no composer here and give a record
-    // with that item, no bodies and counts -1).
+    // Composes one sync item (3 contacts, 2 media; other items have no composer here and give a
+    // record with that item, no bodies and counts -1).
     virtual std::unique_ptr<SyncData> makeSyncData(int item);
 
     // {"_id": id, "_rev": rev, "_deleted": true}, in that order; the caller owns the object.

@@ -25,6 +25,8 @@ const char* const kCreateStatements[] = {
     "CREATE TABLE if not exists audio(_id INTEGER PRIMARY KEY AUTOINCREMENT,rev_id TEXT,dirty "
     "INTEGER,device_mode INTEGER,audio_id LONG ,date_added LONG ,type INTEGER,artist_name "
     "TEXT,album_name TEXT) ;",
+    // Answers to media documents find their row by item id and type.
+    "CREATE INDEX if not exists audio_item ON audio(audio_id, type);",
     "CREATE TABLE if not exists audio_playlist(playlist_id INTEGER PRIMARY KEY,rev_id TEXT,dirty "
     "INTEGER,name TEXT,playlist_songs_count INTEGER);",
     "CREATE TABLE if not exists master(_id INTEGER PRIMARY KEY AUTOINCREMENT,key TEXT NOT "

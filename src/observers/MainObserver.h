@@ -1,13 +1,14 @@
 // MainObserver: owns the change observers and registers / unregisters them as a group.
 //
-// This build has the contacts observer only; the application and media observers join the group
-// when their domains exist. Thread: the main loop. Owned by the sync manager, which creates it at
+// Observers: contacts and media (music library); the application observer joins the group when
+// its domain exists. Thread: the main loop. Owned by the sync manager, which creates it at
 // start and destroys it at shutdown. Errors: the observers log their own failures.
 #pragma once
 
 #include <memory>
 
 class ContactDbObserver;
+class MediaDBObserver;
 
 class MainObserver {
   public:
@@ -23,5 +24,6 @@ class MainObserver {
 
   private:
     std::unique_ptr<ContactDbObserver> mContactDbObserver;
+    std::unique_ptr<MediaDBObserver> mMediaDBObserver;
     bool mRegistered = false;
 };

@@ -15,6 +15,7 @@
 #include "PLMConstants.h"
 #include "PelioLog.h"
 #include "SyncHandlers/ContactsSyncHandler.h"
+#include "SyncHandlers/MediaSyncHandler.h"
 #include "composer/JSONComposer.h"
 #include "database/DbManager.h"
 #include "intent/IntentMgr.h"
@@ -173,6 +174,8 @@ PLMSyncManager::~PLMSyncManager() {
     if (!mHooks.stopDomainWorkers && mContactsHandlerUsed.load()) {
         ContactsSyncHandler::deleteInstance();
     }
+    if (!mHooks.stopDomainWorkers && mMediaHandlerUsed.load())
+        MediaSyncHandler::deleteInstance();
     if (mMainObserver)
         mMainObserver->unregister_all_observers();
     mMainObserver.reset();
@@ -212,7 +215,14 @@ void PLMSyncManager::_requestDomainSync(int domain, int code) {
         mContactsHandlerUsed.store(true);
         ContactsSyncHandler::getInstance()->requestSync(code);
     }
-    // The application and media handlers are not part of this build.
+    if (domain == plm::SYNC_ITEM_MEDIA) {
+        mMediaHandlerUsed.store(true);
+        // Waiting from now on: a domain that finishes first must not end the service while the
+        // media collection is still queued. The media composition settles it again.
+        set_sync_status(plm::MEDIA_SYNC_STATUS_P, plm::STATUS_WAITING);
+        MediaSyncHandler::getInstance()->requestSync(code);
+    }
+    // The application handler is not part of this build.
 }
 
 void PLMSyncManager::stopHandlerThreads() {
@@ -222,6 +232,8 @@ void PLMSyncManager::stopHandlerThreads() {
     }
     if (mContactsHandlerUsed.load())
         ContactsSyncHandler::getInstance()->stopWorker();
+    if (mMediaHandlerUsed.load())
+        MediaSyncHandler::getInstance()->stopWorker();
 }
 
 DataUploadHandler* PLMSyncManager::_uploader() {

@@ -56,11 +56,12 @@ struct PLMSyncManagerHooks {
     // A domain's upload record (null: nothing to send). Default: JSONComposer::makeSyncData(item).
     std::function<std::unique_ptr<SyncData>(int item)> makeSyncData;
     // requestSync(code) on a domain handler (3 contacts, 1 applications, 2 media). Default: the
-    // contacts handler; the application and media handlers are not part of this build yet.
+    // contacts and media handlers; the application handler is not part of this build yet.
     std::function<void(int domain, int code)> requestDomainSync;
     // The contacts handler's writeNewSyncContactsDbVersion(reset) after a contacts PDS close.
     std::function<void(bool reset)> writeContactsDbVersion;
-    // Cancels the domain handlers' worker threads. Default: the contacts handler's stopWorker().
+    // Cancels the domain handlers' worker threads. Default: the contacts and media handlers'
+    // stopWorker().
     std::function<void()> stopDomainWorkers;
     // Whether getInstance() starts the worker thread (tests of single steps leave it off).
     bool startWorker = true;
@@ -175,6 +176,8 @@ class PLMSyncManager : public SyncHandlerHost {
     std::condition_variable mStopCondition;
     // Whether the contacts handler was reached (so shutdown stops its worker).
     std::atomic<bool> mContactsHandlerUsed{false};
+    // Whether the media handler was reached (so shutdown stops its worker).
+    std::atomic<bool> mMediaHandlerUsed{false};
 
     std::unique_ptr<SyncQueue> mSyncQueue;
     std::unique_ptr<SyncQueue> mPendingQueue;

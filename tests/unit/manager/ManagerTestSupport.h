@@ -23,6 +23,7 @@
 #include "database/DbManager.h"
 #include "doubles/FakeAppPaths.h"
 #include "doubles/FakeContactsService.h"
+#include "doubles/FakeMediaContentService.h"
 #include "doubles/FakePlatformApp.h"
 #include "doubles/FakePreferences.h"
 #include "support/LogCapture.h"
@@ -145,6 +146,8 @@ class ManagerFixture : public ::testing::Test {
         auto contacts = std::make_unique<pelio::test::FakeContactsService>();
         contacts_ = contacts.get();
         pelio::platform::installContactsService(std::move(contacts));
+        pelio::platform::installMediaContentService(
+            std::make_unique<pelio::test::FakeMediaContentService>());
         auto app = std::make_unique<CountingServiceApp>();
         app_ = app.get();
         pelio::platform::installServiceApp(std::move(app));
@@ -161,6 +164,7 @@ class ManagerFixture : public ::testing::Test {
         pelio::platform::installTimers(nullptr);
         pelio::platform::installServiceApp(nullptr);
         pelio::platform::installContactsService(nullptr);
+        pelio::platform::installMediaContentService(nullptr);
         pelio::platform::installPreferences(nullptr);
         pelio::platform::installAppPaths(nullptr);
     }

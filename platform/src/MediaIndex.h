@@ -1,0 +1,59 @@
+// One SQLite connection to the music library index ($XDG_DATA_HOME/pelio-platform/media.db).
+//
+// Tables: songs (one row per audio file, keyed by path, with its size and modification time so a
+// rescan re-reads only changed files), albums (name + album artist), artists, genres (each an
+// AUTOINCREMENT id kept for ever, so ids are never reused), playlists and their entries, and
+// ignored (files that are not audio, with size and time, so they are logged once, not on every
+// rescan).
+//
+// Threads: any thread; the connection is opened in SQLite's serialised mode, and rescans are
+// serialised by a process-wide mutex and BEGIN IMMEDIATE. Errors: MediaContentError codes and
+// log lines (tag "PelioPlatform").
+#pragma once
+
+#include "SqliteStatement.h"
+
+#include <pelio/platform/MediaContent.h>
+
+#include <string>
+#include <vector>
+
+namespace pelio::platform {
+
+class MediaIndex {
+  public:
+    explicit MediaIndex(const std::string& dbPath);
+
+    bool ok() const { return db_ != nullptr; }
+
+    // Brings the index in step with the folder; changed receives the number of songs and
+    // playlists that were added, changed or removed. A missing folder changes nothing and gives
+    // MEDIA_CONTENT_ERROR_NO_DATA.
+    int rescan(const std::string& root, int& changed);
+
+    int songs(std::vector<MediaInfoRecord>& out);
+    int song(long long id, MediaInfoRecord& out);
+    int albums(std::vector<MediaAlbumRecord>& out);
+    int artists(std::vector<MediaArtistRecord>& out);
+    int playlists(std::vector<MediaPlaylistRecord>& out);
+
+    // "00000000-0000-0000-0000-00000000002a" for 42.
+    static std::string mediaIdOf(long long id);
+
+  private:
+    struct FileStamp {
+        long long id = 0;
+        long long size = -1;
+        long long mtime = -1;
+    };
+    bool exec(const char* sql);
+    long long nameId(const char* table, const std::string& name);
+    long long albumId(const std::string& name, const std::string& artist);
+    bool writeSong(const std::string& path, const FileStamp& stamp, long long existingId);
+    bool writePlaylist(const std::string& path, const FileStamp& stamp, long long existingId);
+    int songsWhere(const std::string& where, long long id, std::vector<MediaInfoRecord>& out);
+
+    SqliteHandle db_;
+};
+
+}  // namespace pelio::platform

@@ -1,0 +1,330 @@
+#include "composer/MediaJsonComposer.h"
+
+#include <pelio/platform/MediaContent.h>
+
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "PLMConstants.h"
+#include "PelioLog.h"
+#include "SyncHandlers/BaseSyncHandler.h"
+#include "database/KeysetReader.h"
+#include "utils/BundleMacro.h"
+
+using pelio::platform::Bundle;
+namespace pp = pelio::platform;
+
+namespace {
+
+constexpr int kTypeSong = 1;
+constexpr int kTypePlaylist = 2;
+constexpr int kTypeAlbum = 3;
+constexpr int kTypeArtist = 4;
+constexpr int kTypeGenre = 5;
+
+std::atomic<int> gMediaDocNumber{0};
+
+std::string column(const Bundle& row, int n) {
+    std::string value = getValStr(&row, columnKey(n));
+    return value == "NULL" ? std::string() : value;
+}
+
+int number(const std::string& text) {
+    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
+MediaComposeRecord rowRecord(int type, const std::string& id, const std::string& rev, int dirty) {
+    MediaComposeRecord r;
+    r.type = type;
+    r.id = id;
+    r.revision = rev;
+    r.dirty = dirty;
+    return r;
+}
+
+void setString(JsonObject* o, const char* key, const std::string& value) {
+    json_object_set_string_member(o, key, value.c_str());
+}
+
+}  // namespace
+
+MediaJsonComposer::MediaJsonComposer() : mDocs(json_array_new()) {}
+
+MediaJsonComposer::~MediaJsonComposer() = default;
+
+unsigned long MediaJsonComposer::getHexToLongId(const std::string& mediaId) {
+    LOGD("media id is hex value[%s]", mediaId.c_str());
+    std::string digits;
+    for (unsigned char c : mediaId) {
+        if (std::isxdigit(c))
+            digits += static_cast<char>(c);
+    }
+    if (digits.empty())
+        return 0;
+    errno = 0;
+    const unsigned long value = std::strtoul(digits.c_str(), nullptr, 16);
+    return errno == ERANGE ? 0 : value;
+}
+
+MediaComposeRecord MediaJsonComposer::getSongInfoObject(const std::string& id,
+                                                        const std::string& rev, int dirty) {
+    MediaComposeRecord r = rowRecord(kTypeSong, id, rev, dirty);
+    if (dirty == plm::DIRTY_DELETED)
+        return r;
+    char hex[32];
+    std::snprintf(hex, sizeof hex, "%lx", std::strtoul(id.c_str(), nullptr, 10));
+    pp::MediaInfoRecord media;
+    const int ret = pp::mediaContentService().getMediaFromDb(hex, media);
+    if (ret != pp::MEDIA_CONTENT_ERROR_NONE) {
+        LOGE("ERROR: media_info_get_media_from_db failed retval[%d]", ret);
+        r.found = false;
+        return r;
+    }
+    r.displayName = media.displayName;
+    r.title = media.title;
+    r.album = media.album;
+    r.artist = media.artist;
+    r.genre = media.genre;
+    r.albumId = media.albumId != 0 ? std::to_string(media.albumId) : "";
+    r.artistId = media.artistId != 0 ? std::to_string(media.artistId) : "";
+    r.genreId = media.genreId != 0 ? std::to_string(media.genreId) : "";
+    return r;
+}
+
+MediaComposeRecord MediaJsonComposer::getAlbumInfoObject(const std::string& id,
+                                                         const std::string& rev, int dirty,
+                                                         const std::string& album,
+                                                         const std::string& artist) {
+    MediaComposeRecord r = rowRecord(kTypeAlbum, id, rev, dirty);
+    r.album = album;
+    r.albumId = id;
+    r.artist = artist;
+    return r;
+}
+
+MediaComposeRecord MediaJsonComposer::getArtistInfoObject(const std::string& id,
+                                                          const std::string& rev, int dirty,
+                                                          const std::string& artist) {
+    MediaComposeRecord r = rowRecord(kTypeArtist, id, rev, dirty);
+    r.artist = artist;
+    return r;
+}
+
+MediaComposeRecord MediaJsonComposer::getPlaylistInfoObject(const std::string& id,
+                                                            const std::string& rev, int dirty,
+                                                            const std::string& name, int count) {
+    MediaComposeRecord r = rowRecord(kTypePlaylist, id, rev, dirty);
+    r.displayName = name;
+    r.songsCount = count;
+    return r;
+}
+
+void MediaJsonComposer::_append(const MediaComposeRecord& record, const char* prefix,
+                                const char* type, JsonObjectPtr meta) {
+    const std::string docId = BaseSyncHandler::formatFixedWidthId(prefix, record.id, kIdWidth);
+    SentRow sent;
+    if (record.type == kTypePlaylist) {
+        sent.table = "audio_playlist";
+        sent.key = {{"playlist_id", record.id}};
+        sent.state = {{"dirty", std::to_string(record.dirty)},
+                      {"name", record.displayName},
+                      {"playlist_songs_count", std::to_string(record.songsCount)}};
+    } else {
+        sent.table = "audio";
+        sent.key = {{"audio_id", record.id}, {"type", std::to_string(record.type)}};
+        sent.state = {{"dirty", std::to_string(record.dirty)}, {"device_mode", record.stamp}};
+    }
+    sent.deletion = record.dirty == plm::DIRTY_DELETED;
+    (*mSentRows)[docId] = sent;
+
+    if (record.dirty == plm::DIRTY_DELETED) {
+        json_array_add_object_element(mDocs.get(),
+                                      makeDeletedDocument(docId, record.revision).release());
+        ++mDeleted;
+        return;
+    }
+    JsonObjectPtr doc(json_object_new());
+    JsonObject* d = doc.get();
+    json_object_set_string_member(d, plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
+    setString(d, plm::DOC_ID, docId);
+    json_object_set_string_member(d, plm::DOC_TYPE, type);
+    json_object_set_int_member(d, plm::DOC_NUMBER, ++gMediaDocNumber);
+    json_object_set_double_member(d, plm::DOC_TIMESTAMP, getCurrentTimeMillis());
+    setString(d, plm::DOC_TIMESTAMP_GMT, getTimestampString());
+    json_object_set_string_member(d, plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
+    json_object_set_object_member(d, plm::DOC_META_DATA, meta.release());
+    if (record.dirty == plm::DIRTY_UPDATED) {
+        setString(d, plm::DOC_REV, record.revision);
+        ++mUpdated;
+    } else {
+        ++mInserted;
+    }
+    json_array_add_object_element(mDocs.get(), doc.release());
+}
+
+void MediaJsonComposer::makeSongItemJson(const MediaComposeRecord& record) {
+    if (!record.found) {
+        LOGE("song[%s] is no longer in the library; left for the next sync", record.id.c_str());
+        return;
+    }
+    JsonObjectPtr meta(json_object_new());
+    JsonObject* m = meta.get();
+    setString(m, "displayname", record.displayName);
+    setString(m, "title", record.title);
+    setString(m, "album_id", record.albumId);
+    setString(m, "album_title", record.album);
+    setString(m, "artist_id", record.artistId);
+    setString(m, "artist_name", record.artist);
+    setString(m, "genre_id", record.genreId);
+    setString(m, "genre_name", record.genre);
+    setString(m, "uri", "");
+    _append(record, "aud_", "audio", std::move(meta));
+}
+
+void MediaJsonComposer::makeAlbumItemJson(const MediaComposeRecord& record) {
+    JsonObjectPtr meta(json_object_new());
+    setString(meta.get(), "album_title", record.album);
+    setString(meta.get(), "album_id", record.albumId);
+    setString(meta.get(), "artist_name", record.artist);
+    _append(record, "aab_", "audio album", std::move(meta));
+}
+
+void MediaJsonComposer::makeArtistItemJson(const MediaComposeRecord& record) {
+    JsonObjectPtr meta(json_object_new());
+    setString(meta.get(), "name", record.artist);
+    _append(record, "aat_", "audio artist", std::move(meta));
+}
+
+void MediaJsonComposer::makeGenreItemJson(const MediaComposeRecord& record) {
+    JsonObjectPtr meta(json_object_new());
+    setString(meta.get(), "name", record.genre);
+    _append(record, "agr_", "audio genre", std::move(meta));
+}
+
+void MediaJsonComposer::makePlaylistItemJson(const MediaComposeRecord& record) {
+    JsonObjectPtr meta(json_object_new());
+    setString(meta.get(), "displayname", record.displayName);
+    json_object_set_int_member(meta.get(), "songs_count", record.songsCount);
+    setString(meta.get(), "uri", "");
+    _append(record, "apl_", "audio playlist", std::move(meta));
+}
+
+void MediaJsonComposer::_readAudioRows() {
+    char projection[128];
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s , %s, %s, %s, %s", "_id", "rev_id",
+                  "dirty", "audio_id", "type", "album_name", "artist_name");
+    LOGD("columns[%s]", projection);
+    int count = 1;
+    const bool ok = KeysetReader::readAll(
+        "audio", std::string(projection) + ", device_mode", "dirty != 4", kSelectPageRows,
+        [this, &count](const Bundle& row) {
+            ++count;
+            const int type = number(column(row, 5));
+            const std::string id = column(row, 4);
+            const std::string rev = column(row, 2);
+            const int dirty = number(column(row, 3));
+            LOGD("type is : %d,current id is: %s, rev id is : %s", type, id.c_str(), rev.c_str());
+            MediaComposeRecord record;
+            if (type == kTypeSong) {
+                LOGD("is song ");
+                record = getSongInfoObject(id, rev, dirty);
+                record.stamp = column(row, 8);
+                mSongs.push_back(record);
+            } else if (type == kTypeAlbum) {
+                LOGD("is album ");
+                record = getAlbumInfoObject(id, rev, dirty, column(row, 6), column(row, 7));
+                record.stamp = column(row, 8);
+                mAlbums.push_back(record);
+            } else if (type == kTypeArtist) {
+                LOGD("is artist ");
+                record = getArtistInfoObject(id, rev, dirty, column(row, 7));
+                record.stamp = column(row, 8);
+                mArtists.push_back(record);
+            }
+        });
+    if (!ok)
+        LOGE("plmsvc_db_process FAIL");
+    if (count == 1)
+        LOGD("no information present");
+    LOGD("count[%d]", count);
+}
+
+void MediaJsonComposer::_readPlaylistRows() {
+    char projection[128];
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s, %s", "playlist_id", "rev_id",
+                  "dirty", "name", "playlist_songs_count");
+    LOGD("columns[%s]", projection);
+    int count = 1;
+    const bool ok =
+        KeysetReader::readAll("audio_playlist", projection, "dirty != 4", kSelectPageRows,
+                              [this, &count](const Bundle& row) {
+                                  ++count;
+                                  LOGD("is playlist ");
+                                  mPlaylists.push_back(getPlaylistInfoObject(
+                                      column(row, 1), column(row, 2), number(column(row, 3)),
+                                      column(row, 4), number(column(row, 5))));
+                              });
+    if (!ok)
+        LOGE("plmsvc_db_process FAIL");
+    if (count == 1)
+        LOGD("no information present");
+    LOGD("count[%d]", count);
+}
+
+std::unique_ptr<SyncData> MediaJsonComposer::makeUploadJSON() {
+    auto result = std::make_unique<SyncData>();
+    mSentRows = result->sentRows;
+    mDocs.reset(json_array_new());
+    mInserted = mUpdated = mDeleted = 0;
+
+    auto& media = pp::mediaContentService();
+    int ret = media.connect();
+    if (ret == pp::MEDIA_CONTENT_ERROR_NONE) {
+        LOGD("media_content_connect SUCCESS");
+    } else {
+        LOGE("ERROR: media_content_connect failed retval = [%d]", ret);
+    }
+    _readAudioRows();
+    _readPlaylistRows();
+
+    LOGD("compose json for playlist ");
+    for (const auto& r : mPlaylists)
+        makePlaylistItemJson(r);
+    LOGD("compose json for audio ");
+    for (const auto& r : mSongs)
+        makeSongItemJson(r);
+    LOGD("compose json for album ");
+    for (const auto& r : mAlbums)
+        makeAlbumItemJson(r);
+    LOGD("compose json for artist ");
+    for (const auto& r : mArtists)
+        makeArtistItemJson(r);
+
+    result->itemType = plm::SYNC_ITEM_MEDIA;
+    if (mInserted < 1 && mUpdated < 1 && mDeleted < 1) {
+        LOGD("there is nothing to sync");
+        result->sentRows->clear();
+    } else {
+        LOGD("there is something to sync");
+        result->insertedCount = mInserted;
+        result->updatedCount = mUpdated;
+        result->deletedCount = mDeleted;
+        JsonObjectPtr body(json_object_new());
+        json_object_set_array_member(body.get(), plm::DOC_DOCS, mDocs.release());
+        result->documents.push_back(jsonToString(body.get()));
+        mDocs.reset(json_array_new());
+    }
+
+    if (ret == pp::MEDIA_CONTENT_ERROR_NONE) {
+        ret = media.disconnect();
+        if (ret == pp::MEDIA_CONTENT_ERROR_NONE) {
+            LOGD("media_content_disconnect SUCCESS");
+        } else {
+            LOGE("ERROR: media_content_disconnect failed retval = [%d]", ret);
+        }
+    }
+    return result;
+}

@@ -1,0 +1,77 @@
+// MediaJsonComposer: turns the media shadow tables into upload documents (sync item 2): one
+// "audio" document per song row, "audio album" per album, "audio artist" per artist and
+// "audio playlist" per playlist, all in one body (media documents are not cut into batches).
+// Rows are those with dirty != 4, read in keyset pages; a song's texts come from the media
+// content service. Ids: the kind's prefix ("aud_", "aab_", "aat_", "apl_", "agr_") in the
+// 12-wide fixed form around the row's decimal "audio_id" / "playlist_id"; a song's audio_id is
+// its platform media id converted by getHexToLongId. Every composed id is recorded in the
+// result's sentRows with the row's key, its dirty value and its content stamp.
+//
+// Threads: one composer object on one thread (the sync manager's worker, under its media lock);
+// it connects to the media content service for the call. The document counter is process-wide.
+// Ownership: made and destroyed by JSONComposer::makeSyncData(2); makeUploadJSON()'s record
+// belongs to the caller.
+// Errors: failed queries or look-ups only reduce what is written (a live song that is no longer
+// in the library is left out and stays dirty); the result is always a record of item 2, with
+// counts -1 and no body when there is nothing to send.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "composer/JSONComposer.h"
+
+// One row to compose, completed from the media content service for songs.
+struct MediaComposeRecord {
+    int type = 0;    // 1 song, 2 playlist, 3 album, 4 artist, 5 genre
+    std::string id;  // decimal audio_id / playlist_id
+    std::string revision;
+    int dirty = 0;
+    std::string stamp;  // "device_mode" of an audio row
+    std::string displayName, title, album, albumId, artist, artistId, genre, genreId;
+    int songsCount = 0;
+    bool found = true;  // a song still in the library
+};
+
+class MediaJsonComposer : public JSONComposer {
+  public:
+    static constexpr size_t kIdWidth = 12;
+    static constexpr int kSelectPageRows = 400;
+
+    MediaJsonComposer();
+    ~MediaJsonComposer() override;
+
+    std::unique_ptr<SyncData> makeUploadJSON();
+
+    // Row -> record; a song is completed from the media content service.
+    MediaComposeRecord getSongInfoObject(const std::string& id, const std::string& rev, int dirty);
+    MediaComposeRecord getAlbumInfoObject(const std::string& id, const std::string& rev, int dirty,
+                                          const std::string& album, const std::string& artist);
+    MediaComposeRecord getArtistInfoObject(const std::string& id, const std::string& rev, int dirty,
+                                           const std::string& artist);
+    MediaComposeRecord getPlaylistInfoObject(const std::string& id, const std::string& rev,
+                                             int dirty, const std::string& name, int count);
+
+    // Record -> document appended to the array (deletion document at dirty 2).
+    void makeSongItemJson(const MediaComposeRecord& record);
+    void makeAlbumItemJson(const MediaComposeRecord& record);
+    void makeArtistItemJson(const MediaComposeRecord& record);
+    void makeGenreItemJson(const MediaComposeRecord& record);
+    void makePlaylistItemJson(const MediaComposeRecord& record);
+
+    // A media id in hexadecimal text as a number: every character that is not a hexadecimal
+    // digit ("-", ":", blanks, braces) is removed first; 0 when no digit is left or the number
+    // does not fit.
+    static unsigned long getHexToLongId(const std::string& mediaId);
+
+  private:
+    void _readAudioRows();
+    void _readPlaylistRows();
+    void _append(const MediaComposeRecord& record, const char* prefix, const char* type,
+                 JsonObjectPtr meta);
+
+    JsonArrayPtr mDocs;
+    std::vector<MediaComposeRecord> mSongs, mAlbums, mArtists, mPlaylists;
+    int mInserted = 0, mUpdated = 0, mDeleted = 0;
+    std::shared_ptr<SentRows> mSentRows;
+};

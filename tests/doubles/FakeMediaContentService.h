@@ -1,0 +1,40 @@
+// In-memory media content service: the test sets the library; look-ups answer from it.
+// Not thread-safe: set the library before the code under test runs.
+#pragma once
+
+#include <pelio/platform/MediaContent.h>
+
+#include <vector>
+
+namespace pelio::test {
+
+class FakeMediaContentService : public pelio::platform::MediaContentService {
+  public:
+    std::vector<pelio::platform::MediaInfoRecord> songs;
+    std::vector<pelio::platform::MediaAlbumRecord> albums;
+    std::vector<pelio::platform::MediaArtistRecord> artists;
+    std::vector<pelio::platform::MediaPlaylistRecord> playlists;
+    int listError = pelio::platform::MEDIA_CONTENT_ERROR_NONE;  // answer of every list call
+    int connections = 0;
+    pelio::platform::MediaDbUpdatedCallback callback = nullptr;
+    void* userData = nullptr;
+
+    // Adds a song whose media id is id in the platform's hexadecimal form.
+    void addSong(long long id, const std::string& title, const std::string& album,
+                 const std::string& artist, const std::string& genre);
+
+    int connect() override;
+    int disconnect() override;
+    int getMediaList(const std::string& condition,
+                     std::vector<pelio::platform::MediaInfoRecord>& out) override;
+    int getAlbumList(const std::string& condition,
+                     std::vector<pelio::platform::MediaAlbumRecord>& out) override;
+    int getArtistList(const std::string& condition,
+                      std::vector<pelio::platform::MediaArtistRecord>& out) override;
+    int getPlaylistList(std::vector<pelio::platform::MediaPlaylistRecord>& out) override;
+    int getMediaFromDb(const std::string& mediaId, pelio::platform::MediaInfoRecord& out) override;
+    int setDbUpdatedCallback(pelio::platform::MediaDbUpdatedCallback cb, void* data) override;
+    int unsetDbUpdatedCallback() override;
+};
+
+}  // namespace pelio::test
