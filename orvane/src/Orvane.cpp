@@ -7,6 +7,9 @@
 #include <memory>
 #include <string>
 
+#include "DeviceSecret.h"
+#include "OrvaneReply.h"
+
 namespace {
 
 constexpr long kConnectTimeoutSeconds = 10;
@@ -63,8 +66,37 @@ std::string toJsonText(JsonNode* node) {
     return text ? std::string(text.get()) : std::string();
 }
 
-// Parses `text`; returns the root node or null (non-JSON).
+// True when no array or object of `text` nests deeper than `limit` (strings skipped). The
+// parser and the generator recurse per level, so an answer is checked before either sees it.
+bool withinDepth(const std::string& text, std::size_t limit) {
+    std::size_t depth = 0;
+    bool inString = false;
+    bool escaped = false;
+    for (const char c : text) {
+        if (inString) {
+            if (escaped) {
+                escaped = false;
+            } else if (c == '\\') {
+                escaped = true;
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == '"') {
+            inString = true;
+        } else if ((c == '[' || c == '{') && ++depth > limit) {
+            return false;
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return true;
+}
+
+// Parses `text`; returns the root node or null (non-JSON, or nested too deeply).
 NodePtr parseJson(const std::string& text) {
+    if (!withinDepth(text, 64)) {
+        return nullptr;
+    }
     ParserPtr parser(json_parser_new());
     GError* raw = nullptr;
     if (!json_parser_load_from_data(parser.get(), text.data(), static_cast<gssize>(text.size()),
@@ -89,6 +121,33 @@ std::string memberText(JsonNode* node) {
 
 }  // namespace
 
+OrvaneReply orvaneReadReply(const std::string& op, long status, const std::string& answer,
+                            std::map<std::string, std::string>& result, std::string& message) {
+    result.clear();
+    NodePtr root = parseJson(answer);
+    JsonObject* obj =
+        (root && JSON_NODE_HOLDS_OBJECT(root.get())) ? json_node_get_object(root.get()) : nullptr;
+    if (status != 200) {
+        if (obj && json_object_has_member(obj, "message")) {
+            message = memberText(json_object_get_member(obj, "message"));
+        }
+        if (message.empty()) {
+            message = op + ": HTTP " + std::to_string(status);
+        }
+        return OrvaneReply::Refused;
+    }
+    if (!obj) {
+        return OrvaneReply::Malformed;
+    }
+    GList* members = json_object_get_members(obj);
+    for (GList* m = members; m; m = m->next) {
+        const char* name = static_cast<const char*>(m->data);
+        result[name] = memberText(json_object_get_member(obj, name));
+    }
+    g_list_free(members);
+    return OrvaneReply::Result;
+}
+
 struct Orvane::Impl {
     std::string host;
     int port = 0;
@@ -100,10 +159,22 @@ struct Orvane::Impl {
     int proxyPort = 0;
     int logLevel = 0;
     CurlPtr curl;
+    std::string secret;  // read or created at the first call
 
     void log(int level, const std::string& message) const {
         if (callbacks && level <= logLevel) {
             callbacks->onLog(level, message);
+        }
+    }
+
+    // The device secret guards the device's data on the server; without it the server refuses.
+    void loadSecret() {
+        if (secret.empty()) {
+            std::string error;
+            secret = DeviceSecret::loadOrCreate(DeviceSecret::defaultPath(), error);
+            if (secret.empty()) {
+                log(1, error);
+            }
         }
     }
 
@@ -115,6 +186,10 @@ struct Orvane::Impl {
         json_builder_add_string_value(b.get(), deviceId.c_str());
         json_builder_set_member_name(b.get(), "locale");
         json_builder_add_string_value(b.get(), locale.c_str());
+        if (!secret.empty()) {
+            json_builder_set_member_name(b.get(), "device_secret");
+            json_builder_add_string_value(b.get(), secret.c_str());
+        }
         if (shape.withForce) {
             json_builder_set_member_name(b.get(), "force");
             json_builder_add_boolean_value(b.get(), force);
@@ -198,31 +273,17 @@ struct Orvane::Impl {
             callbacks->onSessionEvent(op, status);
         }
 
-        NodePtr root = parseJson(answer);
-        JsonObject* obj = (root && JSON_NODE_HOLDS_OBJECT(root.get()))
-                              ? json_node_get_object(root.get())
-                              : nullptr;
-        if (status != 200) {
-            std::string message;
-            if (obj && json_object_has_member(obj, "message")) {
-                message = memberText(json_object_get_member(obj, "message"));
-            }
-            if (message.empty()) {
-                message = op + ": HTTP " + std::to_string(status);
-            }
-            log(2, op + ": refused: " + message);
-            throw OrvaneError(message);
+        std::string message;
+        switch (orvaneReadReply(op, status, answer, result, message)) {
+            case OrvaneReply::Result:
+                break;
+            case OrvaneReply::Refused:
+                log(2, op + ": refused: " + message);
+                throw OrvaneError(message);
+            case OrvaneReply::Malformed:
+                log(1, op + ": answer is not a JSON object");
+                throw OrvaneError(op + ": malformed answer from server");
         }
-        if (!obj) {
-            log(1, op + ": answer is not a JSON object");
-            throw OrvaneError(op + ": malformed answer from server");
-        }
-        GList* members = json_object_get_members(obj);
-        for (GList* m = members; m; m = m->next) {
-            const char* name = static_cast<const char*>(m->data);
-            result[name] = memberText(json_object_get_member(obj, name));
-        }
-        g_list_free(members);
         log(4, op + ": " + std::to_string(result.size()) + " result entries");
     }
 };
@@ -258,6 +319,7 @@ void Orvane::Orvane_enable_log(int level) {
 void Orvane::Orvane_pds_open(const std::string& locale, std::map<std::string, std::string> request,
                              bool force, bool companion, std::map<std::string, std::string>& result,
                              bool standalone) {
+    impl_->loadSecret();
     impl_->call("open", impl_->body(locale, request, {true, true}, force, companion, standalone),
                 result);
 }
@@ -265,11 +327,13 @@ void Orvane::Orvane_pds_open(const std::string& locale, std::map<std::string, st
 void Orvane::Orvane_pds_close(const std::string& locale, std::map<std::string, std::string> request,
                               bool companion, std::map<std::string, std::string>& result,
                               bool standalone) {
+    impl_->loadSecret();
     impl_->call("close", impl_->body(locale, request, {false, true}, false, companion, standalone),
                 result);
 }
 
 void Orvane::Orvane_pds_wipe(const std::string& locale, std::map<std::string, std::string> request,
                              std::map<std::string, std::string>& result) {
+    impl_->loadSecret();
     impl_->call("wipe", impl_->body(locale, request, {false, false}, false, false, false), result);
 }

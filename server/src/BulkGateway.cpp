@@ -1,14 +1,11 @@
 #include "BulkGateway.h"
 
-#include <nlohmann/json.hpp>
-
 #include <iostream>
 #include <map>
-#include <optional>
 #include <set>
-#include <vector>
 
 #include "GzipCodec.h"
+#include "JsonDepth.h"
 #include "Text.h"
 
 using nlohmann::json;
@@ -20,6 +17,14 @@ constexpr int kMaxTries = 3;
 
 BulkGateway::Answer error(int status, const std::string& err, const std::string& reason) {
     return {status, json{{"error", err}, {"reason", reason}}.dump()};
+}
+
+json docError(const std::string& id, const std::string& err, const std::string& reason) {
+    json e{{"error", err}, {"reason", reason}};
+    if (!id.empty()) {
+        e["id"] = id;
+    }
+    return e;
 }
 
 // The candidate tokens of a cookie header: the whole value, and each "name=value" value.
@@ -37,6 +42,65 @@ std::vector<std::string> cookieCandidates(const std::string& header) {
         }
     }
     return out;
+}
+
+// "<generation>-<hash>", the only revision form the database takes.
+bool isRevision(const std::string& rev) {
+    const auto dash = rev.find('-');
+    if (dash == std::string::npos || dash == 0 || dash + 1 >= rev.size() || dash > 9) {
+        return false;
+    }
+    for (std::size_t i = 0; i < dash; ++i) {
+        if (rev[i] < '0' || rev[i] > '9') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Checks one element of "docs"; returns the error element, or nothing and fills `item`.
+std::optional<json> checkDocument(json& d, BulkGateway::Item& item) {
+    if (!d.is_object()) {
+        return docError("", "bad_request", "Document must be a JSON object.");
+    }
+    std::string id;
+    if (d.contains("_id")) {
+        if (!d["_id"].is_string()) {
+            return docError("", "bad_request", "Document id must be a string.");
+        }
+        id = d["_id"].get<std::string>();
+        if (id.empty()) {
+            return docError("", "bad_request", "Document id must not be empty.");
+        }
+        if (id[0] == '_') {
+            return docError(id, "forbidden",
+                            "Ids starting with _ (design and other reserved documents) are "
+                            "not accepted.");
+        }
+    }
+    for (const auto& [key, value] : d.items()) {
+        if (!key.empty() && key[0] == '_' && key != "_id" && key != "_rev" && key != "_deleted") {
+            return docError(id, "doc_validation", "Bad special document member: " + key);
+        }
+    }
+    const auto deleted = d.find("_deleted");
+    if (deleted != d.end() && !deleted->is_boolean()) {
+        return docError(id, "bad_request", "_deleted must be true or false.");
+    }
+    const bool deletion = deleted != d.end() && deleted->get<bool>();
+    const auto rev = d.find("_rev");
+    if (rev != d.end() && (!rev->is_string() || !isRevision(rev->get<std::string>()))) {
+        return docError(id, "bad_request", "Invalid rev format");
+    }
+    if (id.empty() && (deletion || rev != d.end())) {
+        return docError("", "bad_request",
+                        deletion ? "A deletion needs a document id." : "A _rev needs an _id.");
+    }
+    item.id = id;
+    item.deletion = deletion;
+    item.owned = !id.empty() && (rev == d.end() || deletion);
+    item.doc = std::move(d);
+    return std::nullopt;
 }
 
 struct Current {
@@ -64,7 +128,8 @@ std::optional<std::map<std::string, Current>> currentRevisions(const CouchClient
         return std::nullopt;
     }
     for (const json& row : rows["rows"]) {
-        if (!row.contains("id") || !row.contains("value") || !row["value"].is_object()) {
+        if (!row.is_object() || !row.contains("id") || !row["id"].is_string() ||
+            !row.contains("value") || !row["value"].is_object()) {
             continue;
         }
         const json& v = row["value"];
@@ -77,34 +142,35 @@ std::optional<std::map<std::string, Current>> currentRevisions(const CouchClient
 }
 
 // The database may answer in another order than the documents were sent (PouchDB Server does):
-// pair each answer with the sent document of the same id; answers for documents sent without an
-// id take the id-less documents in order.
-template <typename P>
-std::vector<json> matchResults(const json& results, const std::vector<P*>& sent) {
+// pair each answer with the sent document of the same id (ids are unique within one write);
+// answers for documents sent without an id take the id-less documents in order.
+std::vector<json> matchResults(const json& results, const std::vector<BulkGateway::Item*>& sent) {
     std::vector<json> out(sent.size());
+    std::map<std::string, std::size_t> byId;
+    for (std::size_t k = 0; k < sent.size(); ++k) {
+        if (!sent[k]->id.empty()) {
+            byId[sent[k]->id] = k;
+        }
+    }
     std::vector<bool> used(sent.size(), false);
     std::vector<const json*> unnamed;
     for (const json& r : results) {
-        const std::string id = r.is_object() ? r.value("id", "") : std::string();
-        bool placed = false;
-        for (std::size_t k = 0; k < sent.size() && !id.empty(); ++k) {
-            const json& d = sent[k]->doc;
-            if (!used[k] && d.contains("_id") && d["_id"] == id) {
-                out[k] = r;
-                used[k] = placed = true;
-                break;
-            }
-        }
-        if (!placed) {
+        const auto idIt = r.is_object() ? r.find("id") : r.end();
+        const auto it = (idIt != r.end() && idIt->is_string()) ? byId.find(idIt->get<std::string>())
+                                                               : byId.end();
+        if (it != byId.end() && !used[it->second]) {
+            out[it->second] = r;
+            used[it->second] = true;
+        } else {
             unnamed.push_back(&r);
         }
     }
     std::size_t next = 0;
     for (std::size_t k = 0; k < sent.size(); ++k) {
         if (!used[k]) {
-            out[k] = next < unnamed.size() ? *unnamed[next++]
-                                           : json{{"error", "unknown_error"},
-                                                  {"reason", "The database gave no answer."}};
+            out[k] = next < unnamed.size()
+                         ? *unnamed[next++]
+                         : docError(sent[k]->id, "unknown_error", "The database gave no answer.");
         }
     }
     return out;
@@ -115,10 +181,20 @@ BulkGateway::Answer databaseTrouble(int status, const std::string& what) {
         return error(404, "not_found", "Database does not exist.");
     }
     if (status == 401 || status == 403) {
+        std::cerr << "pds-server: database " << what << " refused the gateway's credentials\n";
         return error(502, "bad_gateway", "The database refused the gateway's credentials.");
     }
     std::cerr << "pds-server: database " << what << " failed with status " << status << "\n";
     return error(502, "bad_gateway", "The database could not be reached.");
+}
+
+bool isWriteAnswer(int status) {
+    return status == 201 || status == 200 || status == 202;
+}
+
+// The database refused a whole write (4xx other than auth and missing database).
+bool isRefusal(int status) {
+    return status >= 400 && status < 500 && status != 401 && status != 403 && status != 404;
 }
 
 }  // namespace
@@ -126,6 +202,65 @@ BulkGateway::Answer databaseTrouble(int status, const std::string& what) {
 BulkGateway::BulkGateway(const CouchClient& couch, const SessionToken& tokens,
                          std::size_t maxBodyBytes, std::function<std::int64_t()> clock)
     : couch_(couch), tokens_(tokens), maxBodyBytes_(maxBodyBytes), clock_(std::move(clock)) {}
+
+std::optional<BulkGateway::Answer> BulkGateway::parse(const std::string& body,
+                                                      std::size_t maxBodyBytes, Batch& batch) {
+    batch = Batch{};
+    // JSON text, or a gzip member of it (when the listener left it compressed).
+    std::string inflated;
+    const std::string* text = &body;
+    if (body.size() >= 2 && static_cast<unsigned char>(body[0]) == 0x1f &&
+        static_cast<unsigned char>(body[1]) == 0x8b) {
+        std::optional<std::string> plain = GzipCodec::inflate(body, maxBodyBytes);
+        if (!plain) {
+            return error(400, "bad_request", "Request body is not a complete gzip stream.");
+        }
+        inflated = std::move(*plain);
+        text = &inflated;
+    }
+    if (!JsonDepth::within(*text)) {
+        return error(400, "bad_request", "Request body nests deeper than 64 levels.");
+    }
+    json request = json::parse(*text, nullptr, false);
+    if (request.is_discarded()) {
+        return error(400, "bad_request", "Request body is not valid JSON.");
+    }
+    const auto docsIt = request.is_object() ? request.find("docs") : request.end();
+    if (docsIt == request.end() || !docsIt->is_array()) {
+        return error(400, "bad_request",
+                     "Request body must be a JSON object with a \"docs\" array.");
+    }
+    json& docs = *docsIt;
+    batch.answers.resize(docs.size());
+    std::map<std::string, std::size_t> lastOfId;  // id -> index in batch.items
+    for (std::size_t i = 0; i < docs.size(); ++i) {
+        Item item;
+        item.slot = i;
+        if (std::optional<json> refused = checkDocument(docs[i], item)) {
+            batch.answers[i] = std::move(*refused);
+            continue;
+        }
+        if (!item.id.empty()) {
+            const auto [it, fresh] = lastOfId.emplace(item.id, batch.items.size());
+            if (!fresh) {
+                // A later occurrence replaces the earlier one, which takes its answer.
+                Item& earlier = batch.items[it->second];
+                batch.followers.emplace_back(earlier.slot, i);
+                earlier = std::move(item);
+                continue;
+            }
+        }
+        batch.items.push_back(std::move(item));
+    }
+    // Earlier occurrences of an earlier occurrence follow the last one too.
+    std::map<std::size_t, std::size_t> leader;
+    for (auto it = batch.followers.rbegin(); it != batch.followers.rend(); ++it) {
+        const auto found = leader.find(it->second);
+        it->second = found != leader.end() ? found->second : it->second;
+        leader[it->first] = it->second;
+    }
+    return std::nullopt;
+}
 
 BulkGateway::Answer BulkGateway::handle(const std::string& database, const std::string& cookie,
                                         const std::string& body) const {
@@ -144,72 +279,38 @@ BulkGateway::Answer BulkGateway::handle(const std::string& database, const std::
         return error(401, "unauthorized", why);
     }
 
-    // 2. The body: JSON text, or a gzip member of it (when the listener left it compressed).
-    std::string text = body;
-    if (text.size() >= 2 && static_cast<unsigned char>(text[0]) == 0x1f &&
-        static_cast<unsigned char>(text[1]) == 0x8b) {
-        std::optional<std::string> plain = GzipCodec::inflate(text, maxBodyBytes_);
-        if (!plain) {
-            return error(400, "bad_request", "Request body is not a complete gzip stream.");
-        }
-        text = std::move(*plain);
+    // 2. The body.
+    Batch batch;
+    if (std::optional<Answer> refused = parse(body, maxBodyBytes_, batch)) {
+        return *refused;
     }
-    json request = json::parse(text, nullptr, false);
-    if (request.is_discarded()) {
-        return error(400, "bad_request", "Request body is not valid JSON.");
-    }
-    if (!request.is_object() || !request.contains("docs") || !request["docs"].is_array()) {
-        return error(400, "bad_request",
-                     "Request body must be a JSON object with a \"docs\" array.");
-    }
-    json& docs = request["docs"];
-    if (docs.empty()) {
+    if (batch.answers.empty()) {
         return {201, "[]"};
     }
 
-    // 3. Validate each document; the valid ones are pending. "Owned" documents (no "_rev", or a
-    // deletion) get the current revision from here, and are tried again when another write got
-    // in between (a race, or the same id twice in one request).
-    struct Pending {
-        std::size_t slot;
-        json doc;
-        bool owned;
-        int tries = 0;
-    };
-    std::vector<json> answers(docs.size());
-    std::vector<Pending> pending;
-    for (std::size_t i = 0; i < docs.size(); ++i) {
-        json& d = docs[i];
-        if (!d.is_object()) {
-            answers[i] = {{"error", "bad_request"}, {"reason", "Document must be a JSON object."}};
-        } else if (d.contains("_id") && !d["_id"].is_string()) {
-            answers[i] = {{"error", "bad_request"}, {"reason", "Document id must be a string."}};
-        } else if (d.value("_deleted", false) == true && !d.contains("_id")) {
-            answers[i] = {{"error", "bad_request"}, {"reason", "A deletion needs a document id."}};
-        } else {
-            const bool owned =
-                d.contains("_id") && (!d.contains("_rev") || d.value("_deleted", false) == true);
-            pending.push_back({i, std::move(d), owned, 0});
-        }
+    // 3. The writes.
+    if (std::optional<Answer> trouble = write("/" + CouchClient::escape(database), batch)) {
+        return *trouble;
     }
+    for (const auto& [slot, leaderSlot] : batch.followers) {
+        batch.answers[slot] = batch.answers[leaderSlot];
+    }
+    return {201, json(batch.answers).dump()};
+}
 
-    const std::string dbPath = "/" + CouchClient::escape(database);
+std::optional<BulkGateway::Answer> BulkGateway::write(const std::string& dbPath,
+                                                      Batch& batch) const {
+    std::vector<Item*> pending;
+    for (Item& item : batch.items) {
+        pending.push_back(&item);
+    }
+    std::vector<json>& answers = batch.answers;
     std::vector<std::string> conflicted;
-    while (!pending.empty()) {
-        // One document per id and round, so that repeated ids apply in request order.
-        std::vector<Pending*> round;
-        std::vector<Pending> later;
-        std::set<std::string> seen;
-        for (Pending& p : pending) {
-            if (p.doc.contains("_id") && !seen.insert(p.doc["_id"].get<std::string>()).second) {
-                continue;
-            }
-            round.push_back(&p);
-        }
+    for (int round = 1; !pending.empty(); ++round) {
         std::vector<std::string> ids;
-        for (const Pending* p : round) {
+        for (const Item* p : pending) {
             if (p->owned) {
-                ids.push_back(p->doc["_id"].get<std::string>());
+                ids.push_back(p->id);
             }
         }
         int status = 0;
@@ -218,74 +319,87 @@ BulkGateway::Answer BulkGateway::handle(const std::string& database, const std::
             return databaseTrouble(status, "revision lookup");
         }
         json forward = json::array();
-        std::vector<Pending*> sent;
-        std::set<const Pending*> done;
-        for (Pending* pp : round) {
-            Pending& p = *pp;
-            if (p.owned) {
-                const std::string id = p.doc["_id"].get<std::string>();
-                const auto found = current->find(id);
+        std::vector<Item*> sent;
+        for (Item* p : pending) {
+            if (p->owned) {
+                const auto found = current->find(p->id);
                 const bool live = found != current->end() && !found->second.deleted;
-                if (p.doc.value("_deleted", false) == true) {
+                if (p->deletion) {
                     if (!live) {
                         std::string rev =
                             found != current->end() ? found->second.rev : std::string();
-                        if (rev.empty() && p.doc.contains("_rev") && p.doc["_rev"].is_string()) {
-                            rev = p.doc["_rev"].get<std::string>();
+                        if (rev.empty() && p->doc.contains("_rev")) {
+                            rev = p->doc["_rev"].get<std::string>();
                         }
-                        answers[p.slot] = {
-                            {"id", id}, {"ok", true}, {"rev", rev.empty() ? "0-0" : rev}};
-                        done.insert(&p);
+                        answers[p->slot] = {
+                            {"id", p->id}, {"ok", true}, {"rev", rev.empty() ? "0-0" : rev}};
                         continue;
                     }
                     forward.push_back(
-                        json{{"_id", id}, {"_rev", found->second.rev}, {"_deleted", true}});
+                        json{{"_id", p->id}, {"_rev", found->second.rev}, {"_deleted", true}});
                 } else {
-                    json doc = p.doc;
+                    json doc = p->doc;
                     if (live) {
                         doc["_rev"] = found->second.rev;
+                    } else {
+                        doc.erase("_rev");
                     }
                     forward.push_back(std::move(doc));
                 }
             } else {
-                forward.push_back(p.doc);
+                forward.push_back(p->doc);
             }
-            sent.push_back(&p);
+            sent.push_back(p);
         }
         std::vector<json> results;
         if (!forward.empty()) {
             const CouchClient::Reply r =
-                couch_.post(dbPath + "/_bulk_docs", json{{"docs", std::move(forward)}}.dump());
-            if (r.status != 201 && r.status != 200 && r.status != 202) {
-                return databaseTrouble(r.status, "_bulk_docs");
+                couch_.post(dbPath + "/_bulk_docs", json{{"docs", forward}}.dump());
+            json parsed =
+                isWriteAnswer(r.status) ? json::parse(r.body, nullptr, false) : json(nullptr);
+            if (isWriteAnswer(r.status) && parsed.is_array() && parsed.size() == sent.size()) {
+                results = matchResults(parsed, sent);
+            } else if (isRefusal(r.status)) {
+                // One document spoilt the write: each on its own, so that each gets its answer.
+                for (std::size_t k = 0; k < sent.size(); ++k) {
+                    const CouchClient::Reply one = couch_.post(
+                        dbPath + "/_bulk_docs", json{{"docs", json::array({forward[k]})}}.dump());
+                    const json p1 = json::parse(one.body, nullptr, false);
+                    if (isWriteAnswer(one.status) && p1.is_array() && p1.size() == 1) {
+                        results.push_back(p1[0]);
+                    } else if (isRefusal(one.status)) {
+                        results.push_back(
+                            docError(sent[k]->id,
+                                     p1.is_object() ? p1.value("error", "bad_request")
+                                                    : std::string("bad_request"),
+                                     p1.is_object() ? p1.value("reason", "Refused by the database.")
+                                                    : std::string("Refused by the database.")));
+                    } else {
+                        return databaseTrouble(one.status, "_bulk_docs");
+                    }
+                }
+            } else {
+                return databaseTrouble(isWriteAnswer(r.status) ? 502 : r.status, "_bulk_docs");
             }
-            const json parsed = json::parse(r.body, nullptr, false);
-            if (parsed.is_discarded() || !parsed.is_array() || parsed.size() != sent.size()) {
-                return databaseTrouble(502, "_bulk_docs answer");
-            }
-            results = matchResults(parsed, sent);
         }
+        std::vector<Item*> again;
         for (std::size_t k = 0; k < sent.size(); ++k) {
-            Pending& p = *sent[k];
-            const bool conflict = results[k].value("error", "") == "conflict";
-            if (conflict && p.owned && ++p.tries < kMaxTries) {
-                continue;  // stays pending: another write got in between
+            Item* p = sent[k];
+            const bool conflict =
+                results[k].is_object() && results[k].value("error", "") == "conflict";
+            if (conflict && p->owned && round < kMaxTries) {
+                again.push_back(p);  // another write got in between
+                continue;
             }
-            answers[p.slot] = results[k];
+            answers[p->slot] = results[k];
             if (conflict) {
-                conflicted.push_back(results[k].value("id", ""));
-            }
-            done.insert(&p);
-        }
-        for (Pending& p : pending) {
-            if (!done.count(&p)) {
-                later.push_back(std::move(p));
+                conflicted.push_back(p->id);
             }
         }
-        pending = std::move(later);
+        pending = std::move(again);
     }
 
-    // 4. Conflicts carry the exact reason and the revision the database holds now.
+    // Conflicts carry the exact reason and the revision the database holds now.
     if (!conflicted.empty()) {
         int status = 0;
         const auto now = currentRevisions(couch_, dbPath, conflicted, status);
@@ -294,13 +408,14 @@ BulkGateway::Answer BulkGateway::handle(const std::string& database, const std::
                 continue;
             }
             a["reason"] = kConflictReason;
-            if (now) {
-                const auto it = now->find(a.value("id", ""));
+            const auto idIt = a.find("id");
+            if (now && idIt != a.end() && idIt->is_string()) {
+                const auto it = now->find(idIt->get<std::string>());
                 if (it != now->end()) {
                     a["rev"] = it->second.rev;
                 }
             }
         }
     }
-    return {201, json(answers).dump()};
+    return std::nullopt;
 }

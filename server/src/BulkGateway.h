@@ -1,8 +1,12 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "CouchClient.h"
 #include "SessionToken.h"
@@ -13,14 +17,40 @@
 // - a stale "_rev" answers {"id","error":"conflict","reason":"Document update conflict.","rev":
 //   <current revision>};
 // - {"_deleted":true} removes the document whatever revision it carries; deleting a missing
-//   document is answered {"id","ok":true,"rev":...}.
-// The answer is a JSON array in the order of "docs" (plain text; the listener gzips it).
+//   document is answered {"id","ok":true,"rev":...};
+// - one id several times in one request: the last occurrence is written, the earlier ones get
+//   its answer;
+// - anything a single document does wrong (a wrong type, an id starting with "_", a revision or
+//   member the database would refuse) is answered in that document's element; the others are
+//   stored. Only an unreachable database fails the whole request (502).
+// The answer is a JSON array in the order of "docs" (plain text; the listener gzips it). A batch
+// costs at most a fixed number of database requests (three rounds of one revision lookup and one
+// write, and one lookup for the conflicts), except when the database refuses a whole write: then
+// its documents are written one by one so that each gets its own answer.
 // Thread-safe: holds no mutable state.
 class BulkGateway {
   public:
     struct Answer {
         int status = 201;
         std::string body;
+    };
+
+    // One document to write: its place in "docs", the document, and how it is written.
+    struct Item {
+        std::size_t slot = 0;
+        nlohmann::json doc;
+        std::string id;      // empty: the database assigns one
+        bool owned = false;  // no "_rev", or a deletion: the current revision is set here
+        bool deletion = false;
+    };
+
+    // A checked request: an answer slot per document (filled for refused ones) and the documents
+    // to write, at most one per id (`followers` pairs each earlier occurrence's slot with the
+    // slot of the occurrence that is written).
+    struct Batch {
+        std::vector<nlohmann::json> answers;
+        std::vector<Item> items;
+        std::vector<std::pair<std::size_t, std::size_t>> followers;
     };
 
     BulkGateway(const CouchClient& couch, const SessionToken& tokens, std::size_t maxBodyBytes,
@@ -30,7 +60,14 @@ class BulkGateway {
     Answer handle(const std::string& database, const std::string& cookie,
                   const std::string& body) const;
 
+    // Inflates (when gzip'd, at most `maxBodyBytes`), checks the nesting depth, parses and checks
+    // each document. Returns an error answer for a body that is refused as a whole. No I/O.
+    static std::optional<Answer> parse(const std::string& body, std::size_t maxBodyBytes,
+                                       Batch& batch);
+
   private:
+    std::optional<Answer> write(const std::string& dbPath, Batch& batch) const;
+
     const CouchClient& couch_;
     const SessionToken& tokens_;
     std::size_t maxBodyBytes_;

@@ -4,6 +4,10 @@
 
 #include <stdexcept>
 
+namespace {
+constexpr std::size_t kMaxIdleConnections = 16;
+}
+
 CouchClient::CouchClient(const std::string& url) {
     const auto scheme = url.find("://");
     if (scheme == std::string::npos) {
@@ -31,6 +35,36 @@ CouchClient::CouchClient(const std::string& url) {
     origin_ = url.substr(0, scheme + 3) + authority;
 }
 
+CouchClient::~CouchClient() = default;
+
+std::unique_ptr<httplib::Client> CouchClient::borrow() const {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!idle_.empty()) {
+            std::unique_ptr<httplib::Client> cli = std::move(idle_.back());
+            idle_.pop_back();
+            return cli;
+        }
+    }
+    auto cli = std::make_unique<httplib::Client>(origin_);
+    cli->set_keep_alive(true);
+    cli->set_connection_timeout(5, 0);
+    cli->set_read_timeout(60, 0);
+    cli->set_write_timeout(60, 0);
+    cli->set_decompress(true);
+    if (!user_.empty()) {
+        cli->set_basic_auth(user_, password_);
+    }
+    return cli;
+}
+
+void CouchClient::giveBack(std::unique_ptr<httplib::Client> client) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (idle_.size() < kMaxIdleConnections) {
+        idle_.push_back(std::move(client));
+    }
+}
+
 std::string CouchClient::escape(const std::string& element) {
     static const char* kHex = "0123456789ABCDEF";
     std::string out;
@@ -48,29 +82,25 @@ std::string CouchClient::escape(const std::string& element) {
 
 CouchClient::Reply CouchClient::send(const std::string& method, const std::string& path,
                                      const std::string* body) const {
-    httplib::Client cli(origin_);
-    cli.set_connection_timeout(5, 0);
-    cli.set_read_timeout(60, 0);
-    cli.set_write_timeout(60, 0);
-    cli.set_decompress(true);
-    if (!user_.empty()) {
-        cli.set_basic_auth(user_, password_);
-    }
+    std::unique_ptr<httplib::Client> cli = borrow();
     const httplib::Headers headers{{"Accept", "application/json"}};
     const std::string full = prefix_ + path;
     httplib::Result res =
-        method == "GET"   ? cli.Get(full, headers)
-        : method == "PUT" ? cli.Put(full, headers, "", "application/json")
+        method == "GET" ? cli->Get(full, headers)
+        : method == "PUT"
+            ? cli->Put(full, headers, body ? *body : std::string(), "application/json")
         : method == "DELETE"
-            ? cli.Delete(full, headers)
-            : cli.Post(full, headers, body ? *body : std::string(), "application/json");
+            ? cli->Delete(full, headers)
+            : cli->Post(full, headers, body ? *body : std::string(), "application/json");
     Reply reply;
     if (!res) {
+        // A kept-alive connection may have been closed by the database: not given back.
         reply.error = httplib::to_string(res.error());
         return reply;
     }
     reply.status = res->status;
-    reply.body = res->body;
+    reply.body = std::move(res->body);
+    giveBack(std::move(cli));
     return reply;
 }
 
@@ -79,6 +109,9 @@ CouchClient::Reply CouchClient::get(const std::string& path) const {
 }
 CouchClient::Reply CouchClient::put(const std::string& path) const {
     return send("PUT", path, nullptr);
+}
+CouchClient::Reply CouchClient::put(const std::string& path, const std::string& jsonBody) const {
+    return send("PUT", path, &jsonBody);
 }
 CouchClient::Reply CouchClient::del(const std::string& path) const {
     return send("DELETE", path, nullptr);

@@ -1,10 +1,19 @@
 #pragma once
 
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
+
+namespace httplib {
+class Client;
+}
 
 // Plain HTTP(S) calls to the CouchDB-compatible database. The URL may carry user:password@
-// (sent as basic authentication) and a path prefix. A fresh connection per call keeps it
-// thread-safe. Time-outs: 5 s connect, 60 s read/write.
+// (sent as basic authentication) and a path prefix. Connections are kept alive and reused: each
+// call borrows one from a small pool (a new one when none is idle) and gives it back, so calls
+// from several threads never share a connection. Time-outs: 5 s connect, 60 s read/write.
+// Thread-safe.
 class CouchClient {
   public:
     struct Reply {
@@ -14,9 +23,13 @@ class CouchClient {
     };
 
     explicit CouchClient(const std::string& url);
+    ~CouchClient();
+    CouchClient(const CouchClient&) = delete;
+    CouchClient& operator=(const CouchClient&) = delete;
 
     Reply get(const std::string& path) const;
     Reply put(const std::string& path) const;
+    Reply put(const std::string& path, const std::string& jsonBody) const;
     Reply del(const std::string& path) const;
     Reply post(const std::string& path, const std::string& jsonBody) const;
 
@@ -25,9 +38,14 @@ class CouchClient {
 
   private:
     Reply send(const std::string& method, const std::string& path, const std::string* body) const;
+    std::unique_ptr<httplib::Client> borrow() const;
+    void giveBack(std::unique_ptr<httplib::Client> client) const;
 
     std::string origin_;  // scheme://host:port
     std::string prefix_;  // path prefix without trailing '/'
     std::string user_;
     std::string password_;
+
+    mutable std::mutex mutex_;
+    mutable std::vector<std::unique_ptr<httplib::Client>> idle_;
 };

@@ -4,13 +4,15 @@
 
 #include <iostream>
 
+#include "JsonDepth.h"
 #include "Text.h"
 
 using nlohmann::json;
 
 namespace {
 
-constexpr std::size_t kCallLogSize = 200;
+constexpr std::size_t kJournalBodyBytes = 16 * 1024;
+constexpr std::size_t kMaxSecretBytes = 1024;
 const char* kDbNetworkError = "PDSS DB Network Error";
 
 PdsService::Answer message(int status, const std::string& text) {
@@ -20,6 +22,10 @@ PdsService::Answer message(int status, const std::string& text) {
 // Parses a PDS request body; on error fills `answer` and returns false.
 bool parseRequest(const std::string& op, const std::string& body, json& req,
                   PdsService::Answer& answer) {
+    if (!JsonDepth::within(body)) {
+        answer = message(400, op + ": request body nests too deeply");
+        return false;
+    }
     req = json::parse(body, nullptr, false);
     if (req.is_discarded() || !req.is_object()) {
         answer = message(400, op + ": request body is not a JSON object");
@@ -32,6 +38,16 @@ bool parseRequest(const std::string& op, const std::string& body, json& req,
     }
     if (req.contains("request") && !req["request"].is_object()) {
         answer = message(400, op + ": request must be an object");
+        return false;
+    }
+    if (req.contains("force") && !req["force"].is_boolean()) {
+        answer = message(400, op + ": force must be true or false");
+        return false;
+    }
+    if (req.contains("device_secret") &&
+        (!req["device_secret"].is_string() ||
+         req["device_secret"].get<std::string>().size() > kMaxSecretBytes)) {
+        answer = message(400, op + ": device_secret must be a string");
         return false;
     }
     return true;
@@ -53,11 +69,14 @@ bool isCreatedOrExists(int status) {
 }  // namespace
 
 PdsService::PdsService(Config config, const CouchClient& couch, const SessionToken& tokens,
-                       ForceLimiter& limiter, std::function<std::int64_t()> clock)
+                       const DeviceRegistry& registry, ForceLimiter& forceLimiter,
+                       ForceLimiter& newDevices, std::function<std::int64_t()> clock)
     : config_(std::move(config)),
       couch_(couch),
       tokens_(tokens),
-      limiter_(limiter),
+      registry_(registry),
+      limiter_(forceLimiter),
+      newDevices_(newDevices),
       clock_(std::move(clock)) {
     if (config_.policy.empty()) {
         config_.policy = defaultPolicy();
@@ -111,14 +130,67 @@ bool PdsService::takeFault(const std::string& op, Answer& answer) {
 }
 
 void PdsService::record(const std::string& op, const std::string& body) {
+    if (config_.journalSize == 0) {
+        return;
+    }
     json entry{{"op", op}};
-    json parsed = json::parse(body, nullptr, false);
-    entry["body"] = parsed.is_discarded() ? json(body) : parsed;
+    json parsed = body.size() <= kJournalBodyBytes && JsonDepth::within(body)
+                      ? json::parse(body, nullptr, false)
+                      : json(json::value_t::discarded);
+    if (parsed.is_discarded()) {
+        entry["body"] = body.substr(0, kJournalBodyBytes);
+    } else {
+        if (parsed.is_object() && parsed.contains("device_secret")) {
+            parsed["device_secret"] = "(not kept)";
+        }
+        entry["body"] = std::move(parsed);
+    }
+    std::string line = entry.dump(-1, ' ', false, json::error_handler_t::replace);
     std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(entry.dump());
-    if (calls_.size() > kCallLogSize) {
+    calls_.push_back(std::move(line));
+    while (calls_.size() > config_.journalSize) {
         calls_.pop_front();
     }
+}
+
+bool PdsService::admit(const std::string& op, const std::string& body, const std::string* client,
+                       json& req, Answer& answer) {
+    record(op, body);
+    if (!parseRequest(op, body, req, answer)) {
+        return false;
+    }
+    const std::string deviceId = req["device_id"];
+    const std::string secret = req.value("device_secret", "");
+    if (secret.empty()) {
+        answer = message(401, op + ": device_secret missing");
+        return false;
+    }
+    DeviceRegistry::Verdict verdict = registry_.check(deviceId, secret);
+    if (verdict == DeviceRegistry::Verdict::Unknown && client) {
+        const std::int64_t wait = newDevices_.admit(*client, clock_());
+        if (wait > 0) {
+            std::cerr << "pds-server: " << *client << " opened too many new devices\n";
+            answer = message(429, op + ": too many new devices from this address. Retry after " +
+                                      std::to_string(wait));
+            return false;
+        }
+        verdict = registry_.bind(deviceId, secret);
+    }
+    switch (verdict) {
+        case DeviceRegistry::Verdict::Match:
+            return true;
+        case DeviceRegistry::Verdict::Mismatch:
+            std::cerr << "pds-server: " << op << " refused: wrong device secret\n";
+            answer = message(403, op + ": device secret does not match");
+            return false;
+        case DeviceRegistry::Verdict::Unknown:
+            answer = message(403, op + ": unknown device (open it first)");
+            return false;
+        case DeviceRegistry::Verdict::Unreachable:
+            break;
+    }
+    answer = message(503, op + ": " + kDbNetworkError);
+    return false;
 }
 
 std::string PdsService::callLog() const {
@@ -130,11 +202,10 @@ std::string PdsService::callLog() const {
     return out.dump();
 }
 
-PdsService::Answer PdsService::open(const std::string& body) {
-    record("open", body);
+PdsService::Answer PdsService::open(const std::string& body, const std::string& client) {
     json req;
     Answer answer;
-    if (!parseRequest("open", body, req, answer)) {
+    if (!admit("open", body, &client, req, answer)) {
         return answer;
     }
     const std::string deviceId = req["device_id"];
@@ -166,10 +237,9 @@ PdsService::Answer PdsService::open(const std::string& body) {
 }
 
 PdsService::Answer PdsService::close(const std::string& body) {
-    record("close", body);
     json req;
     Answer answer;
-    if (!parseRequest("close", body, req, answer)) {
+    if (!admit("close", body, nullptr, req, answer)) {
         return answer;
     }
     if (takeFault("close", answer)) {
@@ -179,10 +249,9 @@ PdsService::Answer PdsService::close(const std::string& body) {
 }
 
 PdsService::Answer PdsService::wipe(const std::string& body) {
-    record("wipe", body);
     json req;
     Answer answer;
-    if (!parseRequest("wipe", body, req, answer)) {
+    if (!admit("wipe", body, nullptr, req, answer)) {
         return answer;
     }
     if (takeFault("wipe", answer)) {

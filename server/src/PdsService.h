@@ -5,16 +5,22 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "CouchClient.h"
+#include "DeviceRegistry.h"
 #include "ForceLimiter.h"
 #include "SessionToken.h"
 
 // The PDS calls: open, close and wipe of a device's session. Each takes the request body (JSON
 // text) and returns an HTTP status and a JSON body: 200 with an object of strings, or another
-// status with {"message": s}. Also holds the test knobs (injected faults, a log of the calls).
-// Thread-safe: called from the listener's worker threads; faults and the call log are guarded.
+// status with {"message": s}. Every call presents the device's secret ("device_secret"): the first
+// open binds it (at most `newDevices` new devices per client address and window), later calls
+// must match it (401 when missing, 403 when wrong). Bodies nesting deeper than 64 levels answer
+// 400 before anything parses them. Also holds the test knobs (injected faults, and a journal of
+// the last calls, kept only when `journalSize` > 0).
+// Thread-safe: called from the listener's worker threads; faults and the journal are guarded.
 class PdsService {
   public:
     struct Answer {
@@ -36,12 +42,15 @@ class PdsService {
         std::string dbUrlBase;
         std::int64_t sessionTtlSeconds = 3600;
         std::string policy;
+        std::size_t journalSize = 0;  // calls kept for GET /admin/calls; 0 = none
     };
 
     PdsService(Config config, const CouchClient& couch, const SessionToken& tokens,
-               ForceLimiter& limiter, std::function<std::int64_t()> clock);
+               const DeviceRegistry& registry, ForceLimiter& forceLimiter, ForceLimiter& newDevices,
+               std::function<std::int64_t()> clock);
 
-    Answer open(const std::string& body);
+    // `client`: the caller's address, for the limit on new devices.
+    Answer open(const std::string& body, const std::string& client);
     Answer close(const std::string& body);
     Answer wipe(const std::string& body);
 
@@ -57,11 +66,16 @@ class PdsService {
   private:
     bool takeFault(const std::string& op, Answer& answer);
     void record(const std::string& op, const std::string& body);
+    // Parses and authenticates a call; on refusal fills `answer` and returns false.
+    bool admit(const std::string& op, const std::string& body, const std::string* client,
+               nlohmann::json& req, Answer& answer);
 
     Config config_;
     const CouchClient& couch_;
     const SessionToken& tokens_;
+    const DeviceRegistry& registry_;
     ForceLimiter& limiter_;
+    ForceLimiter& newDevices_;
     std::function<std::int64_t()> clock_;
 
     mutable std::mutex mutex_;

@@ -10,6 +10,7 @@ namespace {
 
 const char* kUsage =
     R"(Usage: pds-server --listen HOST:PORT --tls-cert FILE --tls-key FILE [options]
+       pds-server reset-device [--couch URL] DEVICE_ID
 
 PDS session calls (POST /pds/open, /pds/close, /pds/wipe) over TLS, and a bulk-document
 gateway (POST <dburl>/_bulk_docs) in front of a CouchDB-compatible database.
@@ -30,13 +31,27 @@ gateway (POST <dburl>/_bulk_docs) in front of a CouchDB-compatible database.
   --session-ttl SECONDS     life of a session cookie (default 3600)
   --force-limit N           forced opens allowed per device and window (default 60)
   --force-window SECONDS    window of the forced-open limit (default 3600)
-  --max-body BYTES          largest accepted request body (default 67108864)
+  --max-body BYTES          largest accepted request body, as sent and once inflated
+                            (default 67108864)
+  --request-timeout SECONDS a whole request (headers and body) must arrive within this
+                            (default 30)
+  --workers N               worker threads per listener (default 8 per core, at least 16)
+  --max-connections N       connections waiting or served per listener (default 4 per worker)
+  --max-per-client N        connections per client address and listener (default half the
+                            workers)
+  --new-device-limit N      devices a client address may register per window (default 20)
+  --new-device-window SECONDS  window of that limit (default 3600)
   --policy JSON             sync policy document handed out by open
   --fail-open RESULT        test knob: every open answers {"reason":"failure","result":RESULT}
   --admin                   test knob: enable the /admin endpoints (loopback clients only)
+  --journal N               test knob: keep the last N PDS calls for GET /admin/calls
+                            (default 0: no request body is kept after its answer)
   --ports-file FILE         write "pds=PORT" and "db=PORT" once the listeners are bound
   --verbose                 log every request to stderr
   --help                    this text
+
+reset-device removes the secret bound to DEVICE_ID in the database at --couch, so that the
+next open of that device binds a new one. Run it only for a device whose owner lost its secret.
 )";
 
 bool parseLong(const std::string& text, long minimum, long& out) {
@@ -154,6 +169,31 @@ std::optional<ServerOptions> parseServerOptions(int argc, char** argv, int& exit
                 return fail("bad --max-body (at least 1024): " + value);
             }
             o.maxBodyBytes = static_cast<std::size_t>(n);
+        } else if (arg == "--request-timeout") {
+            if (!parseLong(value, 1, n)) {
+                return fail("bad --request-timeout: " + value);
+            }
+            o.requestTimeoutSeconds = n;
+        } else if (arg == "--workers" || arg == "--max-connections" || arg == "--max-per-client" ||
+                   arg == "--journal") {
+            if (!parseLong(value, arg == "--journal" ? 0 : 1, n) || n > 100000) {
+                return fail("bad " + std::string(arg) + ": " + value);
+            }
+            std::size_t& field = arg == "--workers"           ? o.workers
+                                 : arg == "--max-connections" ? o.maxConnections
+                                 : arg == "--max-per-client"  ? o.maxPerClient
+                                                              : o.journalSize;
+            field = static_cast<std::size_t>(n);
+        } else if (arg == "--new-device-limit") {
+            if (!parseLong(value, 0, n) || n > 1000000) {
+                return fail("bad --new-device-limit: " + value);
+            }
+            o.newDeviceLimit = static_cast<int>(n);
+        } else if (arg == "--new-device-window") {
+            if (!parseLong(value, 1, n)) {
+                return fail("bad --new-device-window: " + value);
+            }
+            o.newDeviceWindowSeconds = n;
         } else if (arg == "--policy") {
             o.policy = value;
         } else if (arg == "--fail-open") {
@@ -171,4 +211,27 @@ std::optional<ServerOptions> parseServerOptions(int argc, char** argv, int& exit
         return fail("--db-tls-cert and --db-tls-key go together");
     }
     return o;
+}
+
+std::optional<ResetCommand> parseResetCommand(int argc, char** argv, int& exitCode) {
+    ResetCommand r;
+    for (int i = 2; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        if (arg == "--couch" && i + 1 < argc) {
+            r.couchUrl = argv[++i];
+        } else if (r.deviceId.empty() && !arg.empty() && arg[0] != '-') {
+            r.deviceId = arg;
+        } else {
+            std::cerr << "pds-server: reset-device: unexpected argument " << arg << "\n\n"
+                      << kUsage;
+            exitCode = 2;
+            return std::nullopt;
+        }
+    }
+    if (r.deviceId.empty()) {
+        std::cerr << "pds-server: reset-device needs a DEVICE_ID\n\n" << kUsage;
+        exitCode = 2;
+        return std::nullopt;
+    }
+    return r;
 }

@@ -12,9 +12,13 @@
 
 #include "BulkGateway.h"
 #include "CouchClient.h"
+#include "DeviceRegistry.h"
 #include "ForceLimiter.h"
+#include "GuardedServer.h"
 #include "GzipCodec.h"
+#include "JsonDepth.h"
 #include "PdsService.h"
+#include "RequestBody.h"
 #include "ServerOptions.h"
 #include "SessionToken.h"
 
@@ -32,11 +36,63 @@ bool isLoopback(const std::string& addr) {
     return addr == "::1" || addr.rfind("127.", 0) == 0 || addr.rfind("::ffff:127.", 0) == 0;
 }
 
-std::unique_ptr<httplib::Server> makeServer(const std::string& cert, const std::string& key) {
-    if (cert.empty()) {
-        return std::make_unique<httplib::Server>();
+GuardedServer::Limits limitsFrom(const ServerOptions& opt) {
+    GuardedServer::Limits l;
+    l.requestTimeout = std::chrono::seconds(opt.requestTimeoutSeconds);
+    l.workers = opt.workers ? opt.workers : GuardedServer::defaultWorkers();
+    l.maxConnections = opt.maxConnections ? opt.maxConnections : 4 * l.workers;
+    l.maxPerClient = opt.maxPerClient ? opt.maxPerClient : std::max<std::size_t>(1, l.workers / 2);
+    // Chunk framing may double a body's size on the wire; the inflated size is bounded apart.
+    l.maxRawBody = 2 * opt.maxBodyBytes + 64 * 1024;
+    return l;
+}
+
+void sendMessage(httplib::Response& res, int status, const std::string& text) {
+    res.status = status;
+    res.set_content(json{{"message", text}}.dump(), "application/json");
+}
+
+// Reads a PDS listener body; answers 413 or 400 itself and returns false when it cannot.
+bool readPdsBody(const httplib::Request& req, const httplib::ContentReader& read,
+                 std::size_t maxBody, const std::string& what, httplib::Response& res,
+                 std::string& body) {
+    switch (RequestBody::read(req, read, maxBody, body)) {
+        case RequestBody::Outcome::Complete:
+            return true;
+        case RequestBody::Outcome::TooLarge:
+            sendMessage(res, 413, what + ": request body is too large");
+            return false;
+        case RequestBody::Outcome::Unreadable:
+            break;
     }
-    return std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str());
+    sendMessage(res, 400, what + ": request body could not be read");
+    return false;
+}
+
+// Operator command: removes a device's secret binding.
+int resetDevice(int argc, char** argv) {
+    int exitCode = 0;
+    const std::optional<ResetCommand> cmd = parseResetCommand(argc, argv, exitCode);
+    if (!cmd) {
+        return exitCode;
+    }
+    try {
+        const CouchClient couch(cmd->couchUrl);
+        switch (DeviceRegistry(couch).reset(cmd->deviceId)) {
+            case DeviceRegistry::Verdict::Match:
+                std::cout << "pds-server: device secret removed; the next open binds a new one\n";
+                return 0;
+            case DeviceRegistry::Verdict::Unknown:
+                std::cout << "pds-server: the device has no secret bound\n";
+                return 0;
+            default:
+                std::cerr << "pds-server: the device registry could not be reached\n";
+                return 1;
+        }
+    } catch (const std::exception& e) {
+        std::cerr << "pds-server: " << e.what() << "\n";
+        return 2;
+    }
 }
 
 // Gateway answers are gzip members always, whatever their size. The content type carries a
@@ -61,6 +117,9 @@ int bindTo(httplib::Server& server, const std::string& host, int port) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "reset-device") {
+        return resetDevice(argc, argv);
+    }
     int exitCode = 0;
     const std::optional<ServerOptions> parsed = parseServerOptions(argc, argv, exitCode);
     if (!parsed) {
@@ -85,15 +144,22 @@ int main(int argc, char** argv) {
     }
     const SessionToken tokens(opt.secret.empty() ? SessionToken::randomSecret() : opt.secret);
     ForceLimiter limiter(opt.forceLimit, opt.forceWindowSeconds);
+    ForceLimiter newDevices(opt.newDeviceLimit, opt.newDeviceWindowSeconds);
+    const DeviceRegistry registry(*couch);
+    if (!registry.prepare()) {
+        std::cerr << "pds-server: the device registry database could not be created yet; "
+                     "opens of new devices create it\n";
+    }
 
-    auto pds = makeServer(opt.tlsCert, opt.tlsKey);
+    const GuardedServer::Limits limits = limitsFrom(opt);
+    auto pds = std::make_unique<GuardedServer>("PDS listener", limits, opt.tlsCert, opt.tlsKey);
     if (!pds->is_valid()) {
         std::cerr << "pds-server: cannot load --tls-cert/--tls-key\n";
         return 2;
     }
-    std::unique_ptr<httplib::Server> gateway;
+    std::unique_ptr<GuardedServer> gateway;
     if (!opt.dbListenHost.empty()) {
-        gateway = makeServer(opt.dbTlsCert, opt.dbTlsKey);
+        gateway = std::make_unique<GuardedServer>("gateway", limits, opt.dbTlsCert, opt.dbTlsKey);
         if (!gateway->is_valid()) {
             std::cerr << "pds-server: cannot load --db-tls-cert/--db-tls-key\n";
             return 2;
@@ -120,8 +186,8 @@ int main(int argc, char** argv) {
         }
     }
 
-    PdsService service({opt.dbUrlBase, opt.sessionTtlSeconds, opt.policy}, *couch, tokens, limiter,
-                       unixNow);
+    PdsService service({opt.dbUrlBase, opt.sessionTtlSeconds, opt.policy, opt.journalSize}, *couch,
+                       tokens, registry, limiter, newDevices, unixNow);
     if (!opt.failOpen.empty()) {
         PdsService::Fault f;
         f.result = opt.failOpen;
@@ -138,16 +204,27 @@ int main(int argc, char** argv) {
     };
 
     // PDS listener.
-    pds->set_payload_max_length(opt.maxBodyBytes);
+    const std::size_t maxBody = opt.maxBodyBytes;
+    pds->set_payload_max_length(maxBody);
     pds->set_logger(logger);
     pds->Post(R"(/pds/(open|close|wipe))",
-              [&](const httplib::Request& req, httplib::Response& res) {
+              [&, maxBody](const httplib::Request& req, httplib::Response& res,
+                           const httplib::ContentReader& read) {
                   const std::string op = req.matches[1];
-                  PdsService::Answer a = op == "open"    ? service.open(req.body)
-                                         : op == "close" ? service.close(req.body)
-                                                         : service.wipe(req.body);
-                  res.status = a.status;
-                  res.set_content(a.body, "application/json");
+                  std::string body;
+                  if (!readPdsBody(req, read, maxBody, op, res, body)) {
+                      return;
+                  }
+                  try {
+                      PdsService::Answer a = op == "open"    ? service.open(body, req.remote_addr)
+                                             : op == "close" ? service.close(body)
+                                                             : service.wipe(body);
+                      res.status = a.status;
+                      res.set_content(a.body, "application/json");
+                  } catch (const std::exception& e) {
+                      std::cerr << "pds-server: " << op << " failed: " << e.what() << "\n";
+                      sendMessage(res, 500, op + ": internal error");
+                  }
               });
     pds->set_error_handler([](const httplib::Request& req, httplib::Response& res) {
         if (res.body.empty()) {
@@ -166,34 +243,39 @@ int main(int argc, char** argv) {
                             "application/json");
             return false;
         };
-        pds->Post("/admin/fault", [&, loopbackOnly](const httplib::Request& req,
-                                                    httplib::Response& res) {
-            if (!loopbackOnly(req, res)) {
+        pds->Post("/admin/fault", [&, loopbackOnly, maxBody](const httplib::Request& req,
+                                                             httplib::Response& res,
+                                                             const httplib::ContentReader& read) {
+            std::string body;
+            if (!loopbackOnly(req, res) || !readPdsBody(req, read, maxBody, "admin", res, body)) {
                 return;
             }
-            const json j = json::parse(req.body, nullptr, false);
-            if (j.is_discarded() || !j.is_object() || !j.contains("op") || !j["op"].is_string()) {
-                res.status = 400;
-                res.set_content(json{{"message", "admin: need {\"op\": ...}"}}.dump(),
-                                "application/json");
-                return;
+            const json j = JsonDepth::within(body) ? json::parse(body, nullptr, false) : json();
+            try {
+                if (!j.is_object() || !j.contains("op") || !j["op"].is_string()) {
+                    throw std::invalid_argument("no op");
+                }
+                PdsService::Fault f;
+                f.status = j.value("status", 200);
+                f.reason = j.value("reason", "failure");
+                f.result = j.value("result", "");
+                f.message = j.value("message", "");
+                f.remaining = j.value("count", -1);
+                service.setFault(j["op"].get<std::string>(), f);
+                res.set_content("{}", "application/json");
+            } catch (const std::exception&) {
+                sendMessage(res, 400, "admin: need {\"op\": s, \"status\": n, ...}");
             }
-            PdsService::Fault f;
-            f.status = j.value("status", 200);
-            f.reason = j.value("reason", "failure");
-            f.result = j.value("result", "");
-            f.message = j.value("message", "");
-            f.remaining = j.value("count", -1);
-            service.setFault(j["op"].get<std::string>(), f);
-            res.set_content("{}", "application/json");
         });
-        pds->Post("/admin/fault/clear",
-                  [&, loopbackOnly](const httplib::Request& req, httplib::Response& res) {
-                      if (loopbackOnly(req, res)) {
-                          service.clearFaults();
-                          res.set_content("{}", "application/json");
-                      }
-                  });
+        pds->Post("/admin/fault/clear", [&, loopbackOnly, maxBody](
+                                            const httplib::Request& req, httplib::Response& res,
+                                            const httplib::ContentReader& read) {
+            std::string body;
+            if (loopbackOnly(req, res) && readPdsBody(req, read, maxBody, "admin", res, body)) {
+                service.clearFaults();
+                res.set_content("{}", "application/json");
+            }
+        });
         pds->Get("/admin/calls",
                  [&, loopbackOnly](const httplib::Request& req, httplib::Response& res) {
                      if (loopbackOnly(req, res)) {
@@ -204,30 +286,17 @@ int main(int argc, char** argv) {
 
     // Gateway listener.
     if (gateway) {
-        gateway->set_payload_max_length(opt.maxBodyBytes);
+        gateway->set_payload_max_length(maxBody);
         gateway->set_logger(logger);
-        // The body is read here (inflated by the HTTP layer when gzip'd) so that its inflated
-        // size is bounded by --max-body as well.
-        const std::size_t maxBody = opt.maxBodyBytes;
+        // The body is read here, inflated by the HTTP layer when gzip'd, and bounded by
+        // --max-body while it inflates.
         gateway->Post(R"(.*/([^/]+)/_bulk_docs)", [&, maxBody](const httplib::Request& req,
                                                                httplib::Response& res,
                                                                const httplib::ContentReader& read) {
             std::string body;
-            bool tooLarge = false;
-            const bool complete = read([&](const char* data, size_t length) {
-                if (body.size() + length > maxBody) {
-                    tooLarge = true;
-                    return false;
-                }
-                body.append(data, length);
-                return true;
-            });
-            if (!complete && !tooLarge && req.has_header("Content-Length")) {
-                // Refused by the HTTP layer before any byte arrived.
-                tooLarge = std::strtoull(req.get_header_value("Content-Length").c_str(), nullptr,
-                                         10) > maxBody;
-            }
-            if (!complete) {
+            const RequestBody::Outcome got = RequestBody::read(req, read, maxBody, body);
+            if (got != RequestBody::Outcome::Complete) {
+                const bool tooLarge = got == RequestBody::Outcome::TooLarge;
                 sendGzip(res, tooLarge ? 413 : 400,
                          json{{"error", "bad_request"},
                               {"reason", tooLarge ? "Request body is too large."
@@ -235,9 +304,15 @@ int main(int argc, char** argv) {
                              .dump());
                 return;
             }
-            BulkGateway::Answer a =
-                bulk.handle(req.matches[1], req.get_header_value("cookie"), body);
-            sendGzip(res, a.status, a.body);
+            try {
+                BulkGateway::Answer a =
+                    bulk.handle(req.matches[1], req.get_header_value("cookie"), body);
+                sendGzip(res, a.status, a.body);
+            } catch (const std::exception& e) {
+                std::cerr << "pds-server: _bulk_docs failed: " << e.what() << "\n";
+                sendGzip(res, 500,
+                         json{{"error", "internal_error"}, {"reason", "Internal error."}}.dump());
+            }
         });
         gateway->set_error_handler([](const httplib::Request&, httplib::Response& res) {
             if (res.has_header("Content-Encoding")) {

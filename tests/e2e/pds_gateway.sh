@@ -5,21 +5,7 @@
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../support/stack.sh"
-
-failures=0
-check() {  # DESCRIPTION EXPECTED ACTUAL
-    if [ "$2" == "$3" ]; then
-        echo "ok   - $1"
-    else
-        echo "FAIL - $1: expected [$2], got [$3]"
-        failures=$((failures + 1))
-    fi
-}
-# Evaluates a JavaScript expression over the JSON on stdin (bound to j); strings print bare.
-js() {
-    node -e 'let s="";process.stdin.on("data",d=>s+=d).on("end",()=>{let j;try{j=JSON.parse(s)}catch(e){console.log("NOT-JSON");return}
-const r=new Function("j","return ("+process.argv[1]+")")(j);console.log(typeof r==="string"?r:JSON.stringify(r))})' "$1"
-}
+. "$here/../support/checks.sh"
 
 SECRET=e2e-shared-secret
 stack_start --secret "$SECRET" --force-limit 3 --force-window 600 --max-body 1048576 || exit 1
@@ -160,7 +146,7 @@ check "nothing of the bad bodies was stored" "not_found" "$(stack_couch "/$DB_A/
 for i in 1 2 3; do
     check "forced open $i within the limit" "0" "$(stack_open device-F true | js j.result)"
 done
-R=$(stack_pds open '{"device_id":"device-F","locale":"en_US","force":true,"companion":false,"standalone":true,"request":{}}')
+R=$(stack_pds open '{"device_id":"device-F","device_secret":"secret-of-device-F","locale":"en_US","force":true,"companion":false,"standalone":true,"request":{}}')
 check "fourth forced open: 429" "429" "${R%% *}"
 check "fourth forced open: retry message" "true" \
     "$(echo "${R#* }" | js '/^Force Sync Limit exceeded\. Retry after [1-9][0-9]*$/.test(j.message)')"
@@ -168,18 +154,18 @@ check "unforced open of the same device still works" "0" "$(stack_open device-F 
 check "another device is not limited" "0" "$(stack_open device-G true | js j.result)"
 
 # --- close and wipe ---------------------------------------------------------------------------
-R=$(stack_pds close '{"device_id":"device-A","locale":"en_US","companion":false,"standalone":true,"request":{"rampcode":"dash"}}')
+R=$(stack_pds close '{"device_id":"device-A","device_secret":"secret-of-device-A","locale":"en_US","companion":false,"standalone":true,"request":{"rampcode":"dash"}}')
 check "close answers success" "200 success 0" "${R%% *} $(echo "${R#* }" | js 'j.reason+" "+j.result')"
-R=$(stack_pds wipe '{"device_id":"device-A","locale":"en_US","request":{"resetplm":"true"}}')
+R=$(stack_pds wipe '{"device_id":"device-A","device_secret":"secret-of-device-A","locale":"en_US","request":{"resetplm":"true"}}')
 check "wipe resetplm answers success" "200 0" "${R%% *} $(echo "${R#* }" | js j.result)"
 check "wipe resetplm empties the database" "0" "$(stack_couch "/$DB_A" | js j.doc_count)"
 check "the other device keeps its database" "true" \
     "$(stack_couch "/${URL_B##*/}" | js 'j.db_name !== undefined')"
-R=$(stack_pds wipe '{"device_id":"device-A","locale":"en_US","request":{"deleteall":"true"}}')
+R=$(stack_pds wipe '{"device_id":"device-A","device_secret":"secret-of-device-A","locale":"en_US","request":{"deleteall":"true"}}')
 check "wipe deleteall answers success" "200" "${R%% *}"
 check "wipe deleteall removes the database" "not_found" "$(stack_couch "/$DB_A" | js j.error)"
 check "posting after deleteall: 404" "404" "$(post_docs "$COOKIE_A" "$URL_A" "$W/tiny.json")"
-R=$(stack_pds wipe '{"device_id":"device-A","locale":"en_US","request":{}}')
+R=$(stack_pds wipe '{"device_id":"device-A","device_secret":"secret-of-device-A","locale":"en_US","request":{}}')
 check "wipe without a request: 400" "400" "${R%% *}"
 R=$(stack_pds open 'nonsense')
 check "open with a non-JSON body: 400 with message" "400 true" \
@@ -192,10 +178,10 @@ check "injected open result" "failure 13" "$(stack_open device-A false | js 'j.r
 check "injected fault is used up" "success 0" "$(stack_open device-A false | js 'j.reason+" "+j.result')"
 curl -s --cacert "$STACK_CERT" -X POST \
     -d '{"op":"close","status":500,"message":"close: injected"}' "$STACK_PDS_URL/admin/fault" >/dev/null
-R=$(stack_pds close '{"device_id":"device-A","locale":"en_US","companion":false,"standalone":true,"request":{}}')
+R=$(stack_pds close '{"device_id":"device-A","device_secret":"secret-of-device-A","locale":"en_US","companion":false,"standalone":true,"request":{}}')
 check "injected close refusal" "500 close: injected" "${R%% *} $(echo "${R#* }" | js j.message)"
 curl -s --cacert "$STACK_CERT" -X POST -d '{}' "$STACK_PDS_URL/admin/fault/clear" >/dev/null
-R=$(stack_pds close '{"device_id":"device-A","locale":"en_US","companion":false,"standalone":true,"request":{}}')
+R=$(stack_pds close '{"device_id":"device-A","device_secret":"secret-of-device-A","locale":"en_US","companion":false,"standalone":true,"request":{}}')
 check "cleared faults" "200" "${R%% *}"
 check "call log records the bodies" "close rampcode=dash" "$(curl -s --cacert "$STACK_CERT" \
     "$STACK_PDS_URL/admin/calls" | js '(() => { const c = j.filter(x => x.op === "close")[0]; return c.op + " " + Object.entries(c.body.request).map(e => e.join("=")).join() })()')"

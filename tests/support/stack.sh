@@ -4,14 +4,16 @@
 #
 #   stack_start [PDS-SERVER-ARGS...]   start both; extra arguments go to pds-server
 #   stack_stop                          stop both and remove the temporary directory
-#   stack_open DEVICE_ID [FORCE]        POST /pds/open, print the JSON answer (FORCE: true|false)
+#   stack_open DEVICE_ID [FORCE]        POST /pds/open, print the JSON answer (FORCE: true|false);
+#                                       the device's secret is "secret-of-DEVICE_ID"
 #   stack_pds OP JSON                   POST /pds/OP with the body JSON, print "STATUS BODY"
 #   stack_couch PATH                    GET a path of the database, print the body
 #
 # After stack_start these are set: STACK_DIR (temporary directory), STACK_CERT / STACK_KEY (the
 # certificate and key, CN localhost, SAN localhost 127.0.0.1 ::1), STACK_COUCH_URL, STACK_PDS_PORT,
 # STACK_PDS_URL (https://127.0.0.1:PORT), STACK_DB_PORT, STACK_DB_URL_BASE (the dburl base).
-# pds-server runs with --admin, so tests can inject faults (see server/README.md).
+# pds-server runs with --admin and --journal 200, so tests can inject faults and read the calls
+# (see server/README.md).
 #
 # Binaries: $PELIO_BINARY_DIR/server/pds-server and
 # $PELIO_SOURCE_DIR/server/node_modules/.bin/pouchdb-server (scripts/install-deps installs it).
@@ -93,7 +95,7 @@ stack_start() {
 
     "$pds_bin" --listen 127.0.0.1:0 --tls-cert "$STACK_CERT" --tls-key "$STACK_KEY" \
         --db-listen 127.0.0.1:0 --couch "$STACK_COUCH_URL" --ports-file "$STACK_DIR/ports" \
-        --admin "$@" >"$STACK_DIR/pds.log" 2>&1 &
+        --admin --journal 200 "$@" >"$STACK_DIR/pds.log" 2>&1 &
     STACK_PDS_PID=$!
     for _ in $(seq 1 100); do
         [ -f "$STACK_DIR/ports" ] && break
@@ -120,7 +122,7 @@ stack_pds() {  # OP JSON -> "STATUS BODY"
 stack_open() {  # DEVICE_ID [FORCE]
     local force=${2:-false}
     curl -s --cacert "$STACK_CERT" -X POST -H 'Content-Type: application/json' --data-binary \
-        "{\"device_id\":\"$1\",\"locale\":\"en_US\",\"force\":$force,\"companion\":false,\"standalone\":true,\"request\":{\"rampcode\":\"dash\"}}" \
+        "{\"device_id\":\"$1\",\"device_secret\":\"secret-of-$1\",\"locale\":\"en_US\",\"force\":$force,\"companion\":false,\"standalone\":true,\"request\":{\"rampcode\":\"dash\"}}" \
         "$STACK_PDS_URL/pds/open"
 }
 

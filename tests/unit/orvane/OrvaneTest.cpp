@@ -4,6 +4,7 @@
 #include <json-glib/json-glib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,10 +17,12 @@
 #include <vector>
 
 #include "orvane/Orvane.h"
+#include "support/TempHome.h"
 #include "support/TestCertificate.h"
 
 namespace {
 
+using pelio::test::TempHome;
 using pelio::test::TestCertificate;
 using StringMap = std::map<std::string, std::string>;
 
@@ -135,6 +138,7 @@ int closedPort() {
 
 class OrvaneThreadedTest : public ::testing::Test {
   protected:
+    TempHome home;  // the device secret is kept in the service's data directory
     TestCertificate cert;
     LoopbackPds pds{cert};
     RecordingCallbacks callbacks;
@@ -158,8 +162,8 @@ TEST_F(OrvaneThreadedTest, OpenPostsEveryFieldAndReturnsTheAnswerAsStrings) {
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0].path, "/pds/open");
     Body body(got[0].body);
-    EXPECT_EQ(body.keys(), (std::vector<std::string>{"companion", "device_id", "force", "locale",
-                                                     "request", "standalone"}));
+    EXPECT_EQ(body.keys(), (std::vector<std::string>{"companion", "device_id", "device_secret",
+                                                     "force", "locale", "request", "standalone"}));
     EXPECT_EQ(body.str("device_id"), "device-42");
     EXPECT_EQ(body.str("locale"), "de_DE");
     EXPECT_TRUE(body.flag("force"));
@@ -191,14 +195,15 @@ TEST_F(OrvaneThreadedTest, CloseAndWipeSendOnlyTheirFields) {
     ASSERT_EQ(got.size(), 2u);
     EXPECT_EQ(got[0].path, "/pds/close");
     Body close(got[0].body);
-    EXPECT_EQ(close.keys(), (std::vector<std::string>{"companion", "device_id", "locale", "request",
-                                                      "standalone"}));
+    EXPECT_EQ(close.keys(), (std::vector<std::string>{"companion", "device_id", "device_secret",
+                                                      "locale", "request", "standalone"}));
     EXPECT_TRUE(close.flag("companion"));
     EXPECT_FALSE(close.flag("standalone"));
     EXPECT_EQ(close.request(), (StringMap{{"rampcode", "dash"}}));
     EXPECT_EQ(got[1].path, "/pds/wipe");
     Body wipe(got[1].body);
-    EXPECT_EQ(wipe.keys(), (std::vector<std::string>{"device_id", "locale", "request"}));
+    EXPECT_EQ(wipe.keys(),
+              (std::vector<std::string>{"device_id", "device_secret", "locale", "request"}));
     EXPECT_EQ(wipe.request(), (StringMap{{"deleteall", "true"}}));
     EXPECT_EQ(callbacks.events, (std::vector<std::string>{"close:200", "wipe:200"}));
 }
@@ -324,7 +329,29 @@ TEST_F(OrvaneThreadedTest, LogLevelFiltersLines) {
     EXPECT_TRUE(sawPost);
 }
 
+TEST_F(OrvaneThreadedTest, DeviceSecretIsCreatedOnceOwnerOnlyAndSentWithEveryCall) {
+    StringMap result;
+    make(cert.certPath())->Orvane_pds_open("en_US", {}, false, false, result, true);
+    make(cert.certPath())->Orvane_pds_wipe("en_US", {{"resetplm", "true"}}, result);
+    const auto got = pds.received();
+    ASSERT_EQ(got.size(), 2u);
+    const std::string secret = Body(got[0].body).str("device_secret");
+    EXPECT_EQ(secret.size(), 64u);
+    EXPECT_EQ(Body(got[1].body).str("device_secret"), secret);  // kept across instances
+
+    const std::string path = home.dataHome() + "/com.quorvin.plmsvc/data/.orvane-device-secret";
+    struct stat st {};
+    ASSERT_EQ(::stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    // Another home is another device.
+    TempHome other;
+    make(cert.certPath())->Orvane_pds_close("en_US", {}, false, result, true);
+    EXPECT_NE(Body(pds.received().back().body).str("device_secret"), secret);
+}
+
 TEST(OrvaneTest, NoCallbacksIsAllowed) {
+    TempHome home;
     Orvane orvane("127.0.0.1", closedPort(), "d", nullptr, true, "", "", 0);
     orvane.Orvane_enable_log(5);
     StringMap result;
