@@ -1,0 +1,131 @@
+#!/usr/bin/env node
+// Watches one sync of the end-to-end benchmark (bench/e2e) from outside the service.
+//
+//   e2e-probe.js watch BUS_ADDRESS COUCH_URL COUNT [DOC_ID OLD_REV]
+//     Waits for the service process (a pelio-service whose environment holds BUS_ADDRESS) and
+//     writes "pid N" to standard error once found. Until the process ends it samples, every 10 ms,
+//     user+system CPU time (/proc/PID/stat) and peak resident memory (VmHWM); it polls the device
+//     database (the one plm_ database) until it holds COUNT documents or, with DOC_ID, until that
+//     document's revision differs from OLD_REV. Prints one JSON line: epoch milliseconds of
+//     "docs" (the condition met) and "end" (process gone), "cpu_ms", "hwm_kib", "pid".
+//   e2e-probe.js ingest COUCH_URL SOURCE_DB TYPE TARGET_DB
+//     Raw ingest: the documents of type TYPE from SOURCE_DB, without revisions, gzip-posted into
+//     the new TARGET_DB through _bulk_docs in bodies of 1,000 over one kept connection. Prints
+//     JSON: "docs" (how many) and "seconds" (compression and posting, the reading excluded).
+//
+// Loopback only: COUCH_URL is PouchDB Server of the test stack. Exits 1 with a message on error.
+"use strict";
+const fs = require("fs");
+const http = require("http");
+const zlib = require("zlib");
+
+const agent = new http.Agent({ keepAlive: true, maxSockets: 1 });
+const TICK_MS = 1000 / 100;  // USER_HZ on Linux
+
+function request(url, method, body, headers) {
+    return new Promise((resolve, reject) => {
+        const req = http.request(url, { method, agent, headers: headers || {} }, res => {
+            const chunks = [];
+            res.on("data", c => chunks.push(c));
+            res.on("end", () => resolve({ status: res.statusCode, body: Buffer.concat(chunks).toString() }));
+        });
+        req.on("error", reject);
+        if (body) req.write(body);
+        req.end();
+    });
+}
+
+async function getJson(url) {
+    const r = await request(url, "GET");
+    return r.status === 200 ? JSON.parse(r.body) : null;
+}
+
+const sleep = ms => new Promise(r => setTimeout(r, ms));
+
+function findService(busAddress) {
+    for (const p of fs.readdirSync("/proc")) {
+        if (!/^\d+$/.test(p)) continue;
+        try {
+            if (fs.readFileSync(`/proc/${p}/comm`, "utf8").trim() !== "pelio-service") continue;
+            const env = fs.readFileSync(`/proc/${p}/environ`, "utf8").split("\0");
+            if (env.includes(`DBUS_SESSION_BUS_ADDRESS=${busAddress}`)) return +p;
+        } catch (e) { /* the process went away while we looked */ }
+    }
+    return 0;
+}
+
+// One sample of a live process, or null once it has ended (gone or a zombie).
+function sample(pid) {
+    try {
+        const stat = fs.readFileSync(`/proc/${pid}/stat`, "utf8");
+        const f = stat.slice(stat.lastIndexOf(")") + 2).split(" ");
+        if (f[0] === "Z" || f[0] === "X") return null;
+        const status = fs.readFileSync(`/proc/${pid}/status`, "utf8");
+        const hwm = /VmHWM:\s+(\d+)/.exec(status);
+        return { cpu_ms: (+f[11] + +f[12]) * TICK_MS, hwm_kib: hwm ? +hwm[1] : 0 };
+    } catch (e) {
+        return null;
+    }
+}
+
+async function deviceDb(couch) {
+    const dbs = await getJson(`${couch}/_all_dbs`);
+    const plm = (dbs || []).filter(d => d.startsWith("plm_"));
+    return plm.length === 1 ? plm[0] : null;
+}
+
+async function watch(busAddress, couch, count, docId, oldRev) {
+    const out = { docs: 0, end: 0, cpu_ms: 0, hwm_kib: 0, pid: 0 };
+    const deadline = Date.now() + 900 * 1000;
+    while (!(out.pid = findService(busAddress))) {
+        if (Date.now() > deadline) throw new Error("no service process appeared");
+        await sleep(5);
+    }
+    process.stderr.write(`pid ${out.pid}\n`);
+    const sampler = (async () => {
+        for (let s; (s = sample(out.pid)); await sleep(10)) Object.assign(out, s);
+        out.end = Date.now();
+    })();
+    const poller = (async () => {
+        let db = null;
+        while (Date.now() < deadline) {
+            db = db || await deviceDb(couch);
+            if (db && docId) {
+                const doc = await getJson(`${couch}/${db}/${encodeURIComponent(docId)}`);
+                if (doc && doc._rev !== oldRev) break;
+            } else if (db) {
+                const info = await getJson(`${couch}/${db}`);
+                if (info && info.doc_count >= count) break;
+            }
+            await sleep(20);
+        }
+        out.docs = Date.now();
+    })();
+    await Promise.all([sampler, poller]);
+    if (out.docs > deadline) throw new Error("the documents did not arrive");
+    console.log(JSON.stringify(out));
+}
+
+async function ingest(couch, sourceDb, type, targetDb) {
+    const all = await getJson(`${couch}/${sourceDb}/_all_docs?include_docs=true`);
+    if (!all) throw new Error(`cannot read ${sourceDb}`);
+    const docs = all.rows.map(r => r.doc).filter(d => d.type === type);
+    docs.forEach(d => delete d._rev);
+    const made = await request(`${couch}/${targetDb}`, "PUT");
+    if (made.status !== 201) throw new Error(`cannot create ${targetDb}: ${made.body}`);
+    const start = process.hrtime.bigint();
+    for (let i = 0; i < docs.length; i += 1000) {
+        const body = zlib.gzipSync(JSON.stringify({ docs: docs.slice(i, i + 1000) }));
+        const r = await request(`${couch}/${targetDb}/_bulk_docs`, "POST", body, {
+            "Content-Type": "application/json", "Content-Encoding": "gzip", "Content-Length": body.length });
+        if (r.status !== 201) throw new Error(`_bulk_docs answered ${r.status}: ${r.body.slice(0, 200)}`);
+    }
+    const seconds = Number(process.hrtime.bigint() - start) / 1e9;
+    console.log(JSON.stringify({ docs: docs.length, seconds }));
+}
+
+const [mode, ...args] = process.argv.slice(2);
+const run = mode === "watch" ? watch(args[0], args[1], +args[2], args[3], args[4])
+    : mode === "ingest" ? ingest(...args)
+    : Promise.reject(new Error("usage: e2e-probe.js watch|ingest ..."));
+run.then(() => { agent.destroy(); }, e => { console.error(`e2e-probe: ${e.message}`); process.exit(1); });
