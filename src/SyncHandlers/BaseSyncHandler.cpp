@@ -194,14 +194,14 @@ void BaseSyncHandler::handleSyncRequest() {
                     LOGD("BaseSyncHandler else case");
                     break;
             }
-            if (mSyncManager != nullptr) {
-                if (key != nullptr) {
-                    mSyncManager->set_sync_status(key, plm::STATUS_WAITING);
-                }
-                mSyncManager->addSyncItemToQueue(mDomainId);
-            }
-            // Only now: the domain is waiting and queued, so no exit check ends the service.
+            if (mSyncManager != nullptr && key != nullptr)
+                mSyncManager->set_sync_status(key, plm::STATUS_WAITING);
+            // The domain is marked waiting, which holds the exit off from here on; the upload
+            // of the queued item runs the exit check when it is done, and must not find this
+            // handler still collecting then.
             mCollecting.store(false);
+            if (mSyncManager != nullptr)
+                mSyncManager->addSyncItemToQueue(mDomainId);
         } else if (ret == 2) {
             LOGD("Nothing to be done for the domain[%d]", mDomainId);
             mCollecting.store(false);
