@@ -39,6 +39,22 @@ inline constexpr const char* MEDIA_SYNC_STATUS_P = "MEDIA_SYNC_STATUS_P";
 inline constexpr const char* BOOKMARKS_SYNC_STATUS_P = "BOOKMARKS_SYNC_STATUS_P";
 inline constexpr const char* PLM_SYNC_DEVICE_ID = "PLM_SYNC_DEVICE_ID";
 
+// The status key of a sync item, or null for the items without one.
+constexpr const char* statusKeyOf(int item) {
+    switch (item) {
+        case SYNC_ITEM_APPLICATION:
+            return APP_SYNC_STATUS_P;
+        case SYNC_ITEM_MEDIA:
+            return MEDIA_SYNC_STATUS_P;
+        case SYNC_ITEM_CONTACTS:
+            return CONTACTS_SYNC_STATUS_P;
+        case SYNC_ITEM_BOOKMARKS:
+            return BOOKMARKS_SYNC_STATUS_P;
+        default:
+            return nullptr;
+    }
+}
+
 // Sync selection names ("TYPE" values and reply keys).
 inline constexpr const char* SYNC_NONE = "NONE";
 inline constexpr const char* SYNC_ALL = "ALL";

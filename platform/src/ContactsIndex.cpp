@@ -11,7 +11,6 @@ namespace {
 
 constexpr const char* kTag = "PelioPlatform";
 constexpr int kSchemaVersion = 1;
-constexpr int kBusyTimeoutMs = 10000;
 
 enum FieldKind { kNumber = 0, kEmail = 1, kAddress = 2 };
 
@@ -54,21 +53,11 @@ struct Existing {
 }  // namespace
 
 ContactsIndex::ContactsIndex(const std::string& dbPath) {
-    sqlite3* raw = nullptr;
-    const int rc = sqlite3_open_v2(
-        dbPath.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-        nullptr);
-    db_.reset(raw);
-    if (rc != SQLITE_OK) {
-        dlog_print(DLOG_ERROR, kTag, "contacts: cannot open %s: %s", dbPath.c_str(),
-                   raw ? sqlite3_errmsg(raw) : "out of memory");
-        db_.reset();
+    db_ = openIndexDatabase(dbPath, "contacts");
+    if (!db_)
         return;
-    }
-    sqlite3_busy_timeout(db_.get(), kBusyTimeoutMs);
     std::lock_guard<std::mutex> guard(writerMutex());
     const bool created =
-        exec("PRAGMA journal_mode=WAL") && exec("PRAGMA synchronous=NORMAL") &&
         exec("BEGIN IMMEDIATE") &&
         exec("CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL)") &&
         exec("INSERT OR IGNORE INTO meta(key, value) VALUES('version', 0)") &&

@@ -22,7 +22,6 @@ namespace pelio::platform {
 namespace {
 
 constexpr const char* kTag = "PelioPlatform";
-constexpr int kBusyTimeoutMs = 10000;
 
 std::mutex& writerMutex() {
     static std::mutex m;
@@ -45,21 +44,11 @@ constexpr const char* kSongColumns =
 }  // namespace
 
 MediaIndex::MediaIndex(const std::string& dbPath) {
-    sqlite3* raw = nullptr;
-    const int rc = sqlite3_open_v2(
-        dbPath.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-        nullptr);
-    db_.reset(raw);
-    if (rc != SQLITE_OK) {
-        dlog_print(DLOG_ERROR, kTag, "media: cannot open %s: %s", dbPath.c_str(),
-                   raw ? sqlite3_errmsg(raw) : "out of memory");
-        db_.reset();
+    db_ = openIndexDatabase(dbPath, "media");
+    if (!db_)
         return;
-    }
-    sqlite3_busy_timeout(db_.get(), kBusyTimeoutMs);
     std::lock_guard<std::mutex> guard(writerMutex());
     const bool created =
-        exec("PRAGMA journal_mode=WAL") && exec("PRAGMA synchronous=NORMAL") &&
         exec("BEGIN IMMEDIATE") &&
         exec(
             "CREATE TABLE IF NOT EXISTS songs(id INTEGER PRIMARY KEY AUTOINCREMENT, "

@@ -1,5 +1,7 @@
 #include "SqliteStatement.h"
 
+#include <pelio/platform/Log.h>
+
 namespace pelio::platform {
 
 SqliteStatement::SqliteStatement(sqlite3* db, const char* sql) {
@@ -63,6 +65,27 @@ std::string SqliteStatement::columnText(int column) const {
         return {};
     return std::string(reinterpret_cast<const char*>(text),
                        static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
+}
+
+SqliteHandle openIndexDatabase(const std::string& path, const char* what) {
+    constexpr int kBusyTimeoutMs = 10000;
+    sqlite3* raw = nullptr;
+    const int rc = sqlite3_open_v2(
+        path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+        nullptr);
+    SqliteHandle db(raw);  // sqlite3_open_v2 hands out a handle even when it fails
+    if (rc != SQLITE_OK) {
+        dlog_print(DLOG_ERROR, "PelioPlatform", "%s: cannot open %s: %s", what, path.c_str(),
+                   raw ? sqlite3_errmsg(raw) : "out of memory");
+        return nullptr;
+    }
+    sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
+    if (sqlite3_exec(db.get(), "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr,
+                     nullptr, nullptr) != SQLITE_OK) {
+        dlog_print(DLOG_WARN, "PelioPlatform", "%s: %s stays in rollback-journal mode: %s", what,
+                   path.c_str(), sqlite3_errmsg(db.get()));
+    }
+    return db;
 }
 
 }  // namespace pelio::platform

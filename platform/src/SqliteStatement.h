@@ -16,6 +16,11 @@ struct SqliteCloser {
 };
 using SqliteHandle = std::unique_ptr<sqlite3, SqliteCloser>;
 
+// Opens (creating it when missing) a platform index database shared by several threads and
+// processes: write-ahead log, synchronous=NORMAL, a 10 s busy time-out. Null when it cannot be
+// opened; the failure is logged as "<what>: cannot open <path>: <reason>".
+SqliteHandle openIndexDatabase(const std::string& path, const char* what);
+
 class SqliteStatement {
   public:
     SqliteStatement(sqlite3* db, const char* sql);

@@ -9,8 +9,10 @@
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
+#include "SyncHandlers/HandlerInstance.h"
 #include "composer/AppJsonComposer.h"
 #include "database/DbManager.h"
+#include "database/KeysetReader.h"
 #include "upload/PLMSyncMasterTable.h"
 #include "utils/BundleMacro.h"
 #include "utils/PLMUtils.h"
@@ -78,24 +80,12 @@ void free_app_info(gpointer info) {
     delete static_cast<AppSyncInfo*>(info);
 }
 
-std::mutex AppSyncHandler::sInstanceLock;
-AppSyncHandler* AppSyncHandler::sInstance = nullptr;
-
 AppSyncHandler* AppSyncHandler::getInstance() {
-    std::lock_guard<std::mutex> guard(sInstanceLock);
-    if (sInstance == nullptr)
-        sInstance = new AppSyncHandler(nullptr);
-    return sInstance;
+    return HandlerInstance<AppSyncHandler>::get();
 }
 
 void AppSyncHandler::deleteInstance() {
-    AppSyncHandler* instance = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(sInstanceLock);
-        instance = sInstance;
-        sInstance = nullptr;
-    }
-    delete instance;
+    HandlerInstance<AppSyncHandler>::destroy();
 }
 
 AppSyncHandler::AppSyncHandler(SyncHandlerHost* host) : BaseSyncHandler(host) {
@@ -119,44 +109,11 @@ std::string AppSyncHandler::sqlQuoted(const std::string& text) {
 
 int AppSyncHandler::forEachApplicationRow(const std::string& projection, const std::string& where,
                                           const std::function<void(const Bundle&)>& onRow) {
-    long long lastRowId = 0;
-    const std::string columns = projection + ", rowid";
-    for (;;) {
-        Bundle request;
-        Bundle result;
-        request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
-        request.addStr(bundlekeys::URI_TABLE_NAME, kTable);
-        request.addStr(bundlekeys::PROJECTION, columns);
-        request.addStr(bundlekeys::WHERE, (where.empty() ? "" : "(" + where + ") AND ") +
-                                              "rowid > " + std::to_string(lastRowId) +
-                                              " ORDER BY rowid LIMIT " +
-                                              std::to_string(kReadPageRows));
-        if (db()->plmsvc_db_process(&request, &result) != 0 ||
-            getValStr(&result, bundlekeys::RECORD0) != bundlekeys::SUCCESS) {
-            LOGE("plmsvc_db_process FAIL");
-            return -1;
-        }
-        int rows = 0;
-        for (int n = 1;; ++n) {
-            std::vector<uint8_t> bytes;
-            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE)
-                break;
-            ++rows;
-            auto row = Bundle::decode(bytes);
-            if (!row) {
-                LOGE("undecodable row %d", n);
-                continue;
-            }
-            // The rowid is the last column: count the columns of the projection.
-            int count = 1;
-            for (char c : projection)
-                count += c == ',' ? 1 : 0;
-            lastRowId = std::strtoll(getValStr(&*row, columnKey(count)).c_str(), nullptr, 10);
-            onRow(*row);
-        }
-        if (rows < kReadPageRows)
-            return 0;
+    if (!KeysetReader::readAll(kTable, projection, where, kReadPageRows, onRow)) {
+        LOGE("plmsvc_db_process FAIL");
+        return -1;
     }
+    return 0;
 }
 
 int AppSyncHandler::syncData(int syncType) {
@@ -212,14 +169,14 @@ int AppSyncHandler::_readStoredApps(GHashTable* map) {
         "_id, rev_id, version, name, custom_id, package, pre_installed, dirty", "",
         [&](const Bundle& row) {
             auto* info = new AppSyncInfo;
-            info->id = textColumn(row, 0);
-            info->revId = textColumn(row, 1);
-            info->version = textColumn(row, 2);
-            info->name = textColumn(row, 3);
-            info->customId = textColumn(row, 4);
-            info->package = textColumn(row, 5);
-            info->preInstalled = parseColumn(textColumn(row, 6), 0);
-            info->dirty = parseColumn(textColumn(row, 7), plm::DIRTY_INSERTED);
+            info->id = textColumn(row, 1);
+            info->revId = textColumn(row, 2);
+            info->version = textColumn(row, 3);
+            info->name = textColumn(row, 4);
+            info->customId = textColumn(row, 5);
+            info->package = textColumn(row, 6);
+            info->preInstalled = parseColumn(textColumn(row, 7), 0);
+            info->dirty = parseColumn(textColumn(row, 8), plm::DIRTY_INSERTED);
             info->stored = true;
             ++total;
             put(map, info);  // a repeated _id keeps the latest row's values

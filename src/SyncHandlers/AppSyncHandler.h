@@ -63,8 +63,8 @@ class AppSyncHandler : public BaseSyncHandler {
 
     int syncData(int syncType) override;
 
-    // Reads the "application" rows matching where ("" for all) page by page (keyset on rowid,
-    // which is appended to projection as the last column) and hands each decoded row to onRow.
+    // Reads the "application" rows matching where ("" for all) page by page (KeysetReader: COL0
+    // is the rowid, the projection's columns follow from COL1) and hands each row to onRow.
     // 0, or -1 when a query failed (rows already handed over stay handed over).
     static int forEachApplicationRow(
         const std::string& projection, const std::string& where,
@@ -85,9 +85,6 @@ class AppSyncHandler : public BaseSyncHandler {
     int _writeNewSyncData(GHashTable* map);
 
     bool mPending = false;  // this collection left something to send (worker thread only)
-
-    static std::mutex sInstanceLock;
-    static AppSyncHandler* sInstance;
 };
 
 // Value-free function of the application map.

@@ -179,21 +179,11 @@ void BaseSyncHandler::handleSyncRequest() {
 
         if (ret == 0) {
             LOGD("Sync type called from base[%d]", syncType);
-            const char* key = nullptr;
-            switch (mDomainId) {
-                case plm::SYNC_ITEM_CONTACTS:
-                    key = plm::CONTACTS_SYNC_STATUS_P;
-                    break;
-                case plm::SYNC_ITEM_MEDIA:
-                    key = plm::MEDIA_SYNC_STATUS_P;
-                    break;
-                case plm::SYNC_ITEM_APPLICATION:
-                    key = plm::APP_SYNC_STATUS_P;
-                    break;
-                default:
-                    LOGD("BaseSyncHandler else case");
-                    break;
-            }
+            // The collecting domains have a status key; bookmarks (5) and item 11 have none here.
+            const char* key =
+                mDomainId == plm::SYNC_ITEM_BOOKMARKS ? nullptr : plm::statusKeyOf(mDomainId);
+            if (key == nullptr)
+                LOGD("BaseSyncHandler else case");
             if (mSyncManager != nullptr && key != nullptr)
                 mSyncManager->set_sync_status(key, plm::STATUS_WAITING);
             // The domain is marked waiting, which holds the exit off from here on; the upload

@@ -12,7 +12,9 @@
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
+#include "SyncHandlers/HandlerInstance.h"
 #include "database/DbManager.h"
+#include "database/KeysetReader.h"
 #include "upload/PLMSyncMasterTable.h"
 #include "utils/BundleMacro.h"
 
@@ -52,25 +54,12 @@ void free_contact_info(gpointer info) {
     delete static_cast<ContactSyncInfo*>(info);
 }
 
-std::mutex ContactsSyncHandler::sInstanceLock;
-ContactsSyncHandler* ContactsSyncHandler::sInstance = nullptr;
-
 ContactsSyncHandler* ContactsSyncHandler::getInstance() {
-    std::lock_guard<std::mutex> guard(sInstanceLock);
-    if (sInstance == nullptr) {
-        sInstance = new ContactsSyncHandler(nullptr);
-    }
-    return sInstance;
+    return HandlerInstance<ContactsSyncHandler>::get();
 }
 
 void ContactsSyncHandler::deleteInstance() {
-    ContactsSyncHandler* instance = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(sInstanceLock);
-        instance = sInstance;
-        sInstance = nullptr;
-    }
-    delete instance;
+    HandlerInstance<ContactsSyncHandler>::destroy();
 }
 
 ContactsSyncHandler::ContactsSyncHandler(SyncHandlerHost* host) : BaseSyncHandler(host) {
@@ -213,51 +202,22 @@ bool ContactsSyncHandler::_isSyncRequiredByContactsDbVersion() {
 
 int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
     char projection[128];
-    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s, %s ", kColId, kColContactId,
-                  kColDirty, kColVersion, "rowid");
-
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s ", kColId, kColContactId,
+                  kColDirty, kColVersion);
     // One SELECT may move only a bounded number of columns, so the table is read in pages.
     int total = 0;
-    // Keyset paging: each page starts after the last row of the one before.
-    std::string lastRowid = "0";
-    for (;;) {
-        const std::string pageStart = lastRowid;
-        Bundle request;
-        Bundle result;
-        request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
-        request.addStr(bundlekeys::URI_TABLE_NAME, kContactsTable);
-        request.addStr(bundlekeys::PROJECTION, projection);
-        request.addStr(bundlekeys::WHERE, "rowid > " + lastRowid + " ORDER BY rowid LIMIT " +
-                                              std::to_string(kReadPageRows));
-        if (db()->plmsvc_db_process(&request, &result) != 0 ||
-            getValStr(&result, bundlekeys::RECORD0) != bundlekeys::SUCCESS) {
-            LOGE("reading the contacts table failed after row %s", lastRowid.c_str());
-            return -1;
-        }
-        int rows = 0;
-        for (int n = 1;; ++n) {
-            std::vector<uint8_t> bytes;
-            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE)
-                break;
-            ++rows;
-            auto row = Bundle::decode(bytes);
-            if (!row) {
-                LOGE("undecodable row %d", n);
-                continue;
-            }
-            lastRowid =
-                std::to_string(std::strtoll(getValStr(&*row, columnKey(4)).c_str(), nullptr, 10));
+    const bool ok = KeysetReader::readAll(
+        kContactsTable, projection, "", kReadPageRows, [map, &total](const Bundle& row) {
             auto* info = new ContactSyncInfo;
-            info->id = parseColumn(getValStr(&*row, columnKey(0)), -1);
-            info->contactId = parseColumn(getValStr(&*row, columnKey(1)), -1);
-            info->dirty = parseColumn(getValStr(&*row, columnKey(2)), 2);
-            info->version = parseColumn(getValStr(&*row, columnKey(3)), -1);
+            info->id = parseColumn(getValStr(&row, columnKey(1)), -1);
+            info->contactId = parseColumn(getValStr(&row, columnKey(2)), -1);
+            info->dirty = parseColumn(getValStr(&row, columnKey(3)), 2);
+            info->version = parseColumn(getValStr(&row, columnKey(4)), -1);
             put(map, info);  // a repeated _id keeps the latest row's values
-        }
-        total += rows;
-        if (lastRowid == pageStart || rows < kReadPageRows)
-            break;
-    }
+            ++total;
+        });
+    if (!ok)
+        return -1;
     if (total == 0) {
         LOGD("no information present");
     }

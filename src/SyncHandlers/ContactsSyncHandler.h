@@ -72,9 +72,6 @@ class ContactsSyncHandler : public BaseSyncHandler {
     // (-1: none since start). Written by the worker, read by the sync manager's worker.
     int mReadVersion = -1;
     std::atomic<int> mCollectedVersion{-1};
-
-    static std::mutex sInstanceLock;
-    static ContactsSyncHandler* sInstance;
 };
 
 // Value-free function of the delta map.

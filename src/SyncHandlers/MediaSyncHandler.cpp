@@ -8,6 +8,7 @@
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
+#include "SyncHandlers/HandlerInstance.h"
 #include "composer/MediaJsonComposer.h"
 #include "database/DbManager.h"
 #include "database/KeysetReader.h"
@@ -61,28 +62,19 @@ void free_media_info(gpointer info) {
     delete static_cast<MediaInfo*>(info);
 }
 
-std::mutex MediaSyncHandler::sInstanceLock;
-MediaSyncHandler* MediaSyncHandler::sInstance = nullptr;
-
 MediaSyncHandler* MediaSyncHandler::getInstance() {
-    std::lock_guard<std::mutex> guard(sInstanceLock);
-    if (sInstance == nullptr) {
-        sInstance = new MediaSyncHandler(nullptr);
+    bool created = false;
+    MediaSyncHandler* instance = HandlerInstance<MediaSyncHandler>::get(&created);
+    if (created) {
         LOGD("New Instance Created free strdup");
     } else {
         LOGD("Instance Exists");
     }
-    return sInstance;
+    return instance;
 }
 
 void MediaSyncHandler::deleteInstance() {
-    MediaSyncHandler* instance = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(sInstanceLock);
-        instance = sInstance;
-        sInstance = nullptr;
-    }
-    delete instance;
+    HandlerInstance<MediaSyncHandler>::destroy();
 }
 
 MediaSyncHandler::MediaSyncHandler(SyncHandlerHost* host) : BaseSyncHandler(host) {

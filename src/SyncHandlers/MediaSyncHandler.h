@@ -88,7 +88,4 @@ class MediaSyncHandler : public BaseSyncHandler {
     InfoMap mAudioMap;
     InfoMap mPlaylistMap;
     std::vector<std::string> mRemovals;  // "table|where" of rows removed locally
-
-    static std::mutex sInstanceLock;
-    static MediaSyncHandler* sInstance;
 };

@@ -83,11 +83,11 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
     std::vector<AppRow> rows;
     AppSyncHandler::forEachApplicationRow(projection, "dirty != 4", [&](const Bundle& row) {
         AppRow r;
-        r.package = nullAsEmpty(getValStr(&row, columnKey(0)));
-        r.name = nullAsEmpty(getValStr(&row, columnKey(3)));
-        r.preInstalledText = getValStr(&row, columnKey(4));
-        r.revision = nullAsEmpty(getValStr(&row, columnKey(5)));
-        r.dirty = static_cast<int>(std::strtol(getValStr(&row, columnKey(6)).c_str(), nullptr, 10));
+        r.package = nullAsEmpty(getValStr(&row, columnKey(1)));
+        r.name = nullAsEmpty(getValStr(&row, columnKey(4)));
+        r.preInstalledText = getValStr(&row, columnKey(5));
+        r.revision = nullAsEmpty(getValStr(&row, columnKey(6)));
+        r.dirty = static_cast<int>(std::strtol(getValStr(&row, columnKey(7)).c_str(), nullptr, 10));
         rows.push_back(std::move(r));
     });
     if (rows.empty())

@@ -15,6 +15,7 @@
 #include "PelioLog.h"
 #include "SyncHandlers/BaseSyncHandler.h"
 #include "database/DbManager.h"
+#include "database/KeysetReader.h"
 #include "utils/BundleMacro.h"
 #include "utils/PLMUtils.h"
 
@@ -228,47 +229,21 @@ bool ContactsJsonComposer::getFirstNameFromContactId(const std::string& idText,
 
 bool ContactsJsonComposer::_readRows() {
     char projection[64];
-    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s, %s", "_id", "rev_id", "dirty",
-                  "version", "rowid");
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s", "_id", "rev_id", "dirty",
+                  "version");
     LOGD("columns are[%s]", projection);
 
     // Paged, so that one SELECT stays within the row-transfer bound whatever the table's size.
     int rowCount = 0;
-    bool ok = true;
-    // Keyset paging: each page starts after the last row of the one before.
-    std::string lastRowid = "0";
-    for (;;) {
-        const std::string pageStart = lastRowid;
-        Bundle request;
-        Bundle result;
-        request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
-        request.addStr(bundlekeys::URI_TABLE_NAME, "contacts");
-        request.addStr(bundlekeys::PROJECTION, projection);
-        request.addStr(bundlekeys::WHERE, "dirty != 4 AND rowid > " + lastRowid +
-                                              " ORDER BY rowid LIMIT " +
-                                              std::to_string(kSelectPageRows));
-        const int ret = DbManager::getInstance()->plmsvc_db_process(&request, &result);
-        if (ret != 0) {
-            LOGE("dbMgr->plmsvc_db_process failed[%d]", ret);
-            ok = false;
-            break;
-        }
-        int pageRows = 0;
-        for (int n = 1;; ++n) {
-            std::vector<uint8_t> bytes;
-            if (result.getByte(recordKey(n), bytes) != pp::BUNDLE_ERROR_NONE)
-                break;
-            ++pageRows;
-            auto row = Bundle::decode(bytes);
-            if (!row)
-                continue;
-            lastRowid =
-                std::to_string(std::strtoll(getValStr(&*row, columnKey(4)).c_str(), nullptr, 10));
-            const std::string id = getValStr(&*row, columnKey(0));
-            std::string revision = getValStr(&*row, columnKey(1));
-            const std::string dirty = getValStr(&*row, columnKey(2));
-            if (id.empty() || dirty.empty() || !row->contains(columnKey(1)))
-                continue;
+    const bool ok = KeysetReader::readAll(
+        "contacts", projection, "dirty != 4", kSelectPageRows,
+        [this, &rowCount](const Bundle& row) {
+            ++rowCount;
+            const std::string id = getValStr(&row, columnKey(1));
+            std::string revision = getValStr(&row, columnKey(2));
+            const std::string dirty = getValStr(&row, columnKey(3));
+            if (id.empty() || dirty.empty() || !row.contains(columnKey(2)))
+                return;
             if (revision == "NULL")
                 revision.clear();  // never uploaded: no revision yet
             ContactComposeRecord record;
@@ -276,13 +251,11 @@ bool ContactsJsonComposer::_readRows() {
             record.revision = revision;
             record.contactId = static_cast<int>(std::strtol(id.c_str(), nullptr, 10));
             record.rowId = id;
-            record.version = getValStr(&*row, columnKey(3));
+            record.version = getValStr(&row, columnKey(4));
             mRecords.push_back(std::move(record));
-        }
-        rowCount += pageRows;
-        if (lastRowid == pageStart || pageRows < kSelectPageRows)
-            break;
-    }
+        });
+    if (!ok)
+        LOGE("dbMgr->plmsvc_db_process failed");
     if (rowCount == 0)
         LOGD("no information present");
     LOGD("count is[%d])", rowCount + 1);

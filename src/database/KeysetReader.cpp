@@ -14,6 +14,7 @@ bool KeysetReader::readAll(const std::string& table, const std::string& projecti
                            const std::function<void(const Bundle& row)>& onRow) {
     long long last = 0;
     for (;;) {
+        const long long pageStart = last;
         Bundle request;
         Bundle result;
         request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
@@ -43,7 +44,8 @@ bool KeysetReader::readAll(const std::string& table, const std::string& projecti
             last = std::strtoll(getValStr(&*row, columnKey(0)).c_str(), nullptr, 10);
             onRow(*row);
         }
-        if (rows < pageRows)
+        // A full page that did not move the key on (its rows undecodable) would repeat itself.
+        if (rows < pageRows || last == pageStart)
             return true;
     }
 }

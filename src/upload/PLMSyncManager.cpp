@@ -48,21 +48,6 @@ std::atomic<PLMSyncManager*> gInstance{nullptr};
 std::mutex gHooksMutex;
 PLMSyncManagerHooks gHooks;
 
-const char* statusKeyOf(int item) {
-    switch (item) {
-        case plm::SYNC_ITEM_APPLICATION:
-            return plm::APP_SYNC_STATUS_P;
-        case plm::SYNC_ITEM_MEDIA:
-            return plm::MEDIA_SYNC_STATUS_P;
-        case plm::SYNC_ITEM_CONTACTS:
-            return plm::CONTACTS_SYNC_STATUS_P;
-        case plm::SYNC_ITEM_BOOKMARKS:
-            return plm::BOOKMARKS_SYNC_STATUS_P;
-        default:
-            return nullptr;
-    }
-}
-
 // The stored status of key; ok is false when the read failed (the value is then absent).
 std::string readStatus(const char* key, bool& ok) {
     char* value = nullptr;
@@ -350,7 +335,7 @@ void PLMSyncManager::clearQueue() {
 }
 
 void PLMSyncManager::collectionFailed(int item) {
-    if (statusKeyOf(item) == nullptr)
+    if (plm::statusKeyOf(item) == nullptr)
         return;
     update_preference_status_on_sync_fail(item);
     if (!_workerShouldStop())
@@ -493,7 +478,7 @@ void PLMSyncManager::set_sync_status(const char* key, const char* value) {
 }
 
 void PLMSyncManager::update_preference_status_on_sync_fail(int item) {
-    const char* key = statusKeyOf(item);
+    const char* key = plm::statusKeyOf(item);
     if (key == nullptr) {
         LOGE("Not supported key value");
         return;
@@ -503,7 +488,7 @@ void PLMSyncManager::update_preference_status_on_sync_fail(int item) {
 }
 
 void PLMSyncManager::update_preference_status_on_pds_close(int item, bool conflict) {
-    const char* key = statusKeyOf(item);
+    const char* key = plm::statusKeyOf(item);
     if (key == nullptr) {
         LOGE("Not supported key value");
         return;

@@ -94,15 +94,15 @@ TEST(ClientSlotsTest, BoundsConnectionsPerAddressUntilReleased) {
     ClientSlots slots(2);
     ClientSlots::Slot a1;
     ClientSlots::Slot b1;
-    EXPECT_TRUE(slots.acquire("10.0.0.1", a1));
-    EXPECT_TRUE(slots.acquire("10.0.0.2", b1));
+    EXPECT_TRUE(slots.acquire("127.0.0.21", a1));
+    EXPECT_TRUE(slots.acquire("127.0.0.22", b1));
     {
         ClientSlots::Slot a2;
         ClientSlots::Slot a3;
-        EXPECT_TRUE(slots.acquire("10.0.0.1", a2));
-        EXPECT_FALSE(slots.acquire("10.0.0.1", a3));
+        EXPECT_TRUE(slots.acquire("127.0.0.21", a2));
+        EXPECT_FALSE(slots.acquire("127.0.0.21", a3));
         EXPECT_FALSE(a3);
     }
     ClientSlots::Slot a4;
-    EXPECT_TRUE(slots.acquire("10.0.0.1", a4));  // a2 was given back
+    EXPECT_TRUE(slots.acquire("127.0.0.21", a4));  // a2 was given back
 }
