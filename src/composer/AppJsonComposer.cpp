@@ -105,7 +105,6 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
         if (row.dirty == plm::DIRTY_DELETED) {
             json_array_add_object_element(docs.get(),
                                           makeDeletedDocument(id, row.revision).release());
-            sent.deletion = true;
             (*result->sentRows)[id] = std::move(sent);
             ++deleted;
             continue;

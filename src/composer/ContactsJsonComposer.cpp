@@ -384,7 +384,6 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
         sentRow.state = {{"dirty", std::to_string(record.dirty)}};
         if (record.version != "NULL" && !record.version.empty())
             sentRow.state.emplace_back("version", record.version);
-        sentRow.deletion = record.dirty == plm::DIRTY_DELETED;
         ++mItemCounter;
         if (record.dirty == plm::DIRTY_DELETED) {
             _appendDocument(makeDeletedDocument(documentId, record.revision));

@@ -137,7 +137,6 @@ void MediaJsonComposer::_append(const MediaComposeRecord& record, const char* pr
         sent.key = {{"audio_id", record.id}, {"type", std::to_string(record.type)}};
         sent.state = {{"dirty", std::to_string(record.dirty)}, {"device_mode", record.stamp}};
     }
-    sent.deletion = record.dirty == plm::DIRTY_DELETED;
     (*mSentRows)[docId] = sent;
 
     if (record.dirty == plm::DIRTY_DELETED) {

@@ -212,9 +212,6 @@ void PLMSyncManager::_requestDomainSync(int domain, int code) {
     }
     if (domain == plm::SYNC_ITEM_MEDIA) {
         mMediaHandlerUsed.store(true);
-        // Waiting from now on: a domain that finishes first must not end the service while the
-        // media collection is still queued. The media composition settles it again.
-        set_sync_status(plm::MEDIA_SYNC_STATUS_P, plm::STATUS_WAITING);
         MediaSyncHandler::getInstance()->requestSync(code);
     }
 }

@@ -17,7 +17,15 @@ struct SentRow {
     std::string table;  // "contacts", "application", "audio", "audio_playlist"
     Columns key;    // identifies the row, e.g. {"_id", "42"} or {"audio_id", "7"}, {"type", "3"}
     Columns state;  // must still hold, e.g. {"dirty", "3"}, {"version", "17"}
-    bool deletion = false;  // composed as a deletion: a confirmation removes the row
+
+    // Composed as a deletion (sent at dirty 2): a confirmation removes the row.
+    bool deletion() const {
+        for (const auto& [column, value] : state) {
+            if (column == "dirty")
+                return value == "2";
+        }
+        return false;
+    }
 };
 
 // Document id -> the row it came from. Answers for ids that are not in the map are ignored.

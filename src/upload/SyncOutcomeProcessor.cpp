@@ -111,7 +111,7 @@ bool applyAccepted(sqlite3* db, const Outcome& outcome) {
     if (!whereText(row.key, where) || !whereText(row.state, where))
         return false;
     int changed = 0;
-    if (row.deletion) {
+    if (row.deletion()) {
         changed =
             run(db, "DELETE FROM " + row.table + " WHERE " + where, {}, {&row.key, &row.state});
         if (changed < 0) {

@@ -13,7 +13,6 @@ SentRow contactRow(const std::string& id, int dirty, int version) {
     row.table = "contacts";
     row.key = {{"_id", id}};
     row.state = {{"dirty", std::to_string(dirty)}, {"version", std::to_string(version)}};
-    row.deletion = dirty == plm::DIRTY_DELETED;
     return row;
 }
 

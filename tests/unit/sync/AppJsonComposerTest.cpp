@@ -94,8 +94,8 @@ TEST_F(AppJsonComposerTest, LiveUpdatedAndDeletionDocumentsWithTheirRows) {
     EXPECT_EQ(row.key, (SentRow::Columns{{"_id", "com.quorvin.wlocate"}}));
     EXPECT_EQ(row.state,
               (SentRow::Columns{{"dirty", "1"}, {"name", "Locate"}, {"pre_installed", "1"}}));
-    EXPECT_FALSE(row.deletion);
-    EXPECT_TRUE(sent.at("pkg_org.example.gone").deletion);
+    EXPECT_FALSE(row.deletion());
+    EXPECT_TRUE(sent.at("pkg_org.example.gone").deletion());
     EXPECT_EQ(sent.at("pkg_org.example.gone").state, (SentRow::Columns{{"dirty", "2"}}));
 }
 

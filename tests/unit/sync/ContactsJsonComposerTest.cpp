@@ -259,7 +259,7 @@ TEST_F(ContactsJsonComposerTest, UnreadablePersonIsNotSentAndLeavesTheDomainInco
     const SentRow& row = data->sentRows->at("con_00000057");
     EXPECT_EQ(row.key, (SentRow::Columns{{"_id", "57"}}));
     EXPECT_EQ(row.state, (SentRow::Columns{{"dirty", "2"}, {"version", "1"}}));
-    EXPECT_TRUE(row.deletion);
+    EXPECT_TRUE(row.deletion());
 }
 
 TEST_F(ContactsJsonComposerTest, BatchesOfExactlyOneThousand) {

@@ -165,7 +165,7 @@ TEST_F(MediaSyncTest, ComposerWritesOneDocumentPerRowInOneBody) {
     EXPECT_EQ(sent.table, "audio");
     EXPECT_EQ(sent.key, (SentRow::Columns{{"audio_id", "2"}, {"type", "1"}}));
     EXPECT_EQ(sent.state.front(), (std::pair<std::string, std::string>{"dirty", "2"}));
-    EXPECT_TRUE(sent.deletion);
+    EXPECT_TRUE(sent.deletion());
     EXPECT_EQ(data->sentRows->size(), 3u);
 }
 
