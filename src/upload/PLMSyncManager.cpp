@@ -157,15 +157,13 @@ void PLMSyncManager::_stopWorker() {
 PLMSyncManager::~PLMSyncManager() {
     _stopWorker();
     stopHandlerThreads();
-    // The contacts handler keeps a pointer to its host: it goes with the manager, and a manager
-    // made later (a request after CLEAR_SERVER) gets a fresh one.
-    if (!mHooks.stopDomainWorkers && mContactsHandlerUsed.load()) {
-        ContactsSyncHandler::deleteInstance();
-    }
-    if (!mHooks.stopDomainWorkers && mMediaHandlerUsed.load())
-        MediaSyncHandler::deleteInstance();
-    if (!mHooks.stopDomainWorkers && mAppHandlerUsed.load()) {
-        AppSyncHandler::deleteInstance();
+    // The domain handlers keep a pointer to their host: they go with the manager, and a manager
+    // made later (a request after CLEAR_SERVER) gets fresh ones.
+    if (!mHooks.stopDomainWorkers) {
+        for (int domain : kHandlerDomains) {
+            if (mHandlerUsed[domain].load())
+                _deleteDomainHandler(domain);
+        }
     }
     CellularObserver::unregister_cellular_observer();
     if (mMainObserver)
@@ -203,16 +201,42 @@ void PLMSyncManager::_requestDomainSync(int domain, int code) {
         mHooks.requestDomainSync(domain, code);
         return;
     }
-    if (domain == plm::SYNC_ITEM_CONTACTS) {
-        mContactsHandlerUsed.store(true);
-        ContactsSyncHandler::getInstance()->requestSync(code);
-    } else if (domain == plm::SYNC_ITEM_APPLICATION) {
-        mAppHandlerUsed.store(true);
-        AppSyncHandler::getInstance()->requestSync(code);
+    if (BaseSyncHandler* handler = _domainHandler(domain))
+        handler->requestSync(code);
+}
+
+BaseSyncHandler* PLMSyncManager::_domainHandler(int domain) {
+    BaseSyncHandler* handler = nullptr;
+    switch (domain) {
+        case plm::SYNC_ITEM_CONTACTS:
+            handler = ContactsSyncHandler::getInstance();
+            break;
+        case plm::SYNC_ITEM_APPLICATION:
+            handler = AppSyncHandler::getInstance();
+            break;
+        case plm::SYNC_ITEM_MEDIA:
+            handler = MediaSyncHandler::getInstance();
+            break;
+        default:
+            return nullptr;
     }
-    if (domain == plm::SYNC_ITEM_MEDIA) {
-        mMediaHandlerUsed.store(true);
-        MediaSyncHandler::getInstance()->requestSync(code);
+    mHandlerUsed[domain].store(true);
+    return handler;
+}
+
+void PLMSyncManager::_deleteDomainHandler(int domain) {
+    switch (domain) {
+        case plm::SYNC_ITEM_CONTACTS:
+            ContactsSyncHandler::deleteInstance();
+            break;
+        case plm::SYNC_ITEM_APPLICATION:
+            AppSyncHandler::deleteInstance();
+            break;
+        case plm::SYNC_ITEM_MEDIA:
+            MediaSyncHandler::deleteInstance();
+            break;
+        default:
+            break;
     }
 }
 
@@ -221,12 +245,10 @@ void PLMSyncManager::stopHandlerThreads() {
         mHooks.stopDomainWorkers();
         return;
     }
-    if (mContactsHandlerUsed.load())
-        ContactsSyncHandler::getInstance()->stopWorker();
-    if (mMediaHandlerUsed.load())
-        MediaSyncHandler::getInstance()->stopWorker();
-    if (mAppHandlerUsed.load())
-        AppSyncHandler::getInstance()->stopWorker();
+    for (int domain : kHandlerDomains) {
+        if (mHandlerUsed[domain].load())
+            _domainHandler(domain)->stopWorker();
+    }
 }
 
 DataUploadHandler* PLMSyncManager::_uploader() {
@@ -346,17 +368,14 @@ void PLMSyncManager::collectionFoundNothing(int /*item*/) {
         check_for_process_exit();
 }
 
-bool PLMSyncManager::_otherDomainCollecting(int item) {
-    // The domain still collecting reaches the exit check itself when it is done.
-    const bool busy = (item != plm::SYNC_ITEM_CONTACTS && mContactsHandlerUsed.load() &&
-                       ContactsSyncHandler::getInstance()->isCollecting()) ||
-                      (item != plm::SYNC_ITEM_APPLICATION && mAppHandlerUsed.load() &&
-                       AppSyncHandler::getInstance()->isCollecting()) ||
-                      (item != plm::SYNC_ITEM_MEDIA && mMediaHandlerUsed.load() &&
-                       MediaSyncHandler::getInstance()->isCollecting());
-    if (busy)
-        LOGD("another domain is still collecting");
-    return busy;
+bool PLMSyncManager::_anyDomainCollecting() {
+    for (int domain : kHandlerDomains) {
+        if (mHandlerUsed[domain].load() && _domainHandler(domain)->isCollecting()) {
+            LOGD("domain [%d] is still collecting", domain);
+            return true;
+        }
+    }
+    return false;
 }
 
 void PLMSyncManager::clearServer() {
@@ -497,8 +516,8 @@ void PLMSyncManager::update_preference_status_on_pds_close(int item, bool confli
         if (mHooks.writeContactsDbVersion) {
             mHooks.writeContactsDbVersion(conflict);
         } else {
-            mContactsHandlerUsed.store(true);
-            ContactsSyncHandler::getInstance()->writeNewSyncContactsDbVersion(conflict);
+            static_cast<ContactsSyncHandler*>(_domainHandler(plm::SYNC_ITEM_CONTACTS))
+                ->writeNewSyncContactsDbVersion(conflict);
         }
     }
     master_set_string(key, plm::STATUS_SYNCED);
@@ -599,7 +618,7 @@ void PLMSyncManager::check_for_process_exit() {
         }
     }
     // A collection that has not marked its domain yet: it reaches this check itself when done.
-    if (_otherDomainCollecting(0)) {
+    if (_anyDomainCollecting()) {
         LOGD("Some sync is in process");
         return;
     }

@@ -35,6 +35,7 @@
 
 #include "SyncHandlers/SyncHandlerHost.h"
 
+class BaseSyncHandler;
 class DataUploadHandler;
 class IntentMgr;
 class MainObserver;
@@ -154,7 +155,12 @@ class PLMSyncManager : public SyncHandlerHost {
     DataUploadHandler* _ensureUploader();
     bool _tryClose(DataUploadHandler* handler);
     bool _hasResultOf(int item);
-    bool _otherDomainCollecting(int item);
+    // A domain handler that has a request queued or a collection running (it runs the exit check
+    // itself when it is done).
+    bool _anyDomainCollecting();
+    // The handler of item 1, 2 or 3 (made on first use and marked as reached); null otherwise.
+    BaseSyncHandler* _domainHandler(int domain);
+    void _deleteDomainHandler(int domain);
     void _stopWorker();
     bool _workerShouldStop() const { return mStopping.load(); }
 
@@ -175,11 +181,10 @@ class PLMSyncManager : public SyncHandlerHost {
     // Cuts the retry pauses short when the manager goes away.
     std::mutex mStopMutex;
     std::condition_variable mStopCondition;
-    // Whether the contacts handler was reached (so shutdown stops its worker).
-    std::atomic<bool> mContactsHandlerUsed{false};
-    // Whether the media handler was reached (so shutdown stops its worker).
-    std::atomic<bool> mMediaHandlerUsed{false};
-    std::atomic<bool> mAppHandlerUsed{false};
+    // The items with a domain handler, and whether each handler was reached (indexed by item), so
+    // that shutdown stops and deletes only those.
+    static constexpr int kHandlerDomains[] = {3, 1, 2};  // contacts, applications, media
+    std::atomic<bool> mHandlerUsed[4] = {};
 
     std::unique_ptr<SyncQueue> mSyncQueue;
     std::unique_ptr<SyncQueue> mPendingQueue;
