@@ -38,10 +38,6 @@ constexpr size_t kMaxReplyBytes = 64u << 20;
 std::atomic<long> gConnectTimeoutSeconds{15};
 std::atomic<long> gStallSeconds{60};
 constexpr long kStallBytesPerSecond = 1;
-
-bool isGzip(const std::vector<unsigned char>& bytes) {
-    return bytes.size() >= 2 && bytes[0] == 0x1f && bytes[1] == 0x8b;
-}
 constexpr int kDefaultPort = 443;
 constexpr const char* kRampCode = "dash";
 
@@ -84,6 +80,24 @@ std::string prefString(const char* key) {
 
 void removeAll(std::string& text, char c) {
     text.erase(std::remove(text.begin(), text.end(), c), text.end());
+}
+
+bool isGzip(const std::vector<unsigned char>& bytes) {
+    return bytes.size() >= 2 && bytes[0] == 0x1f && bytes[1] == 0x8b;
+}
+
+// Joins one part's answer to the answers so far: its brackets and line breaks dropped, parts
+// separated by commas (the caller wraps the whole in "[...]").
+void appendPartReply(std::string& joined, std::string text) {
+    removeAll(text, '[');
+    removeAll(text, ']');
+    removeAll(text, '\n');
+    removeAll(text, '\r');
+    if (joined.empty()) {
+        joined = std::move(text);
+    } else {
+        joined += "," + text;
+    }
 }
 
 }  // namespace
@@ -682,15 +696,7 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
             LOGW("reply is not gzip, read as plain text");
             text.assign(reply.item.begin(), reply.item.end());
         }
-        removeAll(text, '[');
-        removeAll(text, ']');
-        removeAll(text, '\n');
-        removeAll(text, '\r');
-        if (result.empty()) {
-            result = text;
-        } else {
-            result += "," + text;
-        }
+        appendPartReply(result, text);
     }
     if (!result.empty()) {
         LOGD("Upload succedded");
@@ -747,15 +753,7 @@ std::string DataUploadHandler::_curlPostingUnzipped(const std::vector<std::strin
             continue;
         }
         std::string text = reply;
-        removeAll(text, '[');
-        removeAll(text, ']');
-        removeAll(text, '\n');
-        removeAll(text, '\r');
-        if (result.empty()) {
-            result = text;
-        } else {
-            result += "," + text;
-        }
+        appendPartReply(result, text);
     }
     if (!result.empty()) {
         LOGD("Upload Success!");
