@@ -130,36 +130,31 @@ int AppSyncHandler::syncData(int syncType) {
     if (!inStep) {
         LOGD("status is false hence trigger sync");
     }
-    // Waiting while collecting, so that the service does not end meanwhile; the old value is
-    // written back when there turns out to be nothing to do.
-    if (master_set_string(plm::APP_SYNC_STATUS_P, plm::STATUS_WAITING) != 0) {
-        LOGE("master_set_string failed for APP_SYNC_STATUS_P");
-    }
-    auto writeBack = [&status] {
-        if (status)
-            master_set_string(plm::APP_SYNC_STATUS_P, status.get());
-    };
-
-    if (syncType == plm::SYNC_TYPE_FORCE) {
-        deleteAll(kTable);
-    }
+    // The service does not end while this collection runs (the exit check waits for it), so the
+    // status is left as it is until there is something to send.
+    if (syncType == plm::SYNC_TYPE_FORCE)
+        markAllForResend(kTable);
 
     SyncMap map(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, free_app_info));
     if (_readStoredApps(map.get()) != 0) {
         LOGE("syncData failed for Applications");
-        writeBack();
         return 1;
     }
     LOGD("inProcessing");
+    // Rows still waiting from an earlier sync (or marked by a forced one) go up too.
     mPending = false;
+    GHashTableIter iter;
+    gpointer key = nullptr;
+    gpointer value = nullptr;
+    g_hash_table_iter_init(&iter, map.get());
+    while (!mPending && g_hash_table_iter_next(&iter, &key, &value))
+        mPending = static_cast<AppSyncInfo*>(value)->dirty != plm::DIRTY_SYNCED;
     _collectInstalledApps(map.get());
     const int ret = _writeNewSyncData(map.get());
     // Nothing to send and the domain already in step: no upload, the status stays as it was.
     // A domain waiting or failed goes on to the composer, which settles it.
-    if (ret == 2 || (ret == 0 && !mPending && inStep)) {
-        writeBack();
+    if (ret == 2 || (ret == 0 && !mPending && inStep))
         return 2;
-    }
     return ret;
 }
 

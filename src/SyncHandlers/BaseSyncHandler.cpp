@@ -215,6 +215,18 @@ int BaseSyncHandler::selectAll(const std::string& table, const std::string& proj
     return db()->plmsvc_db_process(&request, result);
 }
 
+int BaseSyncHandler::markAllForResend(const std::string& table) {
+    Bundle request;
+    Bundle result;
+    request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
+    request.addStr(bundlekeys::URI_TABLE_NAME, table);
+    request.addStr(bundlekeys::WHERE, "dirty != 2");
+    request.addStr(bundlekeys::COLUMN_COUNT, "1");
+    request.addStr(columnKey(1), "dirty");
+    request.addStr("dirty", "1");
+    return db()->plmsvc_db_process(&request, &result);
+}
+
 int BaseSyncHandler::deleteAll(const std::string& table) {
     Bundle request;
     Bundle result;

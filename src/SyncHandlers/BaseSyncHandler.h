@@ -83,6 +83,11 @@ class BaseSyncHandler {
     int selectAll(const std::string& table, const std::string& projection,
                   pelio::platform::Bundle* result);
     int deleteAll(const std::string& table);
+    // A forced sync: every row but a pending deletion is sent again as an insert (dirty 1). The
+    // rows and their revisions stay, so an item removed since the last sync still ends as a
+    // deletion on the server, and inserts carry no revision, so the server takes them whether it
+    // kept the documents or lost its database.
+    int markAllForResend(const std::string& table);
     // The worker's body: drains the queue, one syncData() per request.
     void handleSyncRequest();
     // What collectors poll between rows of long loops: a forced request is waiting, or the worker

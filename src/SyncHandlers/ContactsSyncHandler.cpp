@@ -121,7 +121,9 @@ int ContactsSyncHandler::syncData(int syncType) {
         LOGD("Succeded to set master string for contacts");
     }
 
-    if (syncType == plm::SYNC_TYPE_FORCE) {
+    // Only an emptied table has forgotten which persons the server holds.
+    mForcedCollection = syncType == plm::SYNC_TYPE_FORCE;
+    if (mForcedCollection) {
         deleteAll(kContactsTable);
     }
 
@@ -301,8 +303,22 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
             ContactSyncInfo* info = lookup(map, personId);
             if (info == nullptr) {
                 if (change.type == pp::CONTACTS_CHANGE_DELETED) {
-                    // Never uploaded (or already removed from the server): nothing to delete.
-                    LOGD("removed person[%d] was never synced, nothing to send", personId);
+                    if (!mForcedCollection) {
+                        // Never uploaded (or already removed from the server): nothing to delete.
+                        LOGD("removed person[%d] was never synced, nothing to send", personId);
+                        continue;
+                    }
+                    // A forced collection starts from an empty table, so it cannot tell a
+                    // removal the server never heard of from one it did: it sends the deletion
+                    // (the server answers a deletion of a missing document as done).
+                    info = new ContactSyncInfo;
+                    info->id = personId;
+                    info->contactId = personId;
+                    info->dirty = plm::DIRTY_DELETED;
+                    info->version = current;
+                    info->newRow = true;
+                    put(map, info);
+                    ++deletedCnt;
                     continue;
                 }
                 info = new ContactSyncInfo;
@@ -310,6 +326,7 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
                 info->contactId = personId;
                 info->dirty = plm::DIRTY_INSERTED;
                 info->version = current;
+                info->newRow = true;
                 put(map, info);
                 ++insertedCnt;
             } else if (change.type == pp::CONTACTS_CHANGE_DELETED) {
@@ -376,7 +393,7 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
         request.addStr(kColVersion, std::to_string(info->version));
 
         int ret = 0;
-        if (info->dirty == plm::DIRTY_INSERTED) {
+        if (info->dirty == plm::DIRTY_INSERTED || info->newRow) {
             request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_INSERT);
             ret = dbm->insertDb(&request, &result);
         } else if (info->dirty == plm::DIRTY_DELETED || info->dirty == plm::DIRTY_UPDATED) {

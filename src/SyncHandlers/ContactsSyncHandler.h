@@ -32,6 +32,7 @@ struct ContactSyncInfo {
     int spare = -1;
     int dirty = 2;  // 1 insert, 2 delete, 3 update, 4 unchanged (not written back)
     int version = -1;
+    bool newRow = false;  // not in the table yet: written with an insert whatever its state
 };
 
 class ContactsSyncHandler : public BaseSyncHandler {
@@ -71,6 +72,8 @@ class ContactsSyncHandler : public BaseSyncHandler {
     // Version read by the running collection, and by the last one whose rows were committed
     // (-1: none since start). Written by the worker, read by the sync manager's worker.
     int mReadVersion = -1;
+    // Whether the running collection is a forced one (it started from an empty table).
+    bool mForcedCollection = false;
     std::atomic<int> mCollectedVersion{-1};
 };
 

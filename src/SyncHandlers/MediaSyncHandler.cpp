@@ -422,8 +422,8 @@ int MediaSyncHandler::syncData(int syncType) {
     }
 
     if (syncType == plm::SYNC_TYPE_FORCE) {
-        deleteAll(kAudioTable);
-        deleteAll(kPlaylistTable);
+        markAllForResend(kAudioTable);
+        markAllForResend(kPlaylistTable);
     }
     mAudioMap.reset(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, free_media_info));
     mPlaylistMap.reset(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, free_media_info));

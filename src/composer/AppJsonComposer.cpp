@@ -127,9 +127,9 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
         json_object_set_string_member(d, plm::DOC_TIMESTAMP_GMT, getTimestampString().c_str());
         json_object_set_string_member(d, plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
         json_object_set_object_member(d, plm::DOC_META_DATA, meta.release());
-        // A pending insert that learnt the server's revision (a conflict answer) names it too,
-        // so that it is accepted the next time.
-        if (row.dirty == plm::DIRTY_UPDATED || !row.revision.empty())
+        // An insert carries no revision: the server creates or replaces the document, whether it
+        // has it (a forced sync sends everything again) or not.
+        if (row.dirty == plm::DIRTY_UPDATED)
             json_object_set_string_member(d, plm::DOC_REV, row.revision.c_str());
         if (row.dirty == plm::DIRTY_UPDATED) {
             ++updated;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Crash safety: a forced sync of a few hundred cards is killed (SIGKILL) at a random moment, the
-# next sync runs to its end, and the server must hold exactly the address book. Repeated at
+# Crash safety: a forced sync of a few hundred cards, twenty songs and five applications is killed
+# (SIGKILL) at a random moment, the next sync runs to its end, and the server must hold exactly
+# what the device holds. Repeated at
 # moments spread over the whole sync (collection, composition, posting, close, outcomes). The
 # moments and the seed are printed: CRASH_SEED=N replays a run, CRASH_ROUNDS=N sets the rounds.
 source "$PELIO_SOURCE_DIR/tests/support/e2e-common.sh"
@@ -14,6 +15,8 @@ echo "# seed $seed, $rounds rounds"
 for i in $(seq 1 300); do
     e2e_card "$book/p$i.vcf" "p$i" "Person $i" "$i;Person;;;" "TEL;TYPE=CELL:+1555$i"
 done
+for i in $(seq 1 20); do e2e_song "Song $i"; done
+for i in $(seq 1 5); do e2e_app "org.pelio.app$i" "App $i"; done
 e2e_configure
 forced_sync() {
     "$PELIOCTL" launch SET_IS_FORCE=true EVENT_TYPE=TRIGGER_FORCE_SYNC >/dev/null || e2e_fail "trigger"
@@ -38,6 +41,9 @@ while [ "$kills" -lt "$rounds" ]; do
     # A change for every round, so that there is always something in flight.
     n=$((RANDOM % 300 + 1))
     e2e_card "$book/p$n.vcf" "p$n" "Person $n round $round" "$n;Person;;;" "TEL;TYPE=CELL:+1555$n"
+    song=$(find "$HOME/Music" -name '*.mp3' -printf '%f\n' | sort | sed -n "$((RANDOM % 20 + 1))p")
+    mv "$HOME/Music/$song" "$HOME/Music/Song r$round.mp3"
+    e2e_app "org.pelio.app$((RANDOM % 5 + 1))" "App round $round"
     moment=$(( span_ms * kills / rounds + RANDOM % (span_ms / rounds + 1) ))
     forced_sync
     sleep "$(printf '%d.%03d' $((moment / 1000)) $((moment % 1000)))"

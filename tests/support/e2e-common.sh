@@ -155,27 +155,71 @@ e2e_unconfirmed() {
         "SELECT COUNT(*) FROM contacts WHERE dirty != 4"
 }
 
-# The display names of the live contact documents on the server, sorted, one per line; fails when a
-# document has an empty display name or two documents share an id.
+# The names of the live documents of TYPE on the server (meta_data.FIELD), one per line, sorted;
+# fails when a document has an empty name: e2e_server_names [TYPE [FIELD]] (contact displayname).
 e2e_server_names() {
-    e2e_docs | node -e '
-        const docs = JSON.parse(require("fs").readFileSync(0, "utf8")).filter(d => d.type === "contact");
-        const bad = docs.filter(d => !d.meta_data || !d.meta_data.displayname);
+    e2e_docs | TYPE=${1:-contact} FIELD=${2:-displayname} node -e '
+        const docs = JSON.parse(require("fs").readFileSync(0, "utf8"))
+            .filter(d => d.type === process.env.TYPE);
+        const name = d => (d.meta_data || {})[process.env.FIELD];
+        const bad = docs.filter(d => !name(d));
         if (bad.length) { console.error("empty documents: " + JSON.stringify(bad)); process.exit(1); }
-        console.log(docs.map(d => d.meta_data.displayname).sort().join("\n"));'
+        for (const d of docs) console.log(name(d));' | LC_ALL=C sort
 }
 
-# The FN of every card in the address book, sorted, one per line.
-e2e_book_names() {
-    cat "$XDG_DATA_HOME"/contacts/default/*.vcf 2>/dev/null | tr -d '\r' | sed -n 's/^FN://p' | sort
+# What the device holds, one name per line, sorted: e2e_device_names contact|audio|application.
+# Contacts: the FN of every card. Songs: the file names without extension of the music folder (the
+# scenarios keep their songs untagged, and an untagged song is titled after its file).
+# Applications: the Name of every visible desktop entry, and the two every device has.
+e2e_device_names() {
+    case $1 in
+    contact)
+        cat "$XDG_DATA_HOME"/contacts/default/*.vcf 2>/dev/null | tr -d '\r' | sed -n 's/^FN://p' ;;
+    audio)
+        find "$HOME/Music" -maxdepth 1 -type f \( -name '*.mp3' -o -name '*.flac' -o -name '*.ogg' \) \
+            -printf '%f\n' 2>/dev/null | sed 's/\.[^.]*$//' ;;
+    application)
+        local dir f
+        for dir in "$XDG_DATA_HOME/applications" $(tr ':' ' ' <<<"${XDG_DATA_DIRS:-}" | sed 's#\([^ ]*\)#\1/applications#g'); do
+            for f in "$dir"/*.desktop; do
+                [ -f "$f" ] || continue
+                grep -qE '^(NoDisplay|Hidden)=true' "$f" && continue
+                sed -n 's/^Name=//p' "$f" | head -n 1
+            done
+        done
+        printf '%s\n' "Contacts" "Task manager" ;;
+    esac | LC_ALL=C sort
 }
 
-# Fails unless the server holds exactly the address book (WHAT).
+# A visible desktop entry in the user's applications folder: e2e_app ID NAME.
+e2e_app() {
+    mkdir -p "$XDG_DATA_HOME/applications"
+    printf '[Desktop Entry]\nType=Application\nExec=true\nName=%s\n' "$2" \
+        >"$XDG_DATA_HOME/applications/$1.desktop"
+}
+
+# An untagged song NAME.mp3 in the music folder (a copy of one small file made once).
+e2e_song() {
+    local template=$E2E_WORK/untagged.mp3
+    if [ ! -s "$template" ]; then
+        source "$PELIO_SOURCE_DIR/tests/support/media.sh"
+        make_song "$template" "" "" "" "" || e2e_fail "cannot make a song"
+    fi
+    mkdir -p "$HOME/Music"
+    cp "$template" "$HOME/Music/$1.mp3"
+}
+
+# Fails unless the server holds exactly what the device holds, for contacts, songs and
+# applications (WHAT).
 e2e_expect_converged() {
-    local server book
-    server=$(e2e_server_names) || e2e_fail "$1: unreadable server documents"
-    book=$(e2e_book_names)
-    [ "$server" = "$book" ] || e2e_fail "$1: server holds [$(echo $server)], the book [$(echo $book)]"
+    local type field server device
+    for type in contact:displayname audio:title application:name; do
+        field=${type#*:} type=${type%%:*}
+        server=$(e2e_server_names "$type" "$field") || e2e_fail "$1: unreadable $type documents"
+        device=$(e2e_device_names "$type")
+        [ "$server" = "$device" ] ||
+            e2e_fail "$1: $type on the server [$(echo $server)], on the device [$(echo $device)]"
+    done
     e2e_ok "$1"
 }
 

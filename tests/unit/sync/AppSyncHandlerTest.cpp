@@ -72,7 +72,6 @@ TEST_F(AppSyncHandlerTest, InsertsVisibleApplicationsAndTheTwoEveryDeviceHas) {
                        }));
     EXPECT_TRUE(log_.hasMessage("adding app info in queue"));
     EXPECT_TRUE(log_.hasMessage("adding task manager info in queue"));
-    EXPECT_EQ(master_get_value(plm::APP_SYNC_STATUS_P), "0");
 
     // Nothing changed: every row stays as it is (pending inserts stay pending).
     log_.clear();
@@ -117,9 +116,12 @@ TEST_F(AppSyncHandlerTest, UpdatesRemovalsAndReturnsFollowTheServerState) {
     EXPECT_EQ(rows["removed"], "3|Removed|0||1-a");
     EXPECT_EQ(rows["renamed"], "3|Newer name|0||1-a");
 
-    // A forced collection starts from an empty table.
+    // A forced collection sends every row again as an insert, keeping what the server has: an
+    // application removed since the last sync still ends as a deletion.
+    packages_->remove("renamed");
     EXPECT_EQ(handler.syncData(99), 0);
     rows = table();
     EXPECT_EQ(rows.size(), 5u);
-    EXPECT_EQ(rows["kept"], "1|Kept|0||");
+    EXPECT_EQ(rows["kept"], "1|Kept|0||1-a");
+    EXPECT_EQ(rows["renamed"], "2|Newer name|0||1-a");
 }

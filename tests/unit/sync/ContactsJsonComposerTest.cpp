@@ -164,7 +164,7 @@ TEST_F(ContactsJsonComposerTest, LiveDocumentEnvelopeNamesAndNumbers) {
         FakeContactsService::person("Ann Lee", "Ann", "Lee", "May")
             .phonetic("an", "mei", "li")
             .favorite()
-            .withNumber("111", pp::CONTACTS_NUMBER_TYPE_CELL, true)
+            .withNumber("+44 7700 900111", pp::CONTACTS_NUMBER_TYPE_CELL, true)
             .withNumber("222", pp::CONTACTS_NUMBER_TYPE_FAX | pp::CONTACTS_NUMBER_TYPE_HOME)
             .withNumber("333", 0)
             .withNumber("444", pp::CONTACTS_NUMBER_TYPE_MAIN));
@@ -232,7 +232,7 @@ TEST_F(ContactsJsonComposerTest, LiveDocumentEnvelopeNamesAndNumbers) {
         EXPECT_EQ(json_object_get_string_member(n, "clientData"), std::to_string(ids[i]));
         EXPECT_EQ(json_object_get_boolean_member(n, "default"), i == 0);
     }
-    EXPECT_EQ(data->documents[0].find("111"), std::string::npos);
+    EXPECT_EQ(data->documents[0].find("7700 900111"), std::string::npos);
 
     // Bob: no numbers, so no "phone" at all; no revision, so no "_rev".
     JsonObject* bobDoc = bodies.doc(0, 1);

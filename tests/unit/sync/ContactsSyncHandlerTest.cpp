@@ -161,14 +161,18 @@ TEST_F(ContactsSyncHandlerTest, RowsStillMarkedInsertedAreInsertedOnceMore) {
     EXPECT_EQ(dirtyById().at(std::to_string(ann)), (std::vector<int>{1, 1}));
 }
 
-TEST_F(ContactsSyncHandlerTest, ForcedSyncStartsFromAnEmptyTable) {
-    addPerson("Ann");
+TEST_F(ContactsSyncHandlerTest, ForcedSyncStartsFromAnEmptyTableAndSendsEveryRemoval) {
+    const int ann = addPerson("Ann");
+    const int bob = addPerson("Bob");
+    ASSERT_TRUE(contacts_->deleteContact(bob));  // removed since the last sync
     exec("INSERT INTO contacts (_id, contact_id, dirty, version) VALUES ('999', 999, 4, 1)");
     ContactsSyncHandler handler(&host_);
     EXPECT_EQ(handler.syncData(99), 0);
     const auto byId = dirtyById();
     EXPECT_EQ(byId.count("999"), 0u);
-    EXPECT_EQ(byId.size(), 1u);
+    EXPECT_EQ(byId.at(std::to_string(ann)), std::vector<int>{1});
+    // The emptied table cannot tell whether the server has Bob: the deletion goes up.
+    EXPECT_EQ(byId.at(std::to_string(bob)), std::vector<int>{2});
 }
 
 TEST_F(ContactsSyncHandlerTest, ForcedRequestDuringTheWriteRollsBackAndReturnsTwo) {
