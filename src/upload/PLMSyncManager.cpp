@@ -585,6 +585,12 @@ void PLMSyncManager::setPendingResync(bool pending) {
 
 void PLMSyncManager::check_for_process_exit() {
     LOGD("check_for_process_exit START");
+    // Asked before the statuses are read: a collection marks its domain waiting before it stops
+    // counting as collecting, so one that ends meanwhile is seen in the statuses below.
+    if (_anyDomainCollecting()) {
+        LOGD("Some sync is in process");
+        return;
+    }
     const char* const keys[] = {plm::APP_SYNC_STATUS_P, plm::CONTACTS_SYNC_STATUS_P,
                                 plm::MEDIA_SYNC_STATUS_P};
     for (int i = 0; i < 3; ++i) {
@@ -617,7 +623,8 @@ void PLMSyncManager::check_for_process_exit() {
                 LOGE("preference_set_int (umng_sync_condition) Failed ret[%d]", rc);
         }
     }
-    // A collection that has not marked its domain yet: it reaches this check itself when done.
+    // And again after them, for a collection that started meanwhile: it reaches this check
+    // itself when done.
     if (_anyDomainCollecting()) {
         LOGD("Some sync is in process");
         return;
