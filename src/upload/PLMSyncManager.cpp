@@ -171,8 +171,6 @@ PLMSyncManager::~PLMSyncManager() {
     mMainObserver.reset();
     {
         std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-        for (SyncResult* result : mSyncResults)
-            delete result;
         mSyncResults.clear();
     }
     {
@@ -302,9 +300,16 @@ std::mutex* PLMSyncManager::getDomainLock(int item) {
 // ---------------------------------------------------------------------------------------------
 // Queues and triggers
 
+PLMSyncManager::SyncResults PLMSyncManager::_takeSyncResults() {
+    std::lock_guard<std::mutex> guard(mSyncResultsMutex);
+    SyncResults taken;
+    taken.swap(mSyncResults);
+    return taken;
+}
+
 bool PLMSyncManager::_hasResultOf(int item) {
     std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-    for (const SyncResult* result : mSyncResults) {
+    for (const auto& result : mSyncResults) {
         if (result->itemType == item)
             return true;
     }
@@ -411,9 +416,9 @@ size_t PLMSyncManager::syncResultCount() {
     return mSyncResults.size();
 }
 
-void PLMSyncManager::appendSyncResultForTesting(SyncResult* result) {
+void PLMSyncManager::appendSyncResultForTesting(std::unique_ptr<SyncResult> result) {
     std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-    mSyncResults.push_back(result);
+    mSyncResults.push_back(std::move(result));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -728,10 +733,8 @@ void PLMSyncManager::pdsUploadStarted() {
 void PLMSyncManager::clearSyncResultList() {
     LOGD("clear sync result");
     std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-    for (SyncResult* result : mSyncResults) {
+    for (size_t i = 0; i < mSyncResults.size(); ++i)
         LOGD("deleting syncResult");
-        delete result;
-    }
     mSyncResults.clear();
 }
 
@@ -756,16 +759,11 @@ void PLMSyncManager::closeSessionAndApplyOutcomes() {
     }
 
     if (!closed) {
-        std::vector<SyncResult*> results;
-        {
-            std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-            results.swap(mSyncResults);
-        }
+        const SyncResults results = _takeSyncResults();
         LOGD("count[%d]", static_cast<int>(results.size()));
-        for (SyncResult* result : results) {
+        for (const auto& result : results) {
             LOGD("syncItemType[%d]", result->itemType);
             update_preference_status_on_sync_fail(result->itemType);
-            delete result;
         }
         for (int item : _takeIncompleteItems())
             update_preference_status_on_sync_fail(item);
@@ -788,18 +786,15 @@ void PLMSyncManager::closeSessionAndApplyOutcomes() {
 }
 
 void PLMSyncManager::_processSyncResults() {
-    std::vector<SyncResult*> results;
-    {
-        std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-        results = mSyncResults;
-    }
+    // Taken whole: the sync lock is held, so no result is added or looked for meanwhile.
+    const SyncResults results = _takeSyncResults();
     SyncOutcomeProcessor::Marks marks;
     // Domains that end failed: a part never posted, a reply unreadable or unstored, a document
     // not accepted. Their rows stay dirty for the next sync.
     std::set<int> failed = _takeIncompleteItems();
     std::vector<std::pair<int, std::shared_ptr<const SentRows>>> sentByItem;
     DataUploadHandler* handler = _uploader();
-    for (SyncResult* result : results) {
+    for (const auto& result : results) {
         const std::string latest = handler->getSucceededLatestPLMId();
         if (latest == kUnknownPlmId) {
             LOGD("Unknown plm id");
@@ -816,7 +811,7 @@ void PLMSyncManager::_processSyncResults() {
         if (!SyncOutcomeProcessor::applyResponse(result->jsonResponse, *result->sentRows, marks))
             failed.insert(result->itemType);
         if (std::none_of(sentByItem.begin(), sentByItem.end(),
-                         [result](const auto& e) { return e.second == result->sentRows; })) {
+                         [&result](const auto& e) { return e.second == result->sentRows; })) {
             sentByItem.emplace_back(result->itemType, result->sentRows);
         }
         LOGD(
@@ -825,19 +820,8 @@ void PLMSyncManager::_processSyncResults() {
             result->itemType);
         update_preference_status_on_pds_close(result->itemType, marks.contactsConflict);
         LOGD("deleting syncResult");
-        {
-            std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-            std::erase(mSyncResults, result);
-        }
-        delete result;
     }
     LOGD("Clearing list");
-    {
-        std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-        for (SyncResult* left : mSyncResults)
-            delete left;
-        mSyncResults.clear();
-    }
     for (const auto& [item, sent] : sentByItem) {
         const std::set<std::string> missing = SyncOutcomeProcessor::unaccepted(*sent, marks);
         if (!missing.empty()) {
@@ -962,7 +946,7 @@ bool PLMSyncManager::composeAndSync(int item) {
                     break;
                 }
                 std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-                mSyncResults.push_back(syncResult.release());
+                mSyncResults.push_back(std::move(syncResult));
             }
             if (!syncData->complete) {
                 LOGE("some rows of item [%d] could not be composed", item);

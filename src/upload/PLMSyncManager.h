@@ -70,6 +70,10 @@ struct PLMSyncManagerHooks {
 
 class PLMSyncManager : public SyncHandlerHost {
   public:
+    // The results of the posts of one PDS session, owned by the list (deleted through the
+    // virtual destructor when it lets go of them).
+    using SyncResults = std::vector<std::unique_ptr<SyncResult>>;
+
     // The singleton, created on first call (which starts the worker thread).
     static PLMSyncManager* getInstance();
     // The singleton if it exists, else null (never creates it).
@@ -138,7 +142,7 @@ class PLMSyncManager : public SyncHandlerHost {
     std::vector<int> pendingQueueItems();
     size_t syncResultCount();
     // Adds a result to the list as a post would (tests of the close path).
-    void appendSyncResultForTesting(SyncResult* result);
+    void appendSyncResultForTesting(std::unique_ptr<SyncResult> result);
 
     static void setHooksForTesting(PLMSyncManagerHooks hooks);
 
@@ -155,6 +159,7 @@ class PLMSyncManager : public SyncHandlerHost {
     DataUploadHandler* _ensureUploader();
     bool _tryClose(DataUploadHandler* handler);
     bool _hasResultOf(int item);
+    SyncResults _takeSyncResults();  // empties the list; the caller owns what it held
     // A domain handler that has a request queued or a collection running (it runs the exit check
     // itself when it is done).
     bool _anyDomainCollecting();
@@ -191,7 +196,7 @@ class PLMSyncManager : public SyncHandlerHost {
     std::unique_ptr<SyncLock> mSyncLock;
     // Owned SyncResult records, one per posted body; guarded by the sync lock or used by the
     // worker.
-    std::vector<SyncResult*> mSyncResults;
+    SyncResults mSyncResults;
     std::mutex mSyncResultsMutex;
     std::set<int> mIncompleteItems;  // guarded by mSyncResultsMutex
     std::atomic<int> mCurrentItem{-1};

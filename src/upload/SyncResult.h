@@ -1,5 +1,5 @@
-// SyncResult: the outcome of posting one SyncData. A heap object deleted through its virtual
-// destructor by the list that holds it (the sync manager's result list).
+// SyncResult: the outcome of posting one SyncData. A heap object owned by the list that holds it
+// (the sync manager's `SyncResults`), deleted through its virtual destructor.
 #pragma once
 
 #include <memory>

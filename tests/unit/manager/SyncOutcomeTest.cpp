@@ -21,11 +21,11 @@ class SyncOutcomeTest : public ManagerFixture {
     // Runs a close with the given answer posted for item, composed from sent.
     void closeWithAnswer(PLMSyncManager* manager, int item, const std::string& answer,
                          SentRows sent = {}) {
-        auto* result = new SyncResult();
+        auto result = std::make_unique<SyncResult>();
         result->itemType = item;
         result->jsonResponse = answer;
         result->sentRows = std::make_shared<const SentRows>(std::move(sent));
-        manager->appendSyncResultForTesting(result);
+        manager->appendSyncResultForTesting(std::move(result));
         uploader_->opened = true;
         uploader_->closed = false;
         manager->closeSessionAndApplyOutcomes();
