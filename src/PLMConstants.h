@@ -6,6 +6,8 @@
 #include <array>
 #include <string>
 
+#include "database/DirtyFlag.h"
+
 namespace plm {
 
 // Sync items (domains).
@@ -19,12 +21,6 @@ inline constexpr int SYNC_ITEM_WAKEUP = 12;         // dump file names only
 // Sync trigger codes.
 inline constexpr int SYNC_TYPE_DIFF = 98;
 inline constexpr int SYNC_TYPE_FORCE = 99;
-
-// Dirty flag values of the domain tables.
-inline constexpr int DIRTY_INSERTED = 1;
-inline constexpr int DIRTY_DELETED = 2;
-inline constexpr int DIRTY_UPDATED = 3;
-inline constexpr int DIRTY_SYNCED = 4;
 
 // Domain status values (master table).
 inline constexpr const char* STATUS_WAITING = "0";

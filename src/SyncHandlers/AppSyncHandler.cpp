@@ -287,7 +287,7 @@ int AppSyncHandler::_writeNewSyncData(GHashTable* map) {
                 request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
                 request.addStr(bundlekeys::COLUMN_COUNT, "1");
                 request.addStr("COL1", "dirty");
-                request.addStr("dirty", std::to_string(plm::DIRTY_DELETED));
+                request.addStr("dirty", plm::dirtyText(plm::DIRTY_DELETED));
                 ret = dbm->updateDb(&request, &result);
             } else {
                 continue;

@@ -32,6 +32,7 @@
 #include <pelio/platform/Bundle.h>
 
 #include "SyncHandlers/BaseSyncHandler.h"
+#include "database/DirtyFlag.h"
 
 // One application, as collected or as stored.
 struct AppSyncInfo {
@@ -42,7 +43,7 @@ struct AppSyncInfo {
     std::string customId;
     std::string package;
     int preInstalled = 0;
-    int dirty = 1;
+    int dirty = plm::DIRTY_INSERTED;
     bool stored = false;   // a row exists in the table
     bool present = false;  // found on the device in this collection
 };

@@ -220,10 +220,11 @@ int BaseSyncHandler::markAllForResend(const std::string& table) {
     Bundle result;
     request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
     request.addStr(bundlekeys::URI_TABLE_NAME, table);
-    request.addStr(bundlekeys::WHERE, "dirty != 2");
+    request.addStr(bundlekeys::WHERE,
+                   std::string("dirty != ") + plm::dirtyText(plm::DIRTY_DELETED));
     request.addStr(bundlekeys::COLUMN_COUNT, "1");
     request.addStr(columnKey(1), "dirty");
-    request.addStr("dirty", "1");
+    request.addStr("dirty", plm::dirtyText(plm::DIRTY_INSERTED));
     return db()->plmsvc_db_process(&request, &result);
 }
 

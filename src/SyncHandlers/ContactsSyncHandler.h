@@ -24,13 +24,14 @@
 #include <mutex>
 
 #include "SyncHandlers/BaseSyncHandler.h"
+#include "database/DirtyFlag.h"
 
 // One person of the delta map.
 struct ContactSyncInfo {
     int id = -1;         // "_id" of the row: the person id
     int contactId = -1;  // "contact_id": the same person id
     int spare = -1;
-    int dirty = 2;  // 1 insert, 2 delete, 3 update, 4 unchanged (not written back)
+    int dirty = plm::DIRTY_DELETED;  // DIRTY_SYNCED entries are not written back
     int version = -1;
     bool newRow = false;  // not in the table yet: written with an insert whatever its state
 };

@@ -81,7 +81,7 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
     std::snprintf(projection, sizeof(projection), " %s, %s, %s,%s, %s, %s, %s", "_id", "version",
                   "package", "name", "pre_installed", "rev_id", "dirty");
     std::vector<AppRow> rows;
-    AppSyncHandler::forEachApplicationRow(projection, "dirty != 4", [&](const Bundle& row) {
+    AppSyncHandler::forEachApplicationRow(projection, plm::NOT_SYNCED, [&](const Bundle& row) {
         AppRow r;
         r.package = nullAsEmpty(getValStr(&row, columnKey(1)));
         r.name = nullAsEmpty(getValStr(&row, columnKey(4)));

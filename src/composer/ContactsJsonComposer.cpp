@@ -236,7 +236,7 @@ bool ContactsJsonComposer::_readRows() {
     // Paged, so that one SELECT stays within the row-transfer bound whatever the table's size.
     int rowCount = 0;
     const bool ok = KeysetReader::readAll(
-        "contacts", projection, "dirty != 4", kSelectPageRows,
+        "contacts", projection, plm::NOT_SYNCED, kSelectPageRows,
         [this, &rowCount](const Bundle& row) {
             ++rowCount;
             const std::string id = getValStr(&row, columnKey(1));

@@ -218,7 +218,7 @@ void MediaJsonComposer::_readAudioRows() {
     LOGD("columns[%s]", projection);
     int count = 1;
     const bool ok = KeysetReader::readAll(
-        "audio", std::string(projection) + ", device_mode", "dirty != 4", kSelectPageRows,
+        "audio", std::string(projection) + ", device_mode", plm::NOT_SYNCED, kSelectPageRows,
         [this, &count](const Bundle& row) {
             ++count;
             const int type = number(column(row, 5));
@@ -258,7 +258,7 @@ void MediaJsonComposer::_readPlaylistRows() {
     LOGD("columns[%s]", projection);
     int count = 1;
     const bool ok =
-        KeysetReader::readAll("audio_playlist", projection, "dirty != 4", kSelectPageRows,
+        KeysetReader::readAll("audio_playlist", projection, plm::NOT_SYNCED, kSelectPageRows,
                               [this, &count](const Bundle& row) {
                                   ++count;
                                   LOGD("is playlist ");

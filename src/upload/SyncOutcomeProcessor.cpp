@@ -1,4 +1,5 @@
 #include "upload/SyncOutcomeProcessor.h"
+#include "database/DirtyFlag.h"
 
 #include <sqlite3.h>
 
@@ -119,7 +120,9 @@ bool applyAccepted(sqlite3* db, const Outcome& outcome) {
             return false;
         }
     } else {
-        changed = run(db, "UPDATE " + row.table + " SET rev_id = ?, dirty = 4 WHERE " + where,
+        changed = run(db,
+                      "UPDATE " + row.table + " SET rev_id = ?, dirty = " +
+                          plm::dirtyText(plm::DIRTY_SYNCED) + " WHERE " + where,
                       {outcome.rev}, {&row.key, &row.state});
         if (changed < 0) {
             LOGE("error in update");
@@ -268,16 +271,18 @@ void SyncOutcomeProcessor::update_dirtyflag(const char* table) {
     Bundle deletion;
     deletion.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_DELETE);
     deletion.addStr(bundlekeys::URI_TABLE_NAME, table);
-    deletion.addStr(bundlekeys::WHERE, "dirty = 3");
+    // Rows at "updated" go, as this reset always did; nothing in the sync flow calls it.
+    deletion.addStr(bundlekeys::WHERE,
+                    std::string("dirty = ") + plm::dirtyText(plm::DIRTY_UPDATED));
     if (!runRequest(deletion))
         LOGE("error in delete");
     Bundle request;
     request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
     request.addStr(bundlekeys::URI_TABLE_NAME, table);
-    request.addStr(bundlekeys::WHERE, "dirty != 4");
+    request.addStr(bundlekeys::WHERE, plm::NOT_SYNCED);
     request.addStr(bundlekeys::COLUMN_COUNT, "1");
     request.addStr(columnKey(1), "dirty");
-    request.addStr("dirty", "4");
+    request.addStr("dirty", plm::dirtyText(plm::DIRTY_SYNCED));
     if (!runRequest(request))
         LOGE("error in update");
 }
