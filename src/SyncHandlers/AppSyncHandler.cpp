@@ -13,6 +13,7 @@
 #include "composer/AppJsonComposer.h"
 #include "database/DbManager.h"
 #include "database/KeysetReader.h"
+#include "database/MultiQueryTransaction.h"
 #include "upload/PLMSyncMasterTable.h"
 #include "utils/BundleMacro.h"
 #include "utils/PLMUtils.h"
@@ -255,7 +256,7 @@ void AppSyncHandler::_applyRecord(GHashTable* map, std::unique_ptr<AppSyncInfo> 
 
 int AppSyncHandler::_writeNewSyncData(GHashTable* map) {
     DbManager* dbm = db();
-    dbm->beginMultiQuery();
+    MultiQueryTransaction transaction(dbm);
 
     GHashTableIter iter;
     gpointer key = nullptr;
@@ -263,8 +264,7 @@ int AppSyncHandler::_writeNewSyncData(GHashTable* map) {
     g_hash_table_iter_init(&iter, map);
     while (g_hash_table_iter_next(&iter, &key, &value)) {
         if (isInterrupted()) {
-            dbm->endMultiQuery();  // not marked successful: rolled back
-            LOGD("forced sync pending, write rolled back");
+            LOGD("forced sync pending, write rolled back");  // not committed
             return 2;
         }
         auto* info = static_cast<AppSyncInfo*>(value);
@@ -340,7 +340,6 @@ int AppSyncHandler::_writeNewSyncData(GHashTable* map) {
             LOGE("query failed");
     }
 
-    dbm->setDbTransactionSuccessful();
-    dbm->endMultiQuery();
+    transaction.commit();
     return 0;
 }

@@ -15,6 +15,7 @@
 #include "SyncHandlers/HandlerInstance.h"
 #include "database/DbManager.h"
 #include "database/KeysetReader.h"
+#include "database/MultiQueryTransaction.h"
 #include "upload/PLMSyncMasterTable.h"
 #include "utils/BundleMacro.h"
 
@@ -359,7 +360,7 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
 int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
     LOGD("write new data - begin");
     DbManager* dbm = db();
-    dbm->beginMultiQuery();
+    MultiQueryTransaction transaction(dbm);
     int failedWrites = 0;
 
     GHashTableIter iter;
@@ -368,8 +369,7 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
     g_hash_table_iter_init(&iter, map);
     while (g_hash_table_iter_next(&iter, &key, &value)) {
         if (isInterrupted()) {
-            // Not marked successful: the transaction rolls back.
-            dbm->endMultiQuery();
+            // Not committed: the transaction rolls back.
             LOGD("forced sync pending, write rolled back");
             LOGD("write new data - end");
             return 2;
@@ -412,9 +412,8 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
         }
     }
 
-    if (failedWrites == 0)
-        dbm->setDbTransactionSuccessful();
-    const int committed = dbm->endMultiQuery();
+    // A failed write leaves the transaction uncommitted: it rolls back.
+    const int committed = failedWrites == 0 ? transaction.commit() : 0;
     LOGD("write new data - end");
     if (failedWrites != 0 || committed != 0) {
         // Nothing of this collection is kept: the stored version stays, so the next collection

@@ -12,6 +12,7 @@
 #include "composer/MediaJsonComposer.h"
 #include "database/DbManager.h"
 #include "database/KeysetReader.h"
+#include "database/MultiQueryTransaction.h"
 #include "upload/PLMSyncMasterTable.h"
 #include "utils/BundleMacro.h"
 
@@ -378,7 +379,7 @@ int MediaSyncHandler::_writeEntry(const MediaInfo& info, bool playlist) {
 
 int MediaSyncHandler::_writeBack() {
     DbManager* dbm = db();
-    dbm->beginMultiQuery();
+    MultiQueryTransaction transaction(dbm);
     for (const std::string& removal : mRemovals) {
         const auto bar = removal.find('|');
         Bundle request;
@@ -395,7 +396,6 @@ int MediaSyncHandler::_writeBack() {
         g_hash_table_iter_init(&iter, map);
         while (g_hash_table_iter_next(&iter, nullptr, &value)) {
             if (isInterrupted()) {
-                dbm->endMultiQuery();  // not marked successful: rolled back
                 LOGD("forced sync pending, media write rolled back");
                 return 2;
             }
@@ -404,8 +404,7 @@ int MediaSyncHandler::_writeBack() {
                 LOGE("query failed ");
         }
     }
-    dbm->setDbTransactionSuccessful();
-    dbm->endMultiQuery();
+    transaction.commit();
     return 0;
 }
 
