@@ -33,7 +33,8 @@ int docsCount(const std::string& part, bool* onlyDocs = nullptr) {
 class BulkPostingThreadedTest : public ::testing::Test {
   protected:
     struct Received {
-        std::string path, body, contentEncoding, acceptEncoding, cookie, contentType;
+        std::string path, body, contentEncoding, acceptEncoding, cookie, contentType, accept,
+            charset;
     };
 
     void SetUp() override {
@@ -42,10 +43,11 @@ class BulkPostingThreadedTest : public ::testing::Test {
             {
                 std::lock_guard<std::mutex> guard(mutex);
                 // httplib inflates a gzip request body itself (zlib).
-                received.push_back({req.path, req.body, req.get_header_value("Content-Encoding"),
-                                    req.get_header_value("Accept-Encoding"),
-                                    req.get_header_value("cookie"),
-                                    req.get_header_value("Content-Type")});
+                received.push_back(
+                    {req.path, req.body, req.get_header_value("Content-Encoding"),
+                     req.get_header_value("Accept-Encoding"), req.get_header_value("cookie"),
+                     req.get_header_value("Content-Type"), req.get_header_value("Accept"),
+                     req.get_header_value("charset")});
                 index = static_cast<int>(received.size());
             }
             if (index == failOnRequest) {
@@ -142,6 +144,8 @@ TEST_F(BulkPostingThreadedTest, PostsGzipPartsAndJoinsTheCleanedReplies) {
         EXPECT_EQ(got[i].acceptEncoding, "gzip");
         EXPECT_EQ(got[i].cookie, "AuthSession=tok");
         EXPECT_EQ(got[i].contentType, "application/json");
+        EXPECT_EQ(got[i].accept, "application/json");
+        EXPECT_EQ(got[i].charset, "UTF-8");
         EXPECT_EQ(got[i].body, parts[i]);  // the server inflated the gzip body
     }
     EXPECT_EQ(result.status, SyncResult::STATUS_SUCCESS);
@@ -265,6 +269,8 @@ TEST_F(BulkPostingThreadedTest, UnzippedPostingSendsPlainText) {
     EXPECT_EQ(got[0].body, "{\"docs\":[{\"_id\":\"1\"}]}");
     EXPECT_EQ(got[0].contentEncoding, "");
     EXPECT_EQ(got[0].acceptEncoding, "");
+    EXPECT_EQ(got[0].contentType, "application/json");
+    EXPECT_EQ(got[0].cookie, "AuthSession=tok");
 }
 
 // A proxy that is not the companion marker still carries the transfer; the host choice and the

@@ -122,8 +122,10 @@ TEST_F(PdsSessionThreadedTest, NoNetworkMeansNoRequest) {
     EXPECT_EQ(offline.openPds(1), -1);
     EXPECT_TRUE(log.hasMessage("errMsg[client: Network is not connected]"));
     EXPECT_TRUE(calls().empty());
-    doubles.connection->setType(pelio::platform::CONNECTION_TYPE_WIFI);
+    doubles.connection->setType(pelio::platform::CONNECTION_TYPE_CELLULAR);
     EXPECT_EQ(offline.openPds(1), 0);
+    doubles.connection->failCreate = true;  // no connection service: not connected
+    EXPECT_FALSE(network.getConnected());
 }
 
 TEST_F(PdsSessionThreadedTest, HandleReuseDependsOnTheForceFlag) {

@@ -2,11 +2,11 @@
 // reading, the network manager and the connection service. No traffic leaves the process.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
 #include "PLMConstants.h"
-#include "network/NetworkMgr.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
 #include "unit/upload/UploadTestSupport.h"
@@ -99,17 +99,7 @@ TEST_F(UploadConfigTest, ProxySplit) {
     EXPECT_EQ(peer.proxy(), "");
 }
 
-TEST_F(UploadConfigTest, HeaderListAndTransferSetup) {
-    EXPECT_EQ(peer.headers(false),
-              (std::vector<std::string>{"Accept: application/json", "charset: UTF-8",
-                                        "Content-Type: application/json", "cookie: "}));
-    peer.setSession("http://127.0.0.1:9", "AuthSession=abc");
-    EXPECT_EQ(peer.headers(true),
-              (std::vector<std::string>{"Accept: application/json", "charset: UTF-8",
-                                        "Content-Type: application/json", "cookie: AuthSession=abc",
-                                        "Accept-Encoding: gzip", "Content-Encoding: gzip"}));
-
-    // The transfer set-up refuses missing handles.
+TEST_F(UploadConfigTest, TransferSetupRefusesMissingHandles) {
     LogCapture log;
     curl_slist* list = curl_slist_append(nullptr, "Accept: application/json");
     EXPECT_FALSE(peer.setCurlEnvironment(nullptr, list));
@@ -131,19 +121,6 @@ TEST_F(UploadConfigTest, SyncPolicy) {
         "{\"syncpolicy\":{\"parameters\":{\"T\":8,\"R\":7,\"M\":6.4,\"H\":5,\"G\":4,\"F\":3,"
         "\"E\":2,\"D\":1}}}");
     EXPECT_TRUE(log.hasMessage("factors d[1], e[2], f[3], g[4], h[5], m[6], r[7], t[8]"));
-}
-
-TEST_F(UploadConfigTest, NetworkMgrFollowsTheConnectionType) {
-    LogCapture log;
-    NetworkMgr mgr;
-    doubles.connection->setType(pelio::platform::CONNECTION_TYPE_CELLULAR);
-    EXPECT_TRUE(mgr.getConnected());
-    doubles.connection->setType(pelio::platform::CONNECTION_TYPE_DISCONNECTED);
-    EXPECT_FALSE(mgr.getConnected());
-    doubles.connection->setType(pelio::platform::CONNECTION_TYPE_WIFI);
-    doubles.connection->failCreate = true;
-    EXPECT_FALSE(mgr.getConnected());
-    EXPECT_TRUE(log.hasMessage("Failed to create network mgr handle"));
 }
 
 TEST(ConnectionTest, ProxyUrlsAreReducedAndServiceSettingsOverrideTheSystem) {

@@ -21,6 +21,7 @@
 #include "doubles/FakePreferences.h"
 #include "doubles/FakeSystemInfo.h"
 #include "support/Gzip.h"
+#include "support/Installed.h"
 #include "support/TestCertificate.h"
 #include "upload/DataUploadHandler.h"
 
@@ -34,15 +35,6 @@ struct DataUploadHandlerPeer {
     }
     std::string postUnzipped(const std::vector<std::string>& parts) {
         return h._curlPostingUnzipped(parts);
-    }
-    std::vector<std::string> headers(bool zipping) {
-        curl_slist* list = nullptr;
-        h._setCurlHttpPostingHeader(&list, zipping);
-        std::vector<std::string> out;
-        for (curl_slist* i = list; i != nullptr; i = i->next)
-            out.emplace_back(i->data);
-        curl_slist_free_all(list);
-        return out;
     }
     void setSession(const std::string& dbUrl, const std::string& cookie) {
         h.mDbUrl = dbUrl;
@@ -194,22 +186,14 @@ struct UploadDoubles {
              {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
             unsetenv(v);
         }
-        auto p = std::make_unique<pelio::test::FakePreferences>();
-        prefs = p.get();
-        pelio::platform::installPreferences(std::move(p));
-        auto s = std::make_unique<pelio::test::FakeSystemInfo>();
-        s->set(pelio::platform::kSystemKeyModelName, "test-model");
-        s->set(pelio::platform::kSystemKeyDeviceId, "machine-1");
-        pelio::platform::installSystemInfo(std::move(s));
-        connection = &pelio::test::FakeConnection::install();
+        info->set(pelio::platform::kSystemKeyModelName, "test-model");
+        info->set(pelio::platform::kSystemKeyDeviceId, "machine-1");
     }
-    ~UploadDoubles() {
-        pelio::platform::installConnection(nullptr);
-        pelio::platform::installPreferences(nullptr);
-        pelio::platform::installSystemInfo(nullptr);
-    }
-    pelio::test::FakePreferences* prefs = nullptr;
-    pelio::test::FakeConnection* connection = nullptr;
+    ~UploadDoubles() { pelio::platform::installConnection(nullptr); }
+    pelio::test::Installed<pelio::test::FakePreferences, &pelio::platform::installPreferences>
+        prefs;
+    pelio::test::Installed<pelio::test::FakeSystemInfo, &pelio::platform::installSystemInfo> info;
+    pelio::test::FakeConnection* connection = &pelio::test::FakeConnection::install();
 };
 
 }  // namespace uploadtest
