@@ -32,14 +32,14 @@ TEST_F(PLMUtilsTest, HashedDeviceIdIsSha256HexComputedOnce) {
     EXPECT_EQ(expected, getDeviceID());
     EXPECT_EQ(expected, getHashedDeviceId());
     EXPECT_EQ(1, info_->calls(kSystemKeyDeviceId));
-}
 
-TEST_F(PLMUtilsTest, FailedDeviceIdLookupStoresWhatThePlatformGave) {
+    // A failed lookup stores what the platform gave: an empty id.
+    prefs_->remove("deviceId");
     info_->fail(kSystemKeyDeviceId, pelio::platform::SYSTEM_INFO_ERROR_IO_ERROR);
     EXPECT_EQ("", getHashedDeviceId());
     bool existing = false;
     prefs_->isExisting("deviceId", existing);
-    EXPECT_TRUE(existing);  // an empty id is kept, as the platform gave it
+    EXPECT_TRUE(existing);
 }
 
 TEST_F(PLMUtilsTest, PlatformStringsLocaleAndTriggerFlag) {

@@ -114,7 +114,7 @@ TEST_F(PdsSessionThreadedTest, OpenResultsAndExceptions) {
     EXPECT_FALSE(handler.getPdsOpened());
 }
 
-TEST_F(PdsSessionThreadedTest, NoNetworkMeansNoRequest) {
+TEST_F(PdsSessionThreadedTest, NoNetworkOrAMalformedProxyMeansNoRequest) {
     LogCapture log;
     NetworkMgr network;
     DataUploadHandler offline(nullptr, &network, nullptr);
@@ -126,6 +126,15 @@ TEST_F(PdsSessionThreadedTest, NoNetworkMeansNoRequest) {
     EXPECT_EQ(offline.openPds(1), 0);
     doubles.connection->failCreate = true;  // no connection service: not connected
     EXPECT_FALSE(network.getConnected());
+
+    // A malformed proxy port: no call leaves.
+    doubles.connection->failCreate = false;
+    doubles.connection->setProxy("localhost:notaport");
+    EXPECT_EQ(handler.openPds(1), -1);
+    EXPECT_TRUE(log.contains("errMsg[stoi"));
+    EXPECT_FALSE(handler.closePds());
+    EXPECT_FALSE(handler.wipePds(false));
+    EXPECT_EQ(calls().size(), 1u);
 }
 
 TEST_F(PdsSessionThreadedTest, HandleReuseDependsOnTheForceFlag) {
@@ -198,16 +207,6 @@ TEST_F(PdsSessionThreadedTest, Wipe) {
     answer("wipe", 502, R"({"message":"wipe: down"})");
     EXPECT_FALSE(handler.wipePds(false));
     EXPECT_TRUE(log.hasMessage("pds wipe fail exception message [wipe: down]"));
-}
-
-TEST_F(PdsSessionThreadedTest, AMalformedProxyPortNeverLeavesTheCalls) {
-    LogCapture log;
-    doubles.connection->setProxy("localhost:notaport");
-    EXPECT_EQ(handler.openPds(1), -1);
-    EXPECT_TRUE(log.contains("errMsg[stoi"));
-    EXPECT_FALSE(handler.closePds());
-    EXPECT_FALSE(handler.wipePds(false));
-    EXPECT_TRUE(calls().empty());
 }
 
 // The last ids are kept (empty ids ignored); the first application and contact ids tell the
