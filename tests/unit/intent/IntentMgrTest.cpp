@@ -27,38 +27,32 @@ TEST_F(IntentMgrTest, ForegroundVoiceAppGetsTypeAndIdForBothDomains) {
 
     const auto sent = control_->sent();
     ASSERT_EQ(sent.size(), 2u);
-    std::string type, id;
-    EXPECT_EQ(sent[0].appId(), "com.quorvin.orvane-k12");
-    EXPECT_EQ(sent[0].extras().size(), 2u);
-    EXPECT_EQ(sent[0].getExtraData("SYNCED_TYPE", type), 0);
-    EXPECT_EQ(sent[0].getExtraData("SYNCED_PLM_ID", id), 0);
-    EXPECT_EQ(type, "APPLICATION");
-    EXPECT_EQ(id, "plm-app-7");
-    EXPECT_EQ(sent[1].appId(), "com.quorvin.orvane-k12");
-    EXPECT_EQ(sent[1].getExtraData("SYNCED_TYPE", type), 0);
-    EXPECT_EQ(sent[1].getExtraData("SYNCED_PLM_ID", id), 0);
-    EXPECT_EQ(type, "CONTACT");
-    EXPECT_EQ(id, "plm-contact-9");
+    const std::pair<std::string, std::string> expected[] = {{"APPLICATION", "plm-app-7"},
+                                                            {"CONTACT", "plm-contact-9"}};
+    for (std::size_t i = 0; i < 2; ++i) {
+        std::string type, id;
+        EXPECT_EQ(sent[i].appId(), "com.quorvin.orvane-k12");
+        EXPECT_EQ(sent[i].extras().size(), 2u);
+        EXPECT_EQ(sent[i].getExtraData("SYNCED_TYPE", type), 0);
+        EXPECT_EQ(sent[i].getExtraData("SYNCED_PLM_ID", id), 0);
+        EXPECT_EQ(std::pair(type, id), expected[i]);
+    }
 }
 
 TEST_F(IntentMgrTest, NothingIsSentUnlessTheVoiceAppRunsInTheForeground) {
     LogCapture log;
     manager_->setApp(plm::VOICE_APP_ID, true, pp::APP_STATE_BACKGROUND);
     intent_.sendContactHasPlmId("p1");
-    EXPECT_TRUE(log.hasMessage(pp::DLOG_ERROR, "Voice is not on foreground"));
 
     manager_->setApp(plm::VOICE_APP_ID, false, pp::APP_STATE_FOREGROUND);
     intent_.sendApplicationHasPlmId("p2");
-    EXPECT_TRUE(log.hasMessage(pp::DLOG_ERROR, "Orvane is not on running"));
 
     manager_->setApp(plm::VOICE_APP_ID, true, pp::APP_STATE_FOREGROUND);
     intent_.sendApplicationHasPlmId("");
     intent_.sendContactHasPlmId("");
-    EXPECT_EQ(log.count("empty plmid"), 2);
 
     manager_->failIsRunning = pp::APP_MANAGER_ERROR_IO_ERROR;
     intent_.sendApplicationHasPlmId("p3");
-    EXPECT_TRUE(log.hasMessage(pp::DLOG_ERROR, "Failed to app mgr running status"));
 
     // Another application in the foreground does not count.
     manager_->failIsRunning = 0;

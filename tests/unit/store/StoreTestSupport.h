@@ -1,11 +1,13 @@
 // Helpers of the local-store unit tests: a fresh database in a temporary directory behind the
-// fake application paths, request bundles from key/value lists, and decoded result rows.
+// fake application paths, request bundles from key/value lists, decoded result rows, and rows
+// read straight from the database file.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
-#include <initializer_list>
-#include <memory>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,20 +20,30 @@
 
 namespace pelio::test {
 
-inline pelio::platform::Bundle makeRequest(
-    std::initializer_list<std::pair<std::string, std::string>> pairs) {
+using Request = std::vector<std::pair<std::string, std::string>>;
+using Rows = std::vector<std::vector<std::string>>;
+
+inline pelio::platform::Bundle makeRequest(const Request& pairs) {
     pelio::platform::Bundle b;
     for (const auto& [k, v] : pairs)
         b.addStr(k, v);
     return b;
 }
 
-inline pelio::platform::Bundle makeRequest(
-    const std::vector<std::pair<std::string, std::string>>& pairs) {
-    pelio::platform::Bundle b;
-    for (const auto& [k, v] : pairs)
-        b.addStr(k, v);
-    return b;
+// A request of OPERATION on TABLE; COLUMNS become COLUMN_COUNT, COLn and their values.
+inline Request request(const std::string& operation, const std::string& table,
+                       const Request& columns = {}, const Request& rest = {}) {
+    Request r{{"OPERATION_KEY", operation}};
+    if (!table.empty())
+        r.emplace_back("URI_TABLE_NAME", table);
+    if (!columns.empty())
+        r.emplace_back("COLUMN_COUNT", std::to_string(columns.size()));
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+        r.emplace_back("COL" + std::to_string(i + 1), columns[i].first);
+        r.emplace_back(columns[i]);
+    }
+    r.insert(r.end(), rest.begin(), rest.end());
+    return r;
 }
 
 // The row bundle stored under "record<n>", or nullopt.
@@ -47,41 +59,10 @@ inline std::string strOf(const pelio::platform::Bundle& b, const std::string& ke
     return b.getStr(key, v) == 0 ? v : std::string("<absent>");
 }
 
-class StoreTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        DbManager::resetInstanceForTesting();
-        db_ = DbManager::getInstance();
-    }
-    void TearDown() override { DbManager::resetInstanceForTesting(); }
-
-    // Runs one request; returns plmsvc_db_process's code, the result in *result.
-    int run(std::initializer_list<std::pair<std::string, std::string>> pairs,
-            pelio::platform::Bundle* result) {
-        auto request = makeRequest(pairs);
-        return db_->plmsvc_db_process(&request, result);
-    }
-    int run(std::initializer_list<std::pair<std::string, std::string>> pairs) {
-        pelio::platform::Bundle result;
-        return run(pairs, &result);
-    }
-
-    LogCapture log_;
-    Installed<FakeAppPaths, &pelio::platform::installAppPaths> paths_;
-    DbManager* db_ = nullptr;
-};
-
-}  // namespace pelio::test
-
-#include <sqlite3.h>
-
-namespace pelio::test {
-
 // Rows of a query run straight on a database file (outside DbManager), each cell as text or
 // "NULL"; empty when the file cannot be opened or the query fails.
-inline std::vector<std::vector<std::string>> sqlRows(const std::string& path,
-                                                     const std::string& sql) {
-    std::vector<std::vector<std::string>> rows;
+inline Rows sqlRows(const std::string& path, const std::string& sql) {
+    Rows rows;
     sqlite3* db = nullptr;
     if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
         sqlite3_close(db);
@@ -102,5 +83,33 @@ inline std::vector<std::vector<std::string>> sqlRows(const std::string& path,
     sqlite3_close(db);
     return rows;
 }
+
+class StoreTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        DbManager::resetInstanceForTesting();
+        db_ = DbManager::getInstance();
+    }
+    void TearDown() override { DbManager::resetInstanceForTesting(); }
+
+    // Runs one request; returns plmsvc_db_process's code, the result in *result.
+    int run(const Request& pairs, pelio::platform::Bundle* result = nullptr) {
+        pelio::platform::Bundle ignored;
+        auto bundle = makeRequest(pairs);
+        return db_->plmsvc_db_process(&bundle, result ? result : &ignored);
+    }
+    std::string dbPath() const { return paths_->root() + "shared/trusted/databases/.orvane.db"; }
+    // The databases directory replaced by a plain file: nothing can be opened below it.
+    void breakDatabaseDirectory() {
+        const std::string dir = paths_->root() + "shared/trusted/databases";
+        std::filesystem::remove_all(dir);
+        std::ofstream(dir) << "not a directory";
+        DbManager::resetInstanceForTesting();
+    }
+
+    LogCapture log_;
+    Installed<FakeAppPaths, &pelio::platform::installAppPaths> paths_;
+    DbManager* db_ = nullptr;
+};
 
 }  // namespace pelio::test

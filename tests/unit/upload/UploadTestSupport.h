@@ -1,15 +1,18 @@
 // Shared pieces of the uploader's tests: access to the handler's helpers, an in-process HTTP(S)
-// server on 127.0.0.1 with a random port, gzip helpers and a test certificate.
+// server on 127.0.0.1 with a random port, gzip helpers and the platform doubles.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <zlib.h>
+#include <json-glib/json-glib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +21,8 @@
 #include "doubles/FakePreferences.h"
 #include "doubles/FakeSystemInfo.h"
 #include "support/Gzip.h"
+#include "support/Installed.h"
+#include "support/TestCertificate.h"
 #include "upload/DataUploadHandler.h"
 
 // Friend of DataUploadHandler: forwards to its private helpers.
@@ -28,24 +33,8 @@ struct DataUploadHandlerPeer {
     std::vector<std::string> parts(const std::string& m, int unit) {
         return h._getPartedSyncDataList(m, unit);
     }
-    std::vector<std::string> zipped(const std::vector<std::string>& parts) {
-        std::vector<std::string> out;
-        for (auto& z : h._getZippedPartedSyncDataList(parts)) {
-            out.emplace_back(reinterpret_cast<char*>(z->item), static_cast<size_t>(z->size));
-        }
-        return out;
-    }
     std::string postUnzipped(const std::vector<std::string>& parts) {
         return h._curlPostingUnzipped(parts);
-    }
-    std::vector<std::string> headers(bool zipping) {
-        curl_slist* list = nullptr;
-        h._setCurlHttpPostingHeader(&list, zipping);
-        std::vector<std::string> out;
-        for (curl_slist* i = list; i != nullptr; i = i->next)
-            out.emplace_back(i->data);
-        curl_slist_free_all(list);
-        return out;
     }
     void setSession(const std::string& dbUrl, const std::string& cookie) {
         h.mDbUrl = dbUrl;
@@ -55,7 +44,6 @@ struct DataUploadHandlerPeer {
     std::string cookie() { return h.mCookie; }
     std::string dbUrl() { return h.mDbUrl; }
     std::string latestPlmId() { return h.mLatestPlmId; }
-    const Orvane* orvane() { return h.mOrvane.get(); }
     bool companion() { return h._getCompanianMode(); }
     std::string serverIp() { return h._getServerIp(); }
     int port() { return h._getPortNumber(); }
@@ -72,6 +60,34 @@ namespace uploadtest {
 using pelio::test::gunzip;
 using pelio::test::gzip;
 
+// Members of a JSON object text: strings and booleans as text, anything else as its JSON text;
+// empty when the text is not an object.
+inline std::map<std::string, std::string> jsonMembers(const std::string& text) {
+    std::map<std::string, std::string> out;
+    JsonParser* parser = json_parser_new();
+    JsonNode* root = json_parser_load_from_data(parser, text.c_str(), -1, nullptr)
+                         ? json_parser_get_root(parser)
+                         : nullptr;
+    JsonObject* o = root && JSON_NODE_HOLDS_OBJECT(root) ? json_node_get_object(root) : nullptr;
+    GList* names = o ? json_object_get_members(o) : nullptr;
+    for (GList* i = names; i != nullptr; i = i->next) {
+        const char* name = static_cast<const char*>(i->data);
+        JsonNode* node = json_object_get_member(o, name);
+        if (JSON_NODE_HOLDS_VALUE(node) && json_node_get_value_type(node) == G_TYPE_BOOLEAN) {
+            out[name] = json_node_get_boolean(node) ? "true" : "false";
+        } else if (JSON_NODE_HOLDS_VALUE(node) && json_node_get_value_type(node) == G_TYPE_STRING) {
+            out[name] = json_node_get_string(node);
+        } else {
+            gchar* json = json_to_string(node, FALSE);
+            out[name] = json;
+            g_free(json);
+        }
+    }
+    g_list_free(names);
+    g_object_unref(parser);
+    return out;
+}
+
 // A {"docs": [...]} message of n small documents {"_id": "d<i>"}, plus an extra root member.
 inline std::string docsMessage(int n) {
     std::string m = "{\"version\":\"0.82\",\"docs\":[";
@@ -81,6 +97,20 @@ inline std::string docsMessage(int n) {
         m += "{\"_id\":\"d" + std::to_string(i) + "\"}";
     }
     return m + "]}";
+}
+
+// A TCP socket bound to a free loopback port (*port), listening if asked; the caller closes it.
+inline int loopbackSocket(bool listening, int* port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), len), 0);
+    EXPECT_TRUE(!listening || ::listen(fd, 4) == 0);
+    EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+    *port = ntohs(addr.sin_port);
+    return fd;
 }
 
 // Runs a server on 127.0.0.1 with a random port on its own thread; stops it when destroyed.
@@ -112,22 +142,40 @@ class RunningServer {
     std::thread thread;
 };
 
-// A self-signed certificate for 127.0.0.1 (made with the openssl command) in a temp folder.
-struct TestCertificate {
-    TestCertificate() {
-        char tmpl[] = "/tmp/pelio-cert-XXXXXX";
-        dir = mkdtemp(tmpl);
-        cert = dir + "/cert.pem";
-        key = dir + "/key.pem";
-        std::string cmd =
-            "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1"
-            " -addext subjectAltName=IP:127.0.0.1 -keyout " +
-            key + " -out " + cert + " >/dev/null 2>&1";
-        ok = std::system(cmd.c_str()) == 0;
+// A TLS server on 127.0.0.1 with a throw-away certificate that records each POST /pds/<op> as
+// (op, body) and answers it with the status and body set for op, by default a success.
+class PdsServer {
+  public:
+    PdsServer() : server_(cert.certPath().c_str(), cert.keyPath().c_str()) {
+        server_.server.Post(
+            R"(/pds/(\w+))", [this](const httplib::Request& req, httplib::Response& res) {
+                std::lock_guard<std::mutex> guard(mutex_);
+                std::string op = req.matches[1];
+                calls_.push_back({op, req.body});
+                auto [status, body] = answers_.count(op) ? answers_[op] : std::pair{200, kSuccess};
+                res.status = status;
+                res.set_content(body, "application/json");
+            });
+        server_.start();
     }
-    ~TestCertificate() { std::filesystem::remove_all(dir); }
-    std::string dir, cert, key;
-    bool ok = false;
+    void answer(const std::string& op, int status, const std::string& body) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        answers_[op] = {status, body};
+    }
+    std::vector<std::pair<std::string, std::string>> calls() {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return calls_;
+    }
+    int port() const { return server_.port; }
+
+    const std::string kSuccess = R"({"reason":"success","result":"0"})";
+    const pelio::test::TestCertificate cert;
+
+  private:
+    std::mutex mutex_;
+    std::map<std::string, std::pair<int, std::string>> answers_;
+    std::vector<std::pair<std::string, std::string>> calls_;
+    RunningServer<httplib::SSLServer> server_;
 };
 
 // Installs the in-memory preferences, system information and connection service; keeps
@@ -138,22 +186,14 @@ struct UploadDoubles {
              {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
             unsetenv(v);
         }
-        auto p = std::make_unique<pelio::test::FakePreferences>();
-        prefs = p.get();
-        pelio::platform::installPreferences(std::move(p));
-        auto s = std::make_unique<pelio::test::FakeSystemInfo>();
-        s->set(pelio::platform::kSystemKeyModelName, "test-model");
-        s->set(pelio::platform::kSystemKeyDeviceId, "machine-1");
-        pelio::platform::installSystemInfo(std::move(s));
-        connection = &pelio::test::FakeConnection::install();
+        info->set(pelio::platform::kSystemKeyModelName, "test-model");
+        info->set(pelio::platform::kSystemKeyDeviceId, "machine-1");
     }
-    ~UploadDoubles() {
-        pelio::platform::installConnection(nullptr);
-        pelio::platform::installPreferences(nullptr);
-        pelio::platform::installSystemInfo(nullptr);
-    }
-    pelio::test::FakePreferences* prefs = nullptr;
-    pelio::test::FakeConnection* connection = nullptr;
+    ~UploadDoubles() { pelio::platform::installConnection(nullptr); }
+    pelio::test::Installed<pelio::test::FakePreferences, &pelio::platform::installPreferences>
+        prefs;
+    pelio::test::Installed<pelio::test::FakeSystemInfo, &pelio::platform::installSystemInfo> info;
+    pelio::test::FakeConnection* connection = &pelio::test::FakeConnection::install();
 };
 
 }  // namespace uploadtest
