@@ -303,33 +303,23 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
             const int personId = contact.personId;
             ContactSyncInfo* info = lookup(map, personId);
             if (info == nullptr) {
-                if (change.type == pp::CONTACTS_CHANGE_DELETED) {
-                    if (!mForcedCollection) {
-                        // Never uploaded (or already removed from the server): nothing to delete.
-                        LOGD("removed person[%d] was never synced, nothing to send", personId);
-                        continue;
-                    }
-                    // A forced collection starts from an empty table, so it cannot tell a
-                    // removal the server never heard of from one it did: it sends the deletion
-                    // (the server answers a deletion of a missing document as done).
-                    info = new ContactSyncInfo;
-                    info->id = personId;
-                    info->contactId = personId;
-                    info->dirty = plm::DIRTY_DELETED;
-                    info->version = current;
-                    info->newRow = true;
-                    put(map, info);
-                    ++deletedCnt;
+                const bool removed = change.type == pp::CONTACTS_CHANGE_DELETED;
+                if (removed && !mForcedCollection) {
+                    // Never uploaded (or already removed from the server): nothing to delete.
+                    LOGD("removed person[%d] was never synced, nothing to send", personId);
                     continue;
                 }
+                // A forced collection starts from an empty table, so it cannot tell a removal
+                // the server never heard of from one it did: it sends the deletion (the server
+                // answers a deletion of a missing document as done).
                 info = new ContactSyncInfo;
                 info->id = personId;
                 info->contactId = personId;
-                info->dirty = plm::DIRTY_INSERTED;
+                info->dirty = removed ? plm::DIRTY_DELETED : plm::DIRTY_INSERTED;
                 info->version = current;
                 info->newRow = true;
                 put(map, info);
-                ++insertedCnt;
+                ++(removed ? deletedCnt : insertedCnt);
             } else if (change.type == pp::CONTACTS_CHANGE_DELETED) {
                 info->dirty = plm::DIRTY_DELETED;
                 info->version = current;
