@@ -100,6 +100,38 @@ inline JsonObject* meta(JsonObject* doc) {
     return json_object_get_object_member(doc, "meta_data");
 }
 
+// Runs SQL on the shadow database directly.
+inline void exec(const std::string& sql) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(DbManager::databasePath().c_str(), &db), SQLITE_OK);
+    char* err = nullptr;
+    const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
+    const std::string message = err ? err : "";
+    sqlite3_free(err);
+    sqlite3_close(db);
+    ASSERT_EQ(rc, SQLITE_OK) << message;
+}
+
+// The rows of a query, columns joined with '|' (NULL shown as "").
+inline std::vector<std::string> query(const std::string& sql) {
+    std::vector<std::string> out;
+    sqlite3* db = nullptr;
+    if (sqlite3_open(DbManager::databasePath().c_str(), &db) == SQLITE_OK) {
+        sqlite3_exec(
+            db, sql.c_str(),
+            [](void* sink, int n, char** values, char**) {
+                std::string row;
+                for (int i = 0; i < n; ++i)
+                    row += (i > 0 ? "|" : "") + std::string(values[i] ? values[i] : "");
+                static_cast<std::vector<std::string>*>(sink)->push_back(row);
+                return 0;
+            },
+            &out, nullptr);
+    }
+    sqlite3_close(db);
+    return out;
+}
+
 class SyncStoreTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -115,38 +147,6 @@ class SyncStoreTest : public ::testing::Test {
     }
     virtual std::unique_ptr<FakeContactsService> makeContactsService() {
         return std::make_unique<FakeContactsService>();
-    }
-
-    // Runs SQL on the shadow database directly.
-    void exec(const std::string& sql) {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open(DbManager::databasePath().c_str(), &db), SQLITE_OK);
-        char* err = nullptr;
-        const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
-        const std::string message = err ? err : "";
-        sqlite3_free(err);
-        sqlite3_close(db);
-        ASSERT_EQ(rc, SQLITE_OK) << message;
-    }
-
-    // The rows of a query, columns joined with '|' (NULL shown as "").
-    static std::vector<std::string> query(const std::string& sql) {
-        std::vector<std::string> out;
-        sqlite3* db = nullptr;
-        if (sqlite3_open(DbManager::databasePath().c_str(), &db) == SQLITE_OK) {
-            sqlite3_exec(
-                db, sql.c_str(),
-                [](void* sink, int n, char** values, char**) {
-                    std::string row;
-                    for (int i = 0; i < n; ++i)
-                        row += (i > 0 ? "|" : "") + std::string(values[i] ? values[i] : "");
-                    static_cast<std::vector<std::string>*>(sink)->push_back(row);
-                    return 0;
-                },
-                &out, nullptr);
-        }
-        sqlite3_close(db);
-        return out;
     }
 
     // id -> dirty values of its contacts rows, in row order.
