@@ -47,7 +47,8 @@ class CountingServiceApp : public pelio::test::FakeServiceApp {
 };
 
 // An uploader whose open / close results come from a script (default: success) and whose post
-// answers come from a function of the posted document (default: an empty answer).
+// answers come from a function of the posted document (default: an empty answer). The PLM ids
+// are the real ones, kept in the preferences.
 class FakeUploader : public DataUploadHandler {
   public:
     FakeUploader() : DataUploadHandler(nullptr, nullptr, {}) {}
@@ -84,15 +85,6 @@ class FakeUploader : public DataUploadHandler {
     }
     bool getPdsOpened() override { return opened.load(); }
     bool getPdsClosed() override { return closed.load(); }
-    std::string getSucceededLatestPLMId() override { return get(latest); }
-    void setSucceededLatestPLMId(const std::string& id) override { set(latest, id); }
-    std::string getLastApplicationPlmId() override { return get(app); }
-    void setLastApplicationPlmId(const std::string& id) override { set(app, id); }
-    std::string getLastContactPlmId() override { return get(contact); }
-    void setLastContactPlmId(const std::string& id) override { set(contact, id); }
-    std::string getLastMediaPlmId() override { return get(media); }
-    void setLastMediaPlmId(const std::string& id) override { set(media, id); }
-
     std::mutex mutex;
     std::deque<int> openScript;
     std::deque<bool> closeScript;
@@ -102,7 +94,6 @@ class FakeUploader : public DataUploadHandler {
     std::atomic<int> closeCalls{0};
     std::atomic<bool> opened{false};
     std::atomic<bool> closed{true};
-    std::string latest = "Unknown", app = "Unknown", contact = "Unknown", media = "Unknown";
 
   private:
     template <class T>
@@ -113,14 +104,6 @@ class FakeUploader : public DataUploadHandler {
         const T value = script.front();
         script.pop_front();
         return value;
-    }
-    std::string get(const std::string& field) {
-        std::lock_guard<std::mutex> g(mutex);
-        return field;
-    }
-    void set(std::string& field, const std::string& value) {
-        std::lock_guard<std::mutex> g(mutex);
-        field = value;
     }
 };
 

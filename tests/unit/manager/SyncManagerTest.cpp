@@ -155,7 +155,7 @@ TEST_F(SyncManagerTest, CloseSucceedingOnRetryAppliesOutcomesAndRecordsPlmId) {
     manager->closeSessionAndApplyOutcomes();
     EXPECT_EQ(sleeps_, (std::vector<int>{15}));
     EXPECT_EQ(uploader_->getLastContactPlmId(), "plm-42");
-    EXPECT_EQ(uploader_->getLastApplicationPlmId(), "Unknown");
+    EXPECT_EQ(uploader_->getLastApplicationPlmId(), "");
     EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "2");
     EXPECT_FALSE(manager->isSyncInProgress());
     EXPECT_TRUE(manager->hasPlmId(3));

@@ -31,7 +31,6 @@ class SyncOutcomeTest : public ManagerFixture {
     PLMSyncManager* startWithSession() {
         PLMSyncManager* manager = start(false);
         manager->clearServer();  // makes the uploader
-        uploader_->setLastApplicationPlmId("Unknown");
         return manager;
     }
 };
