@@ -11,7 +11,8 @@ class AppAndCellularObserverTest : public ManagerFixture {};
 
 }  // namespace
 
-TEST_F(AppAndCellularObserverTest, OnlyCompletedEventsOfOtherPackagesReachAppChanged) {
+TEST_F(AppAndCellularObserverTest,
+       OnlyCompletedEventsOfOtherPackagesAndCellularStateZeroPassThrough) {
     start(false);
     ASSERT_TRUE(packages_->hasCallback());
     packages_->fireEvent("org.example.a", pp::PACKAGE_MANAGER_EVENT_TYPE_INSTALL,
@@ -27,12 +28,8 @@ TEST_F(AppAndCellularObserverTest, OnlyCompletedEventsOfOtherPackagesReachAppCha
     EXPECT_EQ(domainRequests_, (Requests{{1, 98}}));
     EXPECT_EQ(status(plm::APP_SYNC_STATUS_P), "0");
 
-    PLMSyncManager::destroyInstance();
-    EXPECT_FALSE(packages_->hasCallback());
-}
-
-TEST_F(AppAndCellularObserverTest, OnlyACellularStateOfZeroReachesCellularChanged) {
-    start(false);
+    // Only a cellular state of zero reaches cellular_changed, which asks the waiting domains.
+    domainRequests_.clear();
     statuses("0", "2", "2");
     settings_->setInt(CellularObserver::kCellularKey, 1);
     settings_->setInt(CellularObserver::kCellularKey, 3);
@@ -43,5 +40,6 @@ TEST_F(AppAndCellularObserverTest, OnlyACellularStateOfZeroReachesCellularChange
     EXPECT_EQ(domainRequests_, (Requests{{1, 98}}));
 
     PLMSyncManager::destroyInstance();
+    EXPECT_FALSE(packages_->hasCallback());
     EXPECT_EQ(settings_->callbackCount(CellularObserver::kCellularKey), 0u);
 }

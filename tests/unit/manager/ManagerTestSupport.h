@@ -168,6 +168,22 @@ class ManagerFixture : public ::testing::Test {
         master_set_string(plm::MEDIA_SYNC_STATUS_P, media);
     }
     using Requests = std::vector<std::pair<int, int>>;
+    // A stored preference ("<none>" / -1 when it is not there).
+    std::string stringPref(const char* key) {
+        std::string value = "<none>";
+        prefs_->getString(key, value);
+        return value;
+    }
+    int intPref(const char* key) {
+        int value = -1;
+        prefs_->getInt(key, value);
+        return value;
+    }
+    bool boolPref(const char* key) {
+        bool value = false;
+        EXPECT_EQ(prefs_->getBoolean(key, value), 0) << key;
+        return value;
+    }
 
     pelio::test::TempHome home_;
     Installed<pelio::test::FakeAppPaths, &pp::installAppPaths> paths_;

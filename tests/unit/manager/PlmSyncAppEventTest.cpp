@@ -26,11 +26,6 @@ class PlmSyncAppEventTest : public ManagerFixture {
         EXPECT_TRUE(manager->isSyncInProgress());
         return manager;
     }
-    bool boolPref(const char* key) {
-        bool value = false;
-        EXPECT_EQ(prefs_->getBoolean(key, value), 0) << key;
-        return value;
-    }
 };
 
 TEST_F(PlmSyncAppEventTest, ConfigurationExtrasGoToPreferences) {
@@ -40,16 +35,10 @@ TEST_F(PlmSyncAppEventTest, ConfigurationExtrasGoToPreferences) {
                        {"SET_CERT_PATH", "/tmp/ca.pem"},
                        {"SET_LOCALE", "ko-KR"}});
     EXPECT_FALSE(reply.replied);
-    std::string text;
-    prefs_->getString("server_ip", text);
-    EXPECT_EQ(text, "127.0.0.1");
-    int port = 0;
-    prefs_->getInt("port", port);
-    EXPECT_EQ(port, 8443);
-    prefs_->getString("cert_path", text);
-    EXPECT_EQ(text, "/tmp/ca.pem");
-    prefs_->getString("locale", text);
-    EXPECT_EQ(text, "ko-KR");
+    EXPECT_EQ(stringPref("server_ip"), "127.0.0.1");
+    EXPECT_EQ(intPref("port"), 8443);
+    EXPECT_EQ(stringPref("cert_path"), "/tmp/ca.pem");
+    EXPECT_EQ(stringPref("locale"), "ko-KR");
     bool existing = true;
     prefs_->isExisting("is_force", existing);
     EXPECT_FALSE(existing);

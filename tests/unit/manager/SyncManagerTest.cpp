@@ -42,9 +42,7 @@ TEST_F(SyncManagerTest, ExitCheckEndsOnlyWhenNoDomainWaitsElseRunsAPendingForced
     statuses("2", "1", "1");
     manager->check_for_process_exit();
     EXPECT_EQ(app_->exits.load(), 1);
-    int condition = 0;
-    EXPECT_EQ(prefs_->getInt(plm::PREF_SYNC_CONDITION, condition), 0);
-    EXPECT_EQ(condition, 1);
+    EXPECT_EQ(intPref(plm::PREF_SYNC_CONDITION), 1);
     EXPECT_TRUE(domainRequests_.empty());
 
     statuses("2", "2", "2");
@@ -53,14 +51,10 @@ TEST_F(SyncManagerTest, ExitCheckEndsOnlyWhenNoDomainWaitsElseRunsAPendingForced
     manager->check_for_process_exit();
     EXPECT_EQ(app_->exits.load(), 1);
     EXPECT_FALSE(manager->getPendingResync());
-    bool isForce = false, clearServer = true;
-    prefs_->getBoolean(plm::PLMConstants::IS_FORCE, isForce);
-    prefs_->getBoolean(plm::PLMConstants::CLEAR_SERVER, clearServer);
-    EXPECT_TRUE(isForce);
-    EXPECT_FALSE(clearServer);
-    std::string id = "x";
-    prefs_->getString(plm::PREF_CONTACT_SYNCED_PLM_ID, id);
-    EXPECT_EQ(id, "");  // a forced sync forgets the stored ids first
+    EXPECT_TRUE(boolPref(plm::PLMConstants::IS_FORCE));
+    EXPECT_FALSE(boolPref(plm::PLMConstants::CLEAR_SERVER));
+    // A forced sync forgets the stored ids first.
+    EXPECT_EQ(stringPref(plm::PREF_CONTACT_SYNCED_PLM_ID), "");
     ASSERT_FALSE(domainRequests_.empty());
     EXPECT_EQ(domainRequests_.front(), (std::pair<int, int>{3, 99}));
 }
@@ -191,12 +185,8 @@ TEST_F(SyncManagerTest, StatusKeysClearServerAndCellularChanges) {
     for (const char* key : {plm::MEDIA_SYNC_STATUS_P, plm::CONTACTS_SYNC_STATUS_P,
                             plm::APP_SYNC_STATUS_P, plm::ALL_SYNC_STATUS_P})
         EXPECT_EQ(status(key), "0") << key;
-    bool isForce = true;
-    prefs_->getBoolean(plm::PLMConstants::IS_FORCE, isForce);
-    EXPECT_FALSE(isForce);
-    std::string version = "x";
-    prefs_->getString(plm::PREF_SYNC_SYSTEM_VERSION, version);
-    EXPECT_EQ(version, "");
+    EXPECT_FALSE(boolPref(plm::PLMConstants::IS_FORCE));
+    EXPECT_EQ(stringPref(plm::PREF_SYNC_SYSTEM_VERSION), "");
     ASSERT_NE(uploader_, nullptr);
     EXPECT_EQ(uploader_->getLastContactPlmId(), "");
     EXPECT_EQ(uploader_->getSucceededLatestPLMId(), "");
@@ -204,11 +194,7 @@ TEST_F(SyncManagerTest, StatusKeysClearServerAndCellularChanges) {
 
 TEST_F(SyncManagerTest, ThreadedWorkerSyncsAContactsChangeAndExits) {
     bodies_[3] = {"{\"docs\":[{\"_id\":\"con_0000000007\"}]}"};
-    SentRow row;
-    row.table = "contacts";
-    row.key = {{"_id", "7"}};
-    row.state = {{"dirty", "1"}};
-    sent_[3] = {{"con_0000000007", row}};
+    sent_[3] = {{"con_0000000007", SentRow{"contacts", {{"_id", "7"}}, {{"dirty", "1"}}}}};
     configureUploader_ = [](FakeUploader& u) {
         u.answer = [](const std::string&) {
             return "[{\"id\":\"con_0000000007\",\"rev\":\"1-a\"}]";

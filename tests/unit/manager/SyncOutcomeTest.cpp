@@ -7,11 +7,9 @@ namespace {
 
 // The row of contacts person id as the composer records it.
 SentRow contactRow(const std::string& id, int dirty, int version) {
-    SentRow row;
-    row.table = "contacts";
-    row.key = {{"_id", id}};
-    row.state = {{"dirty", std::to_string(dirty)}, {"version", std::to_string(version)}};
-    return row;
+    return {"contacts",
+            {{"_id", id}},
+            {{"dirty", std::to_string(dirty)}, {"version", std::to_string(version)}}};
 }
 
 class SyncOutcomeTest : public ManagerFixture {
@@ -76,9 +74,7 @@ TEST_F(SyncOutcomeTest, AllAcceptedMarksTheDomainInStepAndEndsForcedMode) {
                     {{"con_00000007", contactRow("7", 1, 2)}});
     EXPECT_EQ(query("SELECT rev_id, dirty FROM contacts"), (std::vector<std::string>{"1-a|4"}));
     EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "2");
-    bool force = true;
-    ASSERT_EQ(prefs_->getBoolean(plm::PLMConstants::IS_FORCE, force), 0);
-    EXPECT_FALSE(force);
+    EXPECT_FALSE(boolPref(plm::PLMConstants::IS_FORCE));
 }
 
 TEST_F(SyncOutcomeTest, ConflictsKeepRowsDirtyStoreTheRevisionAndFailTheirDomain) {
@@ -87,10 +83,7 @@ TEST_F(SyncOutcomeTest, ConflictsKeepRowsDirtyStoreTheRevisionAndFailTheirDomain
         "INSERT INTO application(_id, package, dirty, rev_id) VALUES('com.a.b', 'com.a.b', 3, "
         "'1')");
     exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('9', 2, '1-a', 3)");
-    SentRow app;
-    app.table = "application";
-    app.key = {{"_id", "com.a.b"}};
-    app.state = {{"dirty", "3"}};
+    const SentRow app{"application", {{"_id", "com.a.b"}}, {{"dirty", "3"}}};
     closeWithAnswer(manager, 1,
                     "[{\"id\":\"pkg_com.a.b\",\"error\":\"conflict\","
                     "\"reason\":\"Document update conflict.\",\"rev\":\"5-z\"}]",

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include <pelio/platform/Contacts.h>
 
 #include "TerminatingTimer.h"

@@ -1,9 +1,5 @@
 // Application documents from a real shadow table: custom ids, live, updated and deletion
 // documents, the rows recorded for the outcome processing, and one body whatever the size.
-#include <gtest/gtest.h>
-#include <json-glib/json-glib.h>
-
-#include <string>
 
 #include "PLMConstants.h"
 #include "composer/AppJsonComposer.h"

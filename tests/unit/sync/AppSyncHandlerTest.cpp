@@ -1,9 +1,5 @@
 // The application collector's decisions on a fake package manager and a real shadow table:
 // insert, ignore, update, removal, and the two applications every device has.
-#include <gtest/gtest.h>
-
-#include <map>
-#include <string>
 
 #include "PLMConstants.h"
 #include "SyncHandlers/AppSyncHandler.h"
@@ -17,17 +13,6 @@ namespace {
 
 class AppSyncHandlerTest : public SyncStoreTest {
   protected:
-    void SetUp() override {
-        SyncStoreTest::SetUp();
-        auto packages = std::make_unique<FakePackageManager>();
-        packages_ = packages.get();
-        pelio::platform::installPackageManager(std::move(packages));
-    }
-    void TearDown() override {
-        pelio::platform::installPackageManager(nullptr);
-        SyncStoreTest::TearDown();
-    }
-
     // package -> "dirty|name|pre_installed|custom_id|rev_id" of its row (NULL shown as "").
     std::map<std::string, std::string> table() {
         std::map<std::string, std::string> out;
@@ -41,7 +26,7 @@ class AppSyncHandlerTest : public SyncStoreTest {
     // What an accepted upload leaves: every row in step, with a revision.
     void markUploaded() { exec("UPDATE application SET dirty = 4, rev_id = '1-a'"); }
 
-    FakePackageManager* packages_ = nullptr;
+    Installed<FakePackageManager, &pelio::platform::installPackageManager> packages_;
     RecordingHost host_;
 };
 

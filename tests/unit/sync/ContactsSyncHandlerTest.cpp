@@ -1,7 +1,4 @@
-#include <gtest/gtest.h>
 
-#include <atomic>
-#include <string>
 
 #include "PLMConstants.h"
 #include "SyncHandlers/ContactsSyncHandler.h"

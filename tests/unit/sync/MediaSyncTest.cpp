@@ -1,13 +1,12 @@
 // The media collector's decisions and the media documents, on the media content double and a
 // real shadow database.
-#include <json-glib/json-glib.h>
 
 #include "SyncHandlers/MediaSyncHandler.h"
-#include "SyncTestSupport.h"
 #include "composer/JSONComposer.h"
 #include "composer/MediaJsonComposer.h"
 #include "doubles/FakeMediaContentService.h"
 #include "observers/MediaDBObserver.h"
+#include "unit/sync/SyncTestSupport.h"
 
 using namespace pelio::test;
 namespace pp = pelio::platform;
@@ -18,18 +17,11 @@ class MediaSyncTest : public SyncStoreTest {
   protected:
     void SetUp() override {
         SyncStoreTest::SetUp();
-        auto media = std::make_unique<FakeMediaContentService>();
-        media_ = media.get();
-        pp::installMediaContentService(std::move(media));
         media_->addSong(1, "One", "First", "Ann", "Rock");
         media_->addSong(2, "Two", "First", "Ann", "Jazz");
         media_->albums = {{7, "First", "Ann", 5}};
         media_->artists = {{5, "Ann"}};
         media_->playlists = {{3, "Mix", 2}};
-    }
-    void TearDown() override {
-        pp::installMediaContentService(nullptr);
-        SyncStoreTest::TearDown();
     }
 
     std::vector<std::string> audioRows() {
@@ -42,7 +34,7 @@ class MediaSyncTest : public SyncStoreTest {
     }
 
     RecordingHost host_;
-    FakeMediaContentService* media_ = nullptr;
+    Installed<FakeMediaContentService, &pp::installMediaContentService> media_;
 };
 
 TEST_F(MediaSyncTest, CollectorInsertsUpdatesIgnoresAndDeletesPerType) {

@@ -135,19 +135,10 @@ inline std::vector<std::string> query(const std::string& sql) {
 class SyncStoreTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        auto contacts = makeContactsService();
-        contacts_ = contacts.get();
-        pelio::platform::installContactsService(std::move(contacts));
         DbManager::resetInstanceForTesting();
         DbManager::getInstance();
     }
-    void TearDown() override {
-        DbManager::resetInstanceForTesting();
-        pelio::platform::installContactsService(nullptr);
-    }
-    virtual std::unique_ptr<FakeContactsService> makeContactsService() {
-        return std::make_unique<FakeContactsService>();
-    }
+    void TearDown() override { DbManager::resetInstanceForTesting(); }
 
     // id -> dirty values of its contacts rows, in row order.
     static std::map<std::string, std::vector<int>> dirtyById() {
@@ -163,7 +154,7 @@ class SyncStoreTest : public ::testing::Test {
     LogCapture log_;
     Installed<FakePreferences, &pelio::platform::installPreferences> prefs_;
     Installed<FakeAppPaths, &pelio::platform::installAppPaths> paths_;
-    FakeContactsService* contacts_ = nullptr;
+    Installed<FakeContactsService, &pelio::platform::installContactsService> contacts_;
 };
 
 }  // namespace pelio::test
