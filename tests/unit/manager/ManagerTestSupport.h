@@ -2,16 +2,8 @@
 // in throw-away application paths, a scripted fake uploader and recorded pauses and domain calls.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <deque>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include <pelio/platform/MediaContent.h>
 #include <pelio/platform/PackageManager.h>

@@ -42,7 +42,6 @@ class ContactsSyncHandlerTest : public SyncStoreTest {
         EXPECT_EQ(handler.readSyncContactsDbVersion(version), 0);
         return version;
     }
-    std::vector<std::string> versions() { return query("SELECT DISTINCT version FROM contacts"); }
 
     RecordingHost host_;
 };
@@ -60,7 +59,8 @@ TEST_F(ContactsSyncHandlerTest, FirstRunThenNothingRequiredThenADelta) {
     EXPECT_EQ(handler.syncData(98), 0);
     using Dirty = std::map<std::string, std::vector<int>>;
     EXPECT_EQ(dirtyById(), (Dirty{{ann, {1}}, {bob, {1}}, {cid, {1}}}));
-    EXPECT_EQ(versions(), std::vector<std::string>{std::to_string(contacts_->version())});
+    EXPECT_EQ(query("SELECT DISTINCT version FROM contacts"),
+              std::vector<std::string>{std::to_string(contacts_->version())});
     int stored = 0;
     EXPECT_NE(prefs_->getInt(plm::PREF_CONTACTS_DB_VERSION, stored), 0);  // removed
     EXPECT_EQ(status(), "0");
