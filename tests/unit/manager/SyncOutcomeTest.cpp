@@ -28,7 +28,8 @@ class SyncOutcomeTest : public ManagerFixture {
     }
     PLMSyncManager* startWithSession() {
         PLMSyncManager* manager = start(false);
-        manager->clearServer();  // makes the uploader
+        manager->clearServer();                         // makes the uploader
+        uploader_->setSucceededLatestPLMId("Unknown");  // no PLM id known: none is recorded
         return manager;
     }
 };
