@@ -1,11 +1,9 @@
 // The filters of the application and cellular observers, on the fake package manager and
 // settings the manager fixture installs.
 #include "ManagerTestSupport.h"
-#include "PLMConstants.h"
 #include "observers/CellularObserver.h"
 
 using namespace manager_test;
-namespace pp = pelio::platform;
 
 namespace {
 
@@ -13,7 +11,8 @@ class AppAndCellularObserverTest : public ManagerFixture {};
 
 }  // namespace
 
-TEST_F(AppAndCellularObserverTest, OnlyCompletedEventsOfOtherPackagesReachAppChanged) {
+TEST_F(AppAndCellularObserverTest,
+       OnlyCompletedEventsOfOtherPackagesAndCellularStateZeroPassThrough) {
     start(false);
     ASSERT_TRUE(packages_->hasCallback());
     packages_->fireEvent("org.example.a", pp::PACKAGE_MANAGER_EVENT_TYPE_INSTALL,
@@ -26,29 +25,21 @@ TEST_F(AppAndCellularObserverTest, OnlyCompletedEventsOfOtherPackagesReachAppCha
 
     packages_->fireEvent("org.example.a", pp::PACKAGE_MANAGER_EVENT_TYPE_UNINSTALL,
                          pp::PACKAGE_MANAGER_EVENT_STATE_COMPLETED, 100);
-    EXPECT_EQ(domainRequests_, (std::vector<std::pair<int, int>>{{1, 98}}));
+    EXPECT_EQ(domainRequests_, (Requests{{1, 98}}));
     EXPECT_EQ(status(plm::APP_SYNC_STATUS_P), "0");
 
-    PLMSyncManager::destroyInstance();
-    EXPECT_FALSE(packages_->hasCallback());
-}
-
-TEST_F(AppAndCellularObserverTest, OnlyACellularStateOfZeroReachesCellularChanged) {
-    start(false);
-    master_set_string(plm::CONTACTS_SYNC_STATUS_P, "2");
-    master_set_string(plm::APP_SYNC_STATUS_P, "0");
-    master_set_string(plm::MEDIA_SYNC_STATUS_P, "2");
-    pelio::test::LogCapture log;
+    // Only a cellular state of zero reaches cellular_changed, which asks the waiting domains.
+    domainRequests_.clear();
+    statuses("0", "2", "2");
     settings_->setInt(CellularObserver::kCellularKey, 1);
     settings_->setInt(CellularObserver::kCellularKey, 3);
     settings_->setInt("memory/dnet/status", 0);
     EXPECT_TRUE(domainRequests_.empty());
-    EXPECT_TRUE(log.hasMessage("network cellular_state = 3"));
 
     settings_->setInt(CellularObserver::kCellularKey, 0);
-    EXPECT_TRUE(log.hasMessage("network cellular_state = 0"));
-    EXPECT_EQ(domainRequests_, (std::vector<std::pair<int, int>>{{1, 98}}));
+    EXPECT_EQ(domainRequests_, (Requests{{1, 98}}));
 
     PLMSyncManager::destroyInstance();
+    EXPECT_FALSE(packages_->hasCallback());
     EXPECT_EQ(settings_->callbackCount(CellularObserver::kCellularKey), 0u);
 }

@@ -2,34 +2,21 @@
 // in throw-away application paths, a scripted fake uploader and recorded pauses and domain calls.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
 #include <atomic>
 #include <deque>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
-#include <pelio/platform/AppPaths.h>
-#include <pelio/platform/Contacts.h>
-#include <pelio/platform/Preferences.h>
+#include <pelio/platform/MediaContent.h>
+#include <pelio/platform/PackageManager.h>
 #include <pelio/platform/ServiceApp.h>
+#include <pelio/platform/SystemSettings.h>
 #include <pelio/platform/Timer.h>
 
-#include "database/DbManager.h"
-#include "doubles/FakeAppPaths.h"
-#include "doubles/FakeContactsService.h"
+#include "PLMConstants.h"
 #include "doubles/FakeMediaContentService.h"
 #include "doubles/FakePackageManager.h"
 #include "doubles/FakePlatformApp.h"
-#include "doubles/FakePreferences.h"
 #include "doubles/FakeSystemSettings.h"
-#include "support/LogCapture.h"
-#include "support/TempHome.h"
+#include "unit/sync/SyncTestSupport.h"
 #include "upload/DataUploadHandler.h"
 #include "upload/PLMSyncManager.h"
 #include "upload/PLMSyncMasterTable.h"
@@ -37,6 +24,12 @@
 #include "upload/SyncResult.h"
 
 namespace manager_test {
+
+using pelio::test::exec;
+using pelio::test::Installed;
+using pelio::test::LogCapture;
+using pelio::test::query;
+namespace pp = pelio::platform;
 
 // Exit requests counted atomically (the sync worker asks for the exit from its own thread).
 class CountingServiceApp : public pelio::test::FakeServiceApp {
@@ -46,21 +39,15 @@ class CountingServiceApp : public pelio::test::FakeServiceApp {
 };
 
 // An uploader whose open / close results come from a script (default: success) and whose post
-// answers come from a function of the posted document (default: an empty answer).
+// answers come from a function of the posted document (default: an empty answer). The PLM ids
+// are the real ones, kept in the preferences.
 class FakeUploader : public DataUploadHandler {
   public:
     FakeUploader() : DataUploadHandler(nullptr, nullptr, {}) {}
 
     int openPds(int) override {
         ++openCalls;
-        int rc = 0;
-        {
-            std::lock_guard<std::mutex> g(mutex);
-            if (!openScript.empty()) {
-                rc = openScript.front();
-                openScript.pop_front();
-            }
-        }
+        const int rc = next(openScript, 0);
         if (rc == 0) {
             opened = true;
             closed = false;
@@ -69,14 +56,7 @@ class FakeUploader : public DataUploadHandler {
     }
     bool closePds() override {
         ++closeCalls;
-        bool ok = true;
-        {
-            std::lock_guard<std::mutex> g(mutex);
-            if (!closeScript.empty()) {
-                ok = closeScript.front();
-                closeScript.pop_front();
-            }
-        }
+        const bool ok = next(closeScript, true);
         if (ok) {
             opened = false;
             closed = true;
@@ -97,24 +77,6 @@ class FakeUploader : public DataUploadHandler {
     }
     bool getPdsOpened() override { return opened.load(); }
     bool getPdsClosed() override { return closed.load(); }
-    std::string getSucceededLatestPLMId() override { return get(latest); }
-    void setSucceededLatestPLMId(const std::string& id) override { set(latest, id); }
-    std::string getLastApplicationPlmId() override { return get(app); }
-    void setLastApplicationPlmId(const std::string& id) override { set(app, id); }
-    std::string getLastContactPlmId() override { return get(contact); }
-    void setLastContactPlmId(const std::string& id) override { set(contact, id); }
-    std::string getLastMediaPlmId() override { return get(media); }
-    void setLastMediaPlmId(const std::string& id) override { set(media, id); }
-
-    std::string get(const std::string& field) {
-        std::lock_guard<std::mutex> g(mutex);
-        return field;
-    }
-    void set(std::string& field, const std::string& value) {
-        std::lock_guard<std::mutex> g(mutex);
-        field = value;
-    }
-
     std::mutex mutex;
     std::deque<int> openScript;
     std::deque<bool> closeScript;
@@ -124,59 +86,27 @@ class FakeUploader : public DataUploadHandler {
     std::atomic<int> closeCalls{0};
     std::atomic<bool> opened{false};
     std::atomic<bool> closed{true};
-    std::string latest = "Unknown", app = "Unknown", contact = "Unknown", media = "Unknown";
-};
 
-// One domain's upload record with the given bodies.
-inline std::unique_ptr<SyncData> syncDataWith(int item, std::vector<std::string> documents) {
-    auto data = std::make_unique<SyncData>();
-    data->itemType = item;
-    data->documents = std::move(documents);
-    data->insertedCount = static_cast<int>(data->documents.size());
-    data->deletedCount = 0;
-    data->updatedCount = 0;
-    return data;
-}
+  private:
+    template <class T>
+    T next(std::deque<T>& script, T otherwise) {
+        std::lock_guard<std::mutex> g(mutex);
+        if (script.empty())
+            return otherwise;
+        const T value = script.front();
+        script.pop_front();
+        return value;
+    }
+};
 
 class ManagerFixture : public ::testing::Test {
   protected:
-    void SetUp() override {
-        pelio::platform::installAppPaths(std::make_unique<pelio::test::FakeAppPaths>());
-        auto prefs = std::make_unique<pelio::test::FakePreferences>();
-        prefs_ = prefs.get();
-        pelio::platform::installPreferences(std::move(prefs));
-        auto contacts = std::make_unique<pelio::test::FakeContactsService>();
-        contacts_ = contacts.get();
-        pelio::platform::installContactsService(std::move(contacts));
-        pelio::platform::installMediaContentService(
-            std::make_unique<pelio::test::FakeMediaContentService>());
-        auto app = std::make_unique<CountingServiceApp>();
-        app_ = app.get();
-        pelio::platform::installServiceApp(std::move(app));
-        auto timers = std::make_unique<pelio::test::ManualTimers>();
-        timers_ = timers.get();
-        pelio::platform::installTimers(std::move(timers));
-        auto packages = std::make_unique<pelio::test::FakePackageManager>();
-        packages_ = packages.get();
-        pelio::platform::installPackageManager(std::move(packages));
-        auto settings = std::make_unique<pelio::test::FakeSystemSettings>();
-        settings_ = settings.get();
-        pelio::platform::installSystemSettings(std::move(settings));
-        DbManager::resetInstanceForTesting();
-    }
+    void SetUp() override { DbManager::resetInstanceForTesting(); }
 
     void TearDown() override {
         PLMSyncManager::destroyInstance();
         PLMSyncManager::setHooksForTesting({});
         DbManager::resetInstanceForTesting();
-        pelio::platform::installTimers(nullptr);
-        pelio::platform::installSystemSettings(nullptr);
-        pelio::platform::installPackageManager(nullptr);
-        pelio::platform::installServiceApp(nullptr);
-        pelio::platform::installContactsService(nullptr);
-        pelio::platform::installMediaContentService(nullptr);
-        pelio::platform::installPreferences(nullptr);
-        pelio::platform::installAppPaths(nullptr);
     }
 
     // Creates the manager with the test's doubles; the worker runs only when asked.
@@ -190,17 +120,21 @@ class ManagerFixture : public ::testing::Test {
         hooks.makeUploadHandler = [this](PLMSyncManager&) {
             auto uploader = std::make_unique<FakeUploader>();
             uploader_ = uploader.get();
+            uploader->answer = [](const std::string&) { return "[]"; };
             if (configureUploader_)
                 configureUploader_(*uploader);
             return std::unique_ptr<DataUploadHandler>(std::move(uploader));
         };
         hooks.makeSyncData = [this](int item) -> std::unique_ptr<SyncData> {
             std::lock_guard<std::mutex> g(mutex_);
-            ++composed_[item];
             auto it = bodies_.find(item);
             if (it == bodies_.end())
                 return nullptr;
-            auto data = syncDataWith(item, it->second);
+            auto data = std::make_unique<SyncData>();
+            data->itemType = item;
+            data->documents = it->second;
+            data->insertedCount = static_cast<int>(data->documents.size());
+            data->deletedCount = data->updatedCount = 0;
             if (auto sent = sent_.find(item); sent != sent_.end())
                 data->sentRows = std::make_shared<SentRows>(sent->second);
             return data;
@@ -219,49 +153,39 @@ class ManagerFixture : public ::testing::Test {
     }
 
     static std::string status(const char* key) { return master_get_value(key); }
-
-    // Runs one statement on the database file (rows for the outcome tests).
-    static void exec(const std::string& sql) {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open(DbManager::databasePath().c_str(), &db), SQLITE_OK);
-        char* error = nullptr;
-        const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error);
-        std::string text = error != nullptr ? error : "";
-        sqlite3_free(error);
-        sqlite3_close(db);
-        ASSERT_EQ(rc, SQLITE_OK) << text;
+    // Sets the three domain statuses (applications, contacts, media).
+    static void statuses(const char* app, const char* contacts, const char* media) {
+        master_set_string(plm::APP_SYNC_STATUS_P, app);
+        master_set_string(plm::CONTACTS_SYNC_STATUS_P, contacts);
+        master_set_string(plm::MEDIA_SYNC_STATUS_P, media);
     }
-
-    // The rows of a query, columns joined with '|'.
-    static std::vector<std::string> rows(const std::string& sql) {
-        std::vector<std::string> out;
-        sqlite3* db = nullptr;
-        if (sqlite3_open(DbManager::databasePath().c_str(), &db) != SQLITE_OK)
-            return out;
-        sqlite3_exec(
-            db, sql.c_str(),
-            [](void* sink, int n, char** values, char**) {
-                std::string row;
-                for (int i = 0; i < n; ++i) {
-                    if (i > 0)
-                        row += "|";
-                    row += values[i] != nullptr ? values[i] : "NULL";
-                }
-                static_cast<std::vector<std::string>*>(sink)->push_back(row);
-                return 0;
-            },
-            &out, nullptr);
-        sqlite3_close(db);
-        return out;
+    using Requests = std::vector<std::pair<int, int>>;
+    // A stored preference ("<none>" / -1 when it is not there).
+    std::string stringPref(const char* key) {
+        std::string value = "<none>";
+        prefs_->getString(key, value);
+        return value;
+    }
+    int intPref(const char* key) {
+        int value = -1;
+        prefs_->getInt(key, value);
+        return value;
+    }
+    bool boolPref(const char* key) {
+        bool value = false;
+        EXPECT_EQ(prefs_->getBoolean(key, value), 0) << key;
+        return value;
     }
 
     pelio::test::TempHome home_;
-    pelio::test::FakePreferences* prefs_ = nullptr;
-    pelio::test::FakeContactsService* contacts_ = nullptr;
-    CountingServiceApp* app_ = nullptr;
-    pelio::test::ManualTimers* timers_ = nullptr;
-    pelio::test::FakePackageManager* packages_ = nullptr;
-    pelio::test::FakeSystemSettings* settings_ = nullptr;
+    Installed<pelio::test::FakeAppPaths, &pp::installAppPaths> paths_;
+    Installed<pelio::test::FakePreferences, &pp::installPreferences> prefs_;
+    Installed<pelio::test::FakeContactsService, &pp::installContactsService> contacts_;
+    Installed<pelio::test::FakeMediaContentService, &pp::installMediaContentService> media_;
+    Installed<CountingServiceApp, &pp::installServiceApp> app_;
+    Installed<pelio::test::ManualTimers, &pp::installTimers> timers_;
+    Installed<pelio::test::FakePackageManager, &pp::installPackageManager> packages_;
+    Installed<pelio::test::FakeSystemSettings, &pp::installSystemSettings> settings_;
     FakeUploader* uploader_ = nullptr;
     std::function<void(FakeUploader&)> configureUploader_;
 
@@ -269,8 +193,7 @@ class ManagerFixture : public ::testing::Test {
     std::vector<int> sleeps_;
     std::map<int, std::vector<std::string>> bodies_;
     std::map<int, SentRows> sent_;  // what the bodies of an item were composed from
-    std::map<int, int> composed_;
-    std::vector<std::pair<int, int>> domainRequests_;
+    Requests domainRequests_;
     std::vector<bool> versionWrites_;
     std::atomic<int> stopCalls_{0};
 };

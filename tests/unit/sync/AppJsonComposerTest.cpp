@@ -1,9 +1,5 @@
 // Application documents from a real shadow table: custom ids, live, updated and deletion
 // documents, the rows recorded for the outcome processing, and one body whatever the size.
-#include <gtest/gtest.h>
-#include <json-glib/json-glib.h>
-
-#include <string>
 
 #include "PLMConstants.h"
 #include "composer/AppJsonComposer.h"
@@ -22,30 +18,6 @@ class AppJsonComposerTest : public SyncStoreTest {
             package + "', '" + name + "', '" + package + "', " + std::to_string(preinstalled) +
             ", " + (rev == "NULL" ? rev : "'" + rev + "'") + ", " + std::to_string(dirty) + ")");
     }
-};
-
-// The documents of a body, by id.
-struct Body {
-    explicit Body(const std::string& text) : parser(json_parser_new()) {
-        json_parser_load_from_data(parser, text.c_str(), -1, nullptr);
-        docs = json_object_get_array_member(json_node_get_object(json_parser_get_root(parser)),
-                                            "docs");
-    }
-    ~Body() { g_object_unref(parser); }
-    JsonObject* doc(const std::string& id) const {
-        for (guint i = 0; i < json_array_get_length(docs); ++i) {
-            JsonObject* d = json_array_get_object_element(docs, i);
-            if (id == json_object_get_string_member(d, "_id"))
-                return d;
-        }
-        return nullptr;
-    }
-    std::string meta(const std::string& id, const char* key) const {
-        return json_object_get_string_member(json_object_get_object_member(doc(id), "meta_data"),
-                                             key);
-    }
-    JsonParser* parser;
-    JsonArray* docs;
 };
 
 }  // namespace
@@ -72,20 +44,23 @@ TEST_F(AppJsonComposerTest, LiveUpdatedAndDeletionDocumentsWithTheirRows) {
     EXPECT_EQ(data->deletedCount, 1);
     ASSERT_EQ(data->documents.size(), 1u);
     Body body(data->documents[0]);
-    EXPECT_EQ(json_array_get_length(body.docs), 3u);
+    EXPECT_EQ(body.size(), 3u);
 
     JsonObject* locate = body.doc("pkg_com.quorvin.wlocate");
     ASSERT_NE(locate, nullptr);
-    EXPECT_STREQ(json_object_get_string_member(locate, "type"), "application");
-    EXPECT_FALSE(json_object_has_member(locate, "_rev"));
-    EXPECT_EQ(body.meta("pkg_com.quorvin.wlocate", "name"), "Locate");
-    EXPECT_EQ(body.meta("pkg_com.quorvin.wlocate", "packagename"), "com.quorvin.wlocate");
-    EXPECT_EQ(body.meta("pkg_com.quorvin.wlocate", "customid"), "locatephone001");
-    EXPECT_EQ(body.meta("pkg_com.quorvin.alarm", "customid"), "");
-    EXPECT_STREQ(json_object_get_string_member(body.doc("pkg_com.quorvin.alarm"), "_rev"), "");
+    EXPECT_EQ(str(locate, "type"), "application");
+    EXPECT_EQ(str(locate, "_rev"), "<absent>");
+    EXPECT_EQ(str(meta(locate), "name"), "Locate");
+    EXPECT_EQ(str(meta(locate), "packagename"), "com.quorvin.wlocate");
+    EXPECT_EQ(str(meta(locate), "customid"), "locatephone001");
+    JsonObject* alarm = body.doc("pkg_com.quorvin.alarm");
+    ASSERT_NE(alarm, nullptr);
+    EXPECT_EQ(str(meta(alarm), "customid"), "");
+    EXPECT_EQ(str(alarm, "_rev"), "");
     JsonObject* gone = body.doc("pkg_org.example.gone");
+    ASSERT_NE(gone, nullptr);
     EXPECT_TRUE(json_object_get_boolean_member(gone, "_deleted"));
-    EXPECT_STREQ(json_object_get_string_member(gone, "_rev"), "2-b");
+    EXPECT_EQ(str(gone, "_rev"), "2-b");
 
     const SentRows& sent = *data->sentRows;
     ASSERT_EQ(sent.size(), 3u);
@@ -116,6 +91,6 @@ TEST_F(AppJsonComposerTest, NothingPendingGivesDefaultsAndManyRowsGoInOneBody) {
     auto data = AppJsonComposer().makeUploadJSON();
     ASSERT_EQ(data->documents.size(), 1u);
     EXPECT_EQ(data->insertedCount, 1500);
-    EXPECT_EQ(json_array_get_length(Body(data->documents[0]).docs), 1500u);
+    EXPECT_EQ(Body(data->documents[0]).size(), 1500u);
     EXPECT_EQ(data->sentRows->size(), 1500u);
 }

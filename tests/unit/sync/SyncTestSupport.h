@@ -4,11 +4,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <json-glib/json-glib.h>
 #include <sqlite3.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -43,11 +41,8 @@ class RecordingHost : public SyncHandlerHost {
         statuses.emplace_back(key, value);
     }
     void addSyncItemToQueue(int item) override {
-        {
-            std::lock_guard<std::mutex> guard(mutex_);
-            queued.push_back(item);
-        }
-        cv_.notify_all();
+        std::lock_guard<std::mutex> guard(mutex_);
+        queued.push_back(item);
     }
     std::vector<std::pair<std::string, std::string>> statusCalls() {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -62,72 +57,96 @@ class RecordingHost : public SyncHandlerHost {
 
   private:
     std::mutex mutex_;
-    std::condition_variable cv_;
     std::vector<std::pair<std::string, std::string>> statuses;
     std::vector<int> queued;
 };
 
-struct ShadowRow {
-    std::string id;
-    int dirty;
-    int version;
-    std::string rev;
+// One upload body, parsed: its documents in order and by "_id".
+class Body {
+  public:
+    explicit Body(const std::string& text) : parser_(json_parser_new()) {
+        EXPECT_TRUE(json_parser_load_from_data(parser_, text.c_str(), -1, nullptr)) << text;
+        JsonNode* root = json_parser_get_root(parser_);
+        docs = root ? json_object_get_array_member(json_node_get_object(root), "docs") : nullptr;
+    }
+    ~Body() { g_object_unref(parser_); }
+    Body(const Body&) = delete;
+    Body& operator=(const Body&) = delete;
+
+    guint size() const { return docs ? json_array_get_length(docs) : 0; }
+    JsonObject* at(guint i) const { return json_array_get_object_element(docs, i); }
+    JsonObject* doc(const std::string& id) const {
+        for (guint i = 0; i < size(); ++i) {
+            if (id == json_object_get_string_member(at(i), "_id"))
+                return at(i);
+        }
+        ADD_FAILURE() << "no document " << id;
+        return nullptr;
+    }
+
+    JsonArray* docs = nullptr;
+
+  private:
+    JsonParser* parser_;
 };
+
+// A string member of object, "<absent>" when it has none.
+inline std::string str(JsonObject* object, const char* key) {
+    return object && json_object_has_member(object, key)
+               ? json_object_get_string_member(object, key)
+               : "<absent>";
+}
+inline JsonObject* meta(JsonObject* doc) {
+    return json_object_get_object_member(doc, "meta_data");
+}
+
+// Runs SQL on the shadow database directly.
+inline void exec(const std::string& sql) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(DbManager::databasePath().c_str(), &db), SQLITE_OK);
+    char* err = nullptr;
+    const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
+    const std::string message = err ? err : "";
+    sqlite3_free(err);
+    sqlite3_close(db);
+    ASSERT_EQ(rc, SQLITE_OK) << message;
+}
+
+// The rows of a query, columns joined with '|' (NULL shown as "").
+inline std::vector<std::string> query(const std::string& sql) {
+    std::vector<std::string> out;
+    sqlite3* db = nullptr;
+    if (sqlite3_open(DbManager::databasePath().c_str(), &db) == SQLITE_OK) {
+        sqlite3_exec(
+            db, sql.c_str(),
+            [](void* sink, int n, char** values, char**) {
+                std::string row;
+                for (int i = 0; i < n; ++i)
+                    row += (i > 0 ? "|" : "") + std::string(values[i] ? values[i] : "");
+                static_cast<std::vector<std::string>*>(sink)->push_back(row);
+                return 0;
+            },
+            &out, nullptr);
+    }
+    sqlite3_close(db);
+    return out;
+}
 
 class SyncStoreTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        auto contacts = makeContactsService();
-        contacts_ = contacts.get();
-        pelio::platform::installContactsService(std::move(contacts));
         DbManager::resetInstanceForTesting();
         DbManager::getInstance();
     }
-    void TearDown() override {
-        DbManager::resetInstanceForTesting();
-        pelio::platform::installContactsService(nullptr);
-    }
-    virtual std::unique_ptr<FakeContactsService> makeContactsService() {
-        return std::make_unique<FakeContactsService>();
-    }
+    void TearDown() override { DbManager::resetInstanceForTesting(); }
 
-    // Runs SQL on the shadow database directly.
-    void exec(const std::string& sql) {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open(DbManager::databasePath().c_str(), &db), SQLITE_OK);
-        char* err = nullptr;
-        const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
-        const std::string message = err ? err : "";
-        sqlite3_free(err);
-        sqlite3_close(db);
-        ASSERT_EQ(rc, SQLITE_OK) << message;
-    }
-
-    std::vector<ShadowRow> rows() {
-        std::vector<ShadowRow> out;
-        sqlite3* db = nullptr;
-        if (sqlite3_open(DbManager::databasePath().c_str(), &db) != SQLITE_OK)
-            return out;
-        sqlite3_stmt* stmt = nullptr;
-        sqlite3_prepare_v2(db,
-                           "SELECT _id, dirty, version, ifnull(rev_id,'') FROM contacts "
-                           "ORDER BY rowid",
-                           -1, &stmt, nullptr);
-        while (stmt && sqlite3_step(stmt) == SQLITE_ROW) {
-            out.push_back({reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)),
-                           sqlite3_column_int(stmt, 1), sqlite3_column_int(stmt, 2),
-                           reinterpret_cast<const char*>(sqlite3_column_text(stmt, 3))});
-        }
-        sqlite3_finalize(stmt);
-        sqlite3_close(db);
-        return out;
-    }
-
-    // id -> dirty values of its rows, in row order.
-    std::map<std::string, std::vector<int>> dirtyById() {
+    // id -> dirty values of its contacts rows, in row order.
+    static std::map<std::string, std::vector<int>> dirtyById() {
         std::map<std::string, std::vector<int>> out;
-        for (const auto& r : rows())
-            out[r.id].push_back(r.dirty);
+        for (const auto& row : query("SELECT _id || '|' || dirty FROM contacts ORDER BY rowid")) {
+            const auto bar = row.find('|');
+            out[row.substr(0, bar)].push_back(std::stoi(row.substr(bar + 1)));
+        }
         return out;
     }
 
@@ -135,7 +154,7 @@ class SyncStoreTest : public ::testing::Test {
     LogCapture log_;
     Installed<FakePreferences, &pelio::platform::installPreferences> prefs_;
     Installed<FakeAppPaths, &pelio::platform::installAppPaths> paths_;
-    FakeContactsService* contacts_ = nullptr;
+    Installed<FakeContactsService, &pelio::platform::installContactsService> contacts_;
 };
 
 }  // namespace pelio::test
