@@ -8,7 +8,6 @@ using pelio::platform::PreferenceType;
 namespace pelio::test {
 
 int FakePreferences::enter(const std::string& operation) {
-    ++calls_[operation];
     auto it = failures_.find(operation);
     if (it == failures_.end() || it->second.second <= 0)
         return 0;
@@ -19,12 +18,6 @@ int FakePreferences::enter(const std::string& operation) {
 void FakePreferences::failNext(const std::string& operation, int code, int times) {
     std::lock_guard<std::mutex> guard(mutex_);
     failures_[operation] = {code, times};
-}
-
-int FakePreferences::calls(const std::string& operation) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    auto it = calls_.find(operation);
-    return it == calls_.end() ? 0 : it->second;
 }
 
 int FakePreferences::set(const std::string& op, const std::string& key, PreferenceType type,

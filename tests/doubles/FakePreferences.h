@@ -1,5 +1,5 @@
 // In-memory preference store for unit tests: typed values in a map, thread-safe. failNext()
-// makes the next calls of one operation fail with a given code; calls() counts each operation.
+// makes the next calls of one operation fail with a given code.
 #pragma once
 
 #include <pelio/platform/Preferences.h>
@@ -25,10 +25,9 @@ class FakePreferences : public pelio::platform::Preferences {
 
     // The next `times` calls of operation ("setInt", "getString", "isExisting", ...) return code.
     void failNext(const std::string& operation, int code, int times = 1);
-    int calls(const std::string& operation) const;
 
   private:
-    int enter(const std::string& operation);  // counts; the injected failure code or 0
+    int enter(const std::string& operation);  // the injected failure code or 0; lock held
     int set(const std::string& op, const std::string& key, pelio::platform::PreferenceType type,
             const std::string& text);
     int get(const std::string& op, const std::string& key, pelio::platform::PreferenceType type,
@@ -37,7 +36,6 @@ class FakePreferences : public pelio::platform::Preferences {
     mutable std::mutex mutex_;
     std::map<std::string, std::pair<pelio::platform::PreferenceType, std::string>> values_;
     std::map<std::string, std::pair<int, int>> failures_;  // operation -> (code, times)
-    std::map<std::string, int> calls_;
 };
 
 }  // namespace pelio::test

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # pds-server and its bulk-document gateway in front of PouchDB Server, all on loopback:
 # sessions, the device's posting format, ownership semantics, cookies, bad bodies, the forced-open
-# limit, wipes and the test knobs.
+# limit and wipes.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../support/stack.sh"
@@ -170,21 +170,6 @@ check "wipe without a request: 400" "400" "${R%% *}"
 R=$(stack_pds open 'nonsense')
 check "open with a non-JSON body: 400 with message" "400 true" \
     "${R%% *} $(echo "${R#* }" | js 'j.message.length > 0')"
-
-# --- test knobs -------------------------------------------------------------------------------
-curl -s --cacert "$STACK_CERT" -X POST -d '{"op":"open","result":"13","count":1}' \
-    "$STACK_PDS_URL/admin/fault" >/dev/null
-check "injected open result" "failure 13" "$(stack_open device-A false | js 'j.reason+" "+j.result')"
-check "injected fault is used up" "success 0" "$(stack_open device-A false | js 'j.reason+" "+j.result')"
-curl -s --cacert "$STACK_CERT" -X POST \
-    -d '{"op":"close","status":500,"message":"close: injected"}' "$STACK_PDS_URL/admin/fault" >/dev/null
-R=$(stack_pds close '{"device_id":"device-A","device_secret":"secret-of-device-A","locale":"en_US","companion":false,"standalone":true,"request":{}}')
-check "injected close refusal" "500 close: injected" "${R%% *} $(echo "${R#* }" | js j.message)"
-curl -s --cacert "$STACK_CERT" -X POST -d '{}' "$STACK_PDS_URL/admin/fault/clear" >/dev/null
-R=$(stack_pds close '{"device_id":"device-A","device_secret":"secret-of-device-A","locale":"en_US","companion":false,"standalone":true,"request":{}}')
-check "cleared faults" "200" "${R%% *}"
-check "call log records the bodies" "close rampcode=dash" "$(curl -s --cacert "$STACK_CERT" \
-    "$STACK_PDS_URL/admin/calls" | js '(() => { const c = j.filter(x => x.op === "close")[0]; return c.op + " " + Object.entries(c.body.request).map(e => e.join("=")).join() })()')"
 
 echo "$failures failure(s)"
 [ "$failures" -eq 0 ]
