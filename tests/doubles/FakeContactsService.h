@@ -8,19 +8,11 @@
 // version; a deleted contact stays in getAllContacts (deleted = true, last display name kept) and
 // getContactByPersonId answers CONTACTS_ERROR_NO_DATA for it.
 //
-// Example:
-//   auto fake = std::make_unique<FakeContactsService>();
-//   int kim = fake->addContact(FakeContactsService::person("Kim Minsu", "Minsu", "Kim")
-//                                  .withNumber("010-1234", CONTACTS_NUMBER_TYPE_CELL, true));
-//   fake->updateContact(kim, fake->contact(kim).favorite(true));  // version + 1, change "updated"
-//   fake->deleteContact(kim);                                     // version + 1, change "deleted"
-//   fake->fireChanged(kContactsContactViewUri);  // runs the callbacks registered for that view
-//
 // Connections: queries answer CONTACTS_ERROR_NOT_CONNECTED unless connect() is in effect or the
 // calling thread called connectOnThread(). failNext() makes the next call of one operation fail
 // with a given code.
 //
-// Thread-safe: mutations, queries and counters may be used from any thread. Callbacks run on the
+// Thread-safe: mutations and queries may be used from any thread. Callbacks run on the
 // thread that calls fireChanged(), without the internal lock held.
 #pragma once
 

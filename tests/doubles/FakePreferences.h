@@ -3,6 +3,7 @@
 #pragma once
 
 #include <pelio/platform/Preferences.h>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -30,8 +31,9 @@ class FakePreferences : public pelio::platform::Preferences {
     int enter(const std::string& operation);  // the injected failure code or 0; lock held
     int set(const std::string& op, const std::string& key, pelio::platform::PreferenceType type,
             const std::string& text);
+    // Hands the stored text of key to read when it has the type.
     int get(const std::string& op, const std::string& key, pelio::platform::PreferenceType type,
-            std::string& text);
+            const std::function<void(const std::string&)>& read);
 
     mutable std::mutex mutex_;
     std::map<std::string, std::pair<pelio::platform::PreferenceType, std::string>> values_;

@@ -2,14 +2,14 @@
 
 namespace pelio::test {
 
-LogCapture::LogCapture(bool quietStderr) : quiet_(quietStderr) {
-    if (quiet_) pelio::platform::setLogToStderr(false);
+LogCapture::LogCapture() {
+    pelio::platform::setLogToStderr(false);
     pelio::platform::addLogSink(this);
 }
 
 LogCapture::~LogCapture() {
     pelio::platform::removeLogSink(this);
-    if (quiet_) pelio::platform::setLogToStderr(true);
+    pelio::platform::setLogToStderr(true);
 }
 
 void LogCapture::write(int priority, const std::string& tag, const std::string& message) {

@@ -1,4 +1,4 @@
-// Records the log lines written while it lives; thread-safe.
+// Records the log lines written while it lives, with the stderr copy switched off; thread-safe.
 #pragma once
 
 #include <mutex>
@@ -16,7 +16,7 @@ public:
         std::string message;
     };
 
-    explicit LogCapture(bool quietStderr = true);
+    LogCapture();
     ~LogCapture() override;
     void write(int priority, const std::string& tag, const std::string& message) override;
 
@@ -33,7 +33,6 @@ public:
 private:
     mutable std::mutex mutex_;
     std::vector<Line> lines_;
-    bool quiet_;
 };
 
 }  // namespace pelio::test
