@@ -28,14 +28,6 @@ state=$(app_state $SVC /com/quorvin/plmsvc)
 [ "$state" = "(<2>,)" ] || e2e_fail "service State is $state"
 e2e_ok "activation and launch"
 
-# pelioctl prefs reads the service's store (read-only): a sorted key=value list, or the note.
-prefs=$("$PELIOCTL" prefs) || e2e_fail "pelioctl prefs"
-if [ "$prefs" != "no preferences yet" ]; then
-  printf '%s\n' "$prefs" | grep -qvE '^[^=]+=' && e2e_fail "pelioctl prefs printed: $prefs"
-  [ "$prefs" = "$(printf '%s\n' "$prefs" | LC_ALL=C sort)" ] || e2e_fail "pelioctl prefs not sorted"
-fi
-e2e_ok "prefs"
-
 # 2. Bad input never takes the service down.
 gdbus call --session -d com.quorvin.plmsvc -o /com/quorvin/plmsvc \
   -m com.quorvin.platform.Application.Launch "@a{ss} {}" >/dev/null || e2e_fail "launch without extras"
