@@ -146,8 +146,7 @@ int FakeContactsService::query(Op op) {
     if (int rc = takeFailure(op))
         return rc;
     auto it = threadConnections_.find(std::this_thread::get_id());
-    const bool connected =
-        connections_ > 0 || (it != threadConnections_.end() && it->second > 0);
+    const bool connected = connections_ > 0 || (it != threadConnections_.end() && it->second > 0);
     return connected ? CONTACTS_ERROR_NONE : CONTACTS_ERROR_NOT_CONNECTED;
 }
 
@@ -241,8 +240,8 @@ int FakeContactsService::getContactByPersonId(int personId, ContactRecord& recor
     record.displayName = c.displayName;
     record.isFavorite = c.isFavorite;
     record.name = c.name;
-    record.hasName = !(c.name.first + c.name.last + c.name.addition + c.name.prefix + c.name.suffix)
-                          .empty();
+    record.hasName =
+        !(c.name.first + c.name.last + c.name.addition + c.name.prefix + c.name.suffix).empty();
     record.numbers = c.numbers;
     record.hasPhoneNumber = !c.numbers.empty();
     return CONTACTS_ERROR_NONE;

@@ -133,8 +133,8 @@ class FakeContactsService : public pelio::platform::ContactsService {
         void* userData;
     };
 
-    int takeFailure(Op op);                                    // 0 or the injected code; lock held
-    int query(Op op);  // takeFailure, then NOT_CONNECTED without a connection; lock held
+    int takeFailure(Op op);  // 0 or the injected code; lock held
+    int query(Op op);        // takeFailure, then NOT_CONNECTED without a connection; lock held
     void recordChange(int id, int type);                       // lock held
     void assignNumberIds(Contact& fresh, const Contact* old);  // lock held
 

@@ -70,8 +70,7 @@ int FakePreferences::setString(const std::string& key, const std::string& value)
     return set("setString", key, PreferenceType::String, value);
 }
 int FakePreferences::getString(const std::string& key, std::string& value) {
-    return get("getString", key, PreferenceType::String,
-               [&](const std::string& t) { value = t; });
+    return get("getString", key, PreferenceType::String, [&](const std::string& t) { value = t; });
 }
 int FakePreferences::isExisting(const std::string& key, bool& existing) {
     std::lock_guard<std::mutex> guard(mutex_);

@@ -213,12 +213,12 @@ TEST_F(ContactsServiceTest, NamesFavouritesNumbersAndTypes) {
     EXPECT_TRUE(kim.isFavorite);
     EXPECT_TRUE(kim.hasPhoneNumber);
     const std::vector<int> types = {CONTACTS_NUMBER_TYPE_CELL,
-                                     CONTACTS_NUMBER_TYPE_HOME | CONTACTS_NUMBER_TYPE_VOICE,
-                                     CONTACTS_NUMBER_TYPE_WORK | CONTACTS_NUMBER_TYPE_FAX,
-                                     CONTACTS_NUMBER_TYPE_CUSTOM,
-                                     CONTACTS_NUMBER_TYPE_PAGER,
-                                     CONTACTS_NUMBER_TYPE_MAIN,
-                                     CONTACTS_NUMBER_TYPE_OTHER};
+                                    CONTACTS_NUMBER_TYPE_HOME | CONTACTS_NUMBER_TYPE_VOICE,
+                                    CONTACTS_NUMBER_TYPE_WORK | CONTACTS_NUMBER_TYPE_FAX,
+                                    CONTACTS_NUMBER_TYPE_CUSTOM,
+                                    CONTACTS_NUMBER_TYPE_PAGER,
+                                    CONTACTS_NUMBER_TYPE_MAIN,
+                                    CONTACTS_NUMBER_TYPE_OTHER};
     ASSERT_EQ(kim.numbers.size(), types.size());
     for (size_t i = 0; i < types.size(); ++i) {
         EXPECT_EQ(kim.numbers[i].type, types[i]) << i;

@@ -6,8 +6,8 @@
 #include <pelio/platform/Preferences.h>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 

@@ -1,15 +1,15 @@
 // Records the log lines written while it lives, with the stderr copy switched off; thread-safe.
 #pragma once
 
-#include <mutex>
 #include <pelio/platform/Log.h>
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace pelio::test {
 
 class LogCapture : public pelio::platform::LogSink {
-public:
+  public:
     struct Line {
         int priority;
         std::string tag;
@@ -30,7 +30,7 @@ public:
     bool contains(const std::string& fragment) const;
     void clear();
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<Line> lines_;
 };
