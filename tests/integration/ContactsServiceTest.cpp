@@ -298,32 +298,6 @@ TEST_F(ContactsServiceTest, BadInputIsSkippedAndLogged) {
     EXPECT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
 }
 
-TEST_F(ContactsServiceTest, ManyCardsIndexCorrectly) {
-    constexpr int kCards = 5000;
-    std::string big;
-    for (int i = 0; i < kCards; ++i) {
-        big += card("uid-" + std::to_string(i), "Person " + std::to_string(i),
-                    "TEL;TYPE=CELL:010-" + std::to_string(100000 + i) + "\r\n");
-        if (i % 1000 == 999) {
-            write("big/part" + std::to_string(i / 1000) + ".vcf", big);
-            big.clear();
-        }
-    }
-    ASSERT_EQ(contactsService().connect(), CONTACTS_ERROR_NONE);
-    std::vector<ContactSummary> all;
-    ASSERT_EQ(contactsService().getAllContacts(all), CONTACTS_ERROR_NONE);
-    EXPECT_EQ(static_cast<int>(all.size()), kCards);
-    EXPECT_EQ(static_cast<int>(changesAfter(0).size()), kCards);
-    rescan();  // unchanged
-    EXPECT_EQ(version(), 1);
-    ContactRecord r;
-    ASSERT_EQ(contactsService().getContactByPersonId(all.back().id, r), CONTACTS_ERROR_NONE);
-    ASSERT_EQ(r.numbers.size(), 1u);
-    EXPECT_EQ(r.displayName, "Person 4999");
-    EXPECT_EQ(r.numbers[0].number, "010-104999");
-    EXPECT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
-}
-
 struct CallbackLog {
     std::vector<std::string> uris;
     std::thread::id thread;
