@@ -128,6 +128,11 @@ int FakeContactsService::fireChanged(const std::string& viewUri) {
     return static_cast<int>(toCall.size());
 }
 
+void FakeContactsService::setRequireConnection(bool required) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    requireConnection_ = required;
+}
+
 void FakeContactsService::failNext(Op op, int errorCode) {
     std::lock_guard<std::mutex> guard(mutex_);
     failures_[op] = errorCode;
@@ -146,7 +151,8 @@ int FakeContactsService::query(Op op) {
     if (int rc = takeFailure(op))
         return rc;
     auto it = threadConnections_.find(std::this_thread::get_id());
-    const bool connected = connections_ > 0 || (it != threadConnections_.end() && it->second > 0);
+    const bool connected = !requireConnection_ || connections_ > 0 ||
+                           (it != threadConnections_.end() && it->second > 0);
     return connected ? CONTACTS_ERROR_NONE : CONTACTS_ERROR_NOT_CONNECTED;
 }
 

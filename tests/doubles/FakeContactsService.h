@@ -9,8 +9,8 @@
 // getContactByPersonId answers CONTACTS_ERROR_NO_DATA for it.
 //
 // Connections: queries answer CONTACTS_ERROR_NOT_CONNECTED unless connect() is in effect or the
-// calling thread called connectOnThread(). failNext() makes the next call of one operation fail
-// with a given code.
+// calling thread called connectOnThread() (setRequireConnection(false) lifts that). failNext()
+// makes the next call of one operation fail with a given code.
 //
 // Thread-safe: mutations and queries may be used from any thread. Callbacks run on the
 // thread that calls fireChanged(), without the internal lock held.
@@ -100,6 +100,7 @@ class FakeContactsService : public pelio::platform::ContactsService {
 
     // Runs every callback registered for viewUri (exact uri); returns how many ran.
     int fireChanged(const std::string& viewUri);
+    void setRequireConnection(bool required);
     void failNext(Op op, int errorCode);
 
     // --- ContactsService ---
@@ -148,6 +149,7 @@ class FakeContactsService : public pelio::platform::ContactsService {
     int nextNumberId_ = 1;
     std::vector<Registration> callbacks_;
     int connections_ = 0;
+    bool requireConnection_ = true;
     std::map<std::thread::id, int> threadConnections_;
     std::map<Op, int> failures_;
 };
