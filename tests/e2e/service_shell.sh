@@ -108,4 +108,3 @@ e2e_ok "voice app"
 "$PELIOCTL" launch --app com.quorvin.absent K=V >/dev/null 2>&1 && e2e_fail "launch to an absent app succeeded"
 e2e_ok "absent application"
 
-echo "7 passed, 0 failed"

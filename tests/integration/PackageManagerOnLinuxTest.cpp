@@ -62,6 +62,7 @@ TEST(PackageManagerOnLinuxTest, ListsEntriesOfUserAndSystemFoldersWithTheirPrope
     pelio::test::LogCapture log;
     const std::string user = home.dataHome() + "/applications";
     const std::string system = home.path() + "/system/share/applications";
+    setenv("XDG_DATA_DIRS", (home.path() + "/system/share//").c_str(), 1);  // slashes trimmed
     writeEntry(user, "org.example.editor.desktop",
                "Name=Editor\nName[de]=Bearbeiter\nX-AppVersion=1.2\n");
     writeEntry(system, "com.quorvin.wlocate.desktop", "Name=Locate\n");

@@ -11,7 +11,7 @@ TEST(Log, ServiceMacrosWriteTheFixedPrefixAndPriorityAndATagIsNeeded) {
     LogCapture capture;
     const int line = __LINE__ + 1;
     LOGW("value[%d]", 7);
-    LOGE("plain");
+    LOGE("plain\n");  // the trailing newline is dropped
     auto lines = capture.lines();
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].priority, pelio::platform::DLOG_WARN);
