@@ -261,11 +261,11 @@ check "\"force\": \"true\" on open: 400" "400" "${R%% *}"
 # --- credentials ----------------------------------------------------------------------------
 for op in open close wipe; do
     R=$(stack_pds $op '{"device_id":"device-H","locale":"en_US","request":{"deleteall":"true"}}')
-    check "$op with A's id and no secret: 401" "401" "${R%% *}"
+    check "$op with H's id and no secret: 401" "401" "${R%% *}"
     R=$(stack_pds $op '{"device_id":"device-H","device_secret":"guess","locale":"en_US","request":{"deleteall":"true"}}')
-    check "$op with A's id and a wrong secret: 403" "403" "${R%% *}"
+    check "$op with H's id and a wrong secret: 403" "403" "${R%% *}"
 done
-check "A's documents are still there" "1" "$(stack_couch "/$DB/good1" | js j.v)"
+check "H's documents are still there" "1" "$(stack_couch "/$DB/good1" | js j.v)"
 new_device() {  # N -> status, from 127.0.0.3
     curl -s -o /dev/null -w '%{http_code}' --cacert "$STACK_CERT" --interface 127.0.0.3 \
         --data-binary "{\"device_id\":\"flood-$1\",\"device_secret\":\"s\",\"locale\":\"en_US\",\"request\":{}}" \
