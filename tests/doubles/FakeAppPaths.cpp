@@ -22,24 +22,4 @@ FakeAppPaths::~FakeAppPaths() {
     std::filesystem::remove_all(root_, ec);
 }
 
-std::string FakeAppPaths::answer(const std::string& relative) const {
-    return available_ ? root_ + relative : std::string();
-}
-
-std::string FakeAppPaths::dataPath() {
-    return answer("data/");
-}
-std::string FakeAppPaths::sharedDataPath() {
-    return answer("shared/data/");
-}
-std::string FakeAppPaths::sharedTrustedPath() {
-    return answer("shared/trusted/");
-}
-std::string FakeAppPaths::resourcePath() {
-    return answer("res/");
-}
-std::string FakeAppPaths::sharedResourcePath() {
-    return answer("res/shared/");
-}
-
 }  // namespace pelio::test

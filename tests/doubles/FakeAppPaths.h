@@ -15,17 +15,19 @@ class FakeAppPaths : public pelio::platform::AppPaths {
     FakeAppPaths();
     ~FakeAppPaths() override;
 
-    std::string dataPath() override;
-    std::string sharedDataPath() override;
-    std::string sharedTrustedPath() override;
-    std::string resourcePath() override;
-    std::string sharedResourcePath() override;
+    std::string dataPath() override { return answer("data/"); }
+    std::string sharedDataPath() override { return answer("shared/data/"); }
+    std::string sharedTrustedPath() override { return answer("shared/trusted/"); }
+    std::string resourcePath() override { return answer("res/"); }
+    std::string sharedResourcePath() override { return answer("res/shared/"); }
 
     const std::string& root() const { return root_; }  // with trailing "/"
     void setAvailable(bool available) { available_ = available; }
 
   private:
-    std::string answer(const std::string& relative) const;
+    std::string answer(const std::string& relative) const {
+        return available_ ? root_ + relative : std::string();
+    }
     std::string root_;
     std::atomic<bool> available_{true};
 };

@@ -10,8 +10,6 @@ class FakeHandle : public pelio::platform::ConnectionHandle {
     explicit FakeHandle(FakeConnection& owner) : owner_(owner) {}
 
     int getType(int& type) override {
-        if (owner_.failGetType)
-            return pelio::platform::CONNECTION_ERROR_OPERATION_FAILED;
         type = owner_.type();
         return pelio::platform::CONNECTION_ERROR_NONE;
     }
@@ -40,7 +38,6 @@ FakeConnection& FakeConnection::install() {
 int FakeConnection::create(std::unique_ptr<pelio::platform::ConnectionHandle>& handle) {
     if (failCreate)
         return pelio::platform::CONNECTION_ERROR_OUT_OF_MEMORY;
-    ++handlesCreated;
     handle = std::make_unique<FakeHandle>(*this);
     return pelio::platform::CONNECTION_ERROR_NONE;
 }

@@ -29,9 +29,7 @@ class FakeConnection : public pelio::platform::Connection {
     int type() const { return type_; }
 
     std::atomic<bool> failCreate{false};
-    std::atomic<bool> failGetType{false};
     std::atomic<bool> failGetProxy{false};
-    std::atomic<int> handlesCreated{0};
     std::atomic<int> proxyReads{0};
 
   private:

@@ -1,6 +1,7 @@
 #include "doubles/FakeContactsService.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace pelio::test {
 
@@ -115,60 +116,16 @@ int FakeContactsService::version() const {
     return version_;
 }
 
-void FakeContactsService::setVersion(int version) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    version_ = version;
-}
-
 int FakeContactsService::fireChanged(const std::string& viewUri) {
     std::vector<Registration> toCall;
     {
         std::lock_guard<std::mutex> guard(mutex_);
-        for (const auto& r : callbacks_) {
-            if (r.viewUri == viewUri)
-                toCall.push_back(r);
-        }
+        std::copy_if(callbacks_.begin(), callbacks_.end(), std::back_inserter(toCall),
+                     [&](const Registration& r) { return r.viewUri == viewUri; });
     }
     for (const auto& r : toCall)
         r.cb(r.viewUri.c_str(), r.userData);
     return static_cast<int>(toCall.size());
-}
-
-std::vector<FakeContactsService::Registration> FakeContactsService::registrations() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return callbacks_;
-}
-
-int FakeContactsService::registrationCount(const std::string& viewUri) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return static_cast<int>(
-        std::count_if(callbacks_.begin(), callbacks_.end(),
-                      [&](const Registration& r) { return r.viewUri == viewUri; }));
-}
-
-int FakeContactsService::connectCount() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return connects_;
-}
-
-int FakeContactsService::disconnectCount() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return disconnects_;
-}
-
-int FakeContactsService::connectOnThreadCount() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return threadConnects_;
-}
-
-int FakeContactsService::disconnectOnThreadCount() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return threadDisconnects_;
-}
-
-bool FakeContactsService::isConnected() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return connects_ > disconnects_;
 }
 
 void FakeContactsService::setRequireConnection(bool required) {
@@ -190,18 +147,20 @@ int FakeContactsService::takeFailure(Op op) {
     return code;
 }
 
-bool FakeContactsService::queryAllowed() const {
-    if (!requireConnection_ || connects_ > disconnects_)
-        return true;
+int FakeContactsService::query(Op op) {
+    if (int rc = takeFailure(op))
+        return rc;
     auto it = threadConnections_.find(std::this_thread::get_id());
-    return it != threadConnections_.end() && it->second > 0;
+    const bool connected = !requireConnection_ || connections_ > 0 ||
+                           (it != threadConnections_.end() && it->second > 0);
+    return connected ? CONTACTS_ERROR_NONE : CONTACTS_ERROR_NOT_CONNECTED;
 }
 
 int FakeContactsService::connect() {
     std::lock_guard<std::mutex> guard(mutex_);
     if (int rc = takeFailure(Op::Connect))
         return rc;
-    ++connects_;
+    ++connections_;
     return CONTACTS_ERROR_NONE;
 }
 
@@ -209,9 +168,9 @@ int FakeContactsService::disconnect() {
     std::lock_guard<std::mutex> guard(mutex_);
     if (int rc = takeFailure(Op::Disconnect))
         return rc;
-    if (connects_ <= disconnects_)
+    if (connections_ == 0)
         return CONTACTS_ERROR_NOT_CONNECTED;
-    ++disconnects_;
+    --connections_;
     return CONTACTS_ERROR_NONE;
 }
 
@@ -219,7 +178,6 @@ int FakeContactsService::connectOnThread() {
     std::lock_guard<std::mutex> guard(mutex_);
     if (int rc = takeFailure(Op::ConnectOnThread))
         return rc;
-    ++threadConnects_;
     ++threadConnections_[std::this_thread::get_id()];
     return CONTACTS_ERROR_NONE;
 }
@@ -228,20 +186,17 @@ int FakeContactsService::disconnectOnThread() {
     std::lock_guard<std::mutex> guard(mutex_);
     if (int rc = takeFailure(Op::DisconnectOnThread))
         return rc;
-    auto it = threadConnections_.find(std::this_thread::get_id());
-    if (it == threadConnections_.end() || it->second == 0)
+    int& count = threadConnections_[std::this_thread::get_id()];
+    if (count == 0)
         return CONTACTS_ERROR_NOT_CONNECTED;
-    --it->second;
-    ++threadDisconnects_;
+    --count;
     return CONTACTS_ERROR_NONE;
 }
 
 int FakeContactsService::getCurrentVersion(int& version) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = takeFailure(Op::GetCurrentVersion))
+    if (int rc = query(Op::GetCurrentVersion))
         return rc;
-    if (!queryAllowed())
-        return CONTACTS_ERROR_NOT_CONNECTED;
     version = version_;
     return CONTACTS_ERROR_NONE;
 }
@@ -249,10 +204,8 @@ int FakeContactsService::getCurrentVersion(int& version) {
 int FakeContactsService::getAllContacts(std::vector<ContactSummary>& contacts) {
     std::lock_guard<std::mutex> guard(mutex_);
     contacts.clear();
-    if (int rc = takeFailure(Op::GetAllContacts))
+    if (int rc = query(Op::GetAllContacts))
         return rc;
-    if (!queryAllowed())
-        return CONTACTS_ERROR_NOT_CONNECTED;
     for (const auto& [id, s] : contacts_)
         contacts.push_back({id, id, s.data.displayName, s.deleted});
     return CONTACTS_ERROR_NONE;
@@ -263,15 +216,11 @@ int FakeContactsService::getChangesByVersion(int addressBookId, int sinceVersion
                                              int& currentVersion) {
     std::lock_guard<std::mutex> guard(mutex_);
     changes.clear();
-    if (int rc = takeFailure(Op::GetChangesByVersion))
+    if (int rc = query(Op::GetChangesByVersion))
         return rc;
-    if (!queryAllowed())
-        return CONTACTS_ERROR_NOT_CONNECTED;
     for (const auto& [id, entries] : log_) {
-        if (entries.empty() || entries.back().version <= sinceVersion)
-            continue;
         const int book = contacts_[id].data.addressBookId;
-        if (addressBookId >= 0 && book != addressBookId)
+        if (entries.back().version <= sinceVersion || (addressBookId >= 0 && book != addressBookId))
             continue;
         changes.push_back({id, book, entries.back().type, entries.back().version});
     }
@@ -285,23 +234,20 @@ int FakeContactsService::getChangesByVersion(int addressBookId, int sinceVersion
 int FakeContactsService::getContactByPersonId(int personId, ContactRecord& record) {
     std::lock_guard<std::mutex> guard(mutex_);
     record = ContactRecord{};
-    if (int rc = takeFailure(Op::GetContactByPersonId))
+    if (int rc = query(Op::GetContactByPersonId))
         return rc;
-    if (!queryAllowed())
-        return CONTACTS_ERROR_NOT_CONNECTED;
     if (personId < 1)
         return CONTACTS_ERROR_INVALID_PARAMETER;
     auto it = contacts_.find(personId);
     if (it == contacts_.end() || it->second.deleted)
         return CONTACTS_ERROR_NO_DATA;
     const Contact& c = it->second.data;
-    record.id = personId;
-    record.personId = personId;
+    record.id = record.personId = personId;
     record.displayName = c.displayName;
     record.isFavorite = c.isFavorite;
     record.name = c.name;
-    record.hasName = !(c.name.first.empty() && c.name.last.empty() && c.name.addition.empty() &&
-                       c.name.prefix.empty() && c.name.suffix.empty());
+    record.hasName =
+        !(c.name.first + c.name.last + c.name.addition + c.name.prefix + c.name.suffix).empty();
     record.numbers = c.numbers;
     record.hasPhoneNumber = !c.numbers.empty();
     return CONTACTS_ERROR_NONE;
@@ -323,13 +269,13 @@ int FakeContactsService::removeChangedCallback(const std::string& viewUri,
     std::lock_guard<std::mutex> guard(mutex_);
     if (int rc = takeFailure(Op::RemoveChangedCallback))
         return rc;
-    for (auto it = callbacks_.begin(); it != callbacks_.end(); ++it) {
-        if (it->viewUri == viewUri && it->cb == cb && it->userData == userData) {
-            callbacks_.erase(it);
-            return CONTACTS_ERROR_NONE;
-        }
-    }
-    return CONTACTS_ERROR_INVALID_PARAMETER;
+    auto it = std::find_if(callbacks_.begin(), callbacks_.end(), [&](const Registration& r) {
+        return r.viewUri == viewUri && r.cb == cb && r.userData == userData;
+    });
+    if (it == callbacks_.end())
+        return CONTACTS_ERROR_INVALID_PARAMETER;
+    callbacks_.erase(it);
+    return CONTACTS_ERROR_NONE;
 }
 
 }  // namespace pelio::test

@@ -8,20 +8,11 @@
 // version; a deleted contact stays in getAllContacts (deleted = true, last display name kept) and
 // getContactByPersonId answers CONTACTS_ERROR_NO_DATA for it.
 //
-// Example:
-//   auto fake = std::make_unique<FakeContactsService>();
-//   int kim = fake->addContact(FakeContactsService::person("Kim Minsu", "Minsu", "Kim")
-//                                  .withNumber("010-1234", CONTACTS_NUMBER_TYPE_CELL, true));
-//   fake->updateContact(kim, fake->contact(kim).favorite(true));  // version + 1, change "updated"
-//   fake->deleteContact(kim);                                     // version + 1, change "deleted"
-//   fake->fireChanged(kContactsContactViewUri);  // runs the callbacks registered for that view
-//
 // Connections: queries answer CONTACTS_ERROR_NOT_CONNECTED unless connect() is in effect or the
-// calling thread called connectOnThread() (setRequireConnection(false) lifts that). The counters
-// of connect/disconnect calls are kept for assertions. failNext() makes the next call of one
-// operation fail with a given code.
+// calling thread called connectOnThread() (setRequireConnection(false) lifts that). failNext()
+// makes the next call of one operation fail with a given code.
 //
-// Thread-safe: mutations, queries and counters may be used from any thread. Callbacks run on the
+// Thread-safe: mutations and queries may be used from any thread. Callbacks run on the
 // thread that calls fireChanged(), without the internal lock held.
 #pragma once
 
@@ -82,12 +73,6 @@ class FakeContactsService : public pelio::platform::ContactsService {
         RemoveChangedCallback,
     };
 
-    struct Registration {
-        std::string viewUri;
-        pelio::platform::ContactsChangedCallback cb;
-        void* userData;
-    };
-
     // A contact with a display name and first, last and middle (addition) name.
     static Contact person(std::string displayName, std::string first = {}, std::string last = {},
                           std::string middle = {});
@@ -112,21 +97,9 @@ class FakeContactsService : public pelio::platform::ContactsService {
     // The number ids of a contact, in order.
     std::vector<int> numberIds(int id) const;
     int version() const;
-    // Sets the version directly (e.g. to simulate a database that moved on); no change log entry.
-    void setVersion(int version);
 
-    // --- callbacks ---
     // Runs every callback registered for viewUri (exact uri); returns how many ran.
     int fireChanged(const std::string& viewUri);
-    std::vector<Registration> registrations() const;
-    int registrationCount(const std::string& viewUri) const;
-
-    // --- connections and failures ---
-    int connectCount() const;
-    int disconnectCount() const;
-    int connectOnThreadCount() const;
-    int disconnectOnThreadCount() const;
-    bool isConnected() const;  // connect() calls outnumber disconnect() calls
     void setRequireConnection(bool required);
     void failNext(Op op, int errorCode);
 
@@ -155,9 +128,14 @@ class FakeContactsService : public pelio::platform::ContactsService {
         int type;
         int version;
     };
+    struct Registration {
+        std::string viewUri;
+        pelio::platform::ContactsChangedCallback cb;
+        void* userData;
+    };
 
-    int takeFailure(Op op);                                    // 0 or the injected code; lock held
-    bool queryAllowed() const;                                 // lock held
+    int takeFailure(Op op);  // 0 or the injected code; lock held
+    int query(Op op);        // takeFailure, then NOT_CONNECTED without a connection; lock held
     void recordChange(int id, int type);                       // lock held
     void assignNumberIds(Contact& fresh, const Contact* old);  // lock held
 
@@ -170,9 +148,9 @@ class FakeContactsService : public pelio::platform::ContactsService {
     int nextId_ = 1;
     int nextNumberId_ = 1;
     std::vector<Registration> callbacks_;
-    int connects_ = 0, disconnects_ = 0, threadConnects_ = 0, threadDisconnects_ = 0;
-    std::map<std::thread::id, int> threadConnections_;
+    int connections_ = 0;
     bool requireConnection_ = true;
+    std::map<std::thread::id, int> threadConnections_;
     std::map<Op, int> failures_;
 };
 

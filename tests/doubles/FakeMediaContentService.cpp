@@ -37,29 +37,6 @@ int FakeMediaContentService::disconnect() {
     return pp::MEDIA_CONTENT_ERROR_NONE;
 }
 
-int FakeMediaContentService::getMediaList(const std::string&,
-                                          std::vector<pp::MediaInfoRecord>& out) {
-    out = songs;
-    return listError;
-}
-
-int FakeMediaContentService::getAlbumList(const std::string&,
-                                          std::vector<pp::MediaAlbumRecord>& out) {
-    out = albums;
-    return listError;
-}
-
-int FakeMediaContentService::getArtistList(const std::string&,
-                                           std::vector<pp::MediaArtistRecord>& out) {
-    out = artists;
-    return listError;
-}
-
-int FakeMediaContentService::getPlaylistList(std::vector<pp::MediaPlaylistRecord>& out) {
-    out = playlists;
-    return listError;
-}
-
 int FakeMediaContentService::getMediaFromDb(const std::string& mediaId, pp::MediaInfoRecord& out) {
     const long long id = std::strtoll(mediaId.c_str(), nullptr, 16);
     for (const auto& s : songs) {

@@ -25,16 +25,31 @@ class FakeMediaContentService : public pelio::platform::MediaContentService {
 
     int connect() override;
     int disconnect() override;
-    int getMediaList(const std::string& condition,
-                     std::vector<pelio::platform::MediaInfoRecord>& out) override;
-    int getAlbumList(const std::string& condition,
-                     std::vector<pelio::platform::MediaAlbumRecord>& out) override;
-    int getArtistList(const std::string& condition,
-                      std::vector<pelio::platform::MediaArtistRecord>& out) override;
-    int getPlaylistList(std::vector<pelio::platform::MediaPlaylistRecord>& out) override;
+    int getMediaList(const std::string&,
+                     std::vector<pelio::platform::MediaInfoRecord>& out) override {
+        return list(out, songs);
+    }
+    int getAlbumList(const std::string&,
+                     std::vector<pelio::platform::MediaAlbumRecord>& out) override {
+        return list(out, albums);
+    }
+    int getArtistList(const std::string&,
+                      std::vector<pelio::platform::MediaArtistRecord>& out) override {
+        return list(out, artists);
+    }
+    int getPlaylistList(std::vector<pelio::platform::MediaPlaylistRecord>& out) override {
+        return list(out, playlists);
+    }
     int getMediaFromDb(const std::string& mediaId, pelio::platform::MediaInfoRecord& out) override;
     int setDbUpdatedCallback(pelio::platform::MediaDbUpdatedCallback cb, void* data) override;
     int unsetDbUpdatedCallback() override;
+
+  private:
+    template <typename Record>
+    int list(std::vector<Record>& out, const std::vector<Record>& from) {
+        out = from;
+        return listError;
+    }
 };
 
 }  // namespace pelio::test

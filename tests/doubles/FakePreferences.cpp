@@ -8,7 +8,6 @@ using pelio::platform::PreferenceType;
 namespace pelio::test {
 
 int FakePreferences::enter(const std::string& operation) {
-    ++calls_[operation];
     auto it = failures_.find(operation);
     if (it == failures_.end() || it->second.second <= 0)
         return 0;
@@ -19,12 +18,6 @@ int FakePreferences::enter(const std::string& operation) {
 void FakePreferences::failNext(const std::string& operation, int code, int times) {
     std::lock_guard<std::mutex> guard(mutex_);
     failures_[operation] = {code, times};
-}
-
-int FakePreferences::calls(const std::string& operation) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    auto it = calls_.find(operation);
-    return it == calls_.end() ? 0 : it->second;
 }
 
 int FakePreferences::set(const std::string& op, const std::string& key, PreferenceType type,
@@ -39,14 +32,14 @@ int FakePreferences::set(const std::string& op, const std::string& key, Preferen
 }
 
 int FakePreferences::get(const std::string& op, const std::string& key, PreferenceType type,
-                         std::string& text) {
+                         const std::function<void(const std::string&)>& read) {
     std::lock_guard<std::mutex> guard(mutex_);
     if (int rc = enter(op))
         return rc;
     auto it = values_.find(key);
     if (it == values_.end() || it->second.first != type)
         return pelio::platform::PREFERENCE_ERROR_NO_KEY;
-    text = it->second.second;
+    read(it->second.second);
     return 0;
 }
 
@@ -54,11 +47,8 @@ int FakePreferences::setInt(const std::string& key, int value) {
     return set("setInt", key, PreferenceType::Int, std::to_string(value));
 }
 int FakePreferences::getInt(const std::string& key, int& value) {
-    std::string text;
-    int rc = get("getInt", key, PreferenceType::Int, text);
-    if (rc == 0)
-        value = std::atoi(text.c_str());
-    return rc;
+    return get("getInt", key, PreferenceType::Int,
+               [&](const std::string& t) { value = std::atoi(t.c_str()); });
 }
 int FakePreferences::setDouble(const std::string& key, double value) {
     char buf[64];
@@ -66,27 +56,21 @@ int FakePreferences::setDouble(const std::string& key, double value) {
     return set("setDouble", key, PreferenceType::Double, buf);
 }
 int FakePreferences::getDouble(const std::string& key, double& value) {
-    std::string text;
-    int rc = get("getDouble", key, PreferenceType::Double, text);
-    if (rc == 0)
-        value = std::strtod(text.c_str(), nullptr);
-    return rc;
+    return get("getDouble", key, PreferenceType::Double,
+               [&](const std::string& t) { value = std::strtod(t.c_str(), nullptr); });
 }
 int FakePreferences::setBoolean(const std::string& key, bool value) {
     return set("setBoolean", key, PreferenceType::Boolean, value ? "true" : "false");
 }
 int FakePreferences::getBoolean(const std::string& key, bool& value) {
-    std::string text;
-    int rc = get("getBoolean", key, PreferenceType::Boolean, text);
-    if (rc == 0)
-        value = text == "true";
-    return rc;
+    return get("getBoolean", key, PreferenceType::Boolean,
+               [&](const std::string& t) { value = t == "true"; });
 }
 int FakePreferences::setString(const std::string& key, const std::string& value) {
     return set("setString", key, PreferenceType::String, value);
 }
 int FakePreferences::getString(const std::string& key, std::string& value) {
-    return get("getString", key, PreferenceType::String, value);
+    return get("getString", key, PreferenceType::String, [&](const std::string& t) { value = t; });
 }
 int FakePreferences::isExisting(const std::string& key, bool& existing) {
     std::lock_guard<std::mutex> guard(mutex_);

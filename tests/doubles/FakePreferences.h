@@ -1,8 +1,9 @@
 // In-memory preference store for unit tests: typed values in a map, thread-safe. failNext()
-// makes the next calls of one operation fail with a given code; calls() counts each operation.
+// makes the next calls of one operation fail with a given code.
 #pragma once
 
 #include <pelio/platform/Preferences.h>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -25,19 +26,18 @@ class FakePreferences : public pelio::platform::Preferences {
 
     // The next `times` calls of operation ("setInt", "getString", "isExisting", ...) return code.
     void failNext(const std::string& operation, int code, int times = 1);
-    int calls(const std::string& operation) const;
 
   private:
-    int enter(const std::string& operation);  // counts; the injected failure code or 0
+    int enter(const std::string& operation);  // the injected failure code or 0; lock held
     int set(const std::string& op, const std::string& key, pelio::platform::PreferenceType type,
             const std::string& text);
+    // Hands the stored text of key to read when it has the type.
     int get(const std::string& op, const std::string& key, pelio::platform::PreferenceType type,
-            std::string& text);
+            const std::function<void(const std::string&)>& read);
 
     mutable std::mutex mutex_;
     std::map<std::string, std::pair<pelio::platform::PreferenceType, std::string>> values_;
     std::map<std::string, std::pair<int, int>> failures_;  // operation -> (code, times)
-    std::map<std::string, int> calls_;
 };
 
 }  // namespace pelio::test

@@ -1,8 +1,10 @@
 #include "doubles/FakeSystemSettings.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <iterator>
 
 namespace pp = pelio::platform;
 
@@ -36,12 +38,9 @@ int FakeSystemSettings::getBool(const std::string& key, bool& value) {
     std::string text;
     if (int rc = getString(key, text); rc != pp::SETTINGS_ERROR_NONE)
         return rc;
-    if (text == "true" || text == "1")
-        value = true;
-    else if (text == "false" || text == "0")
-        value = false;
-    else
+    if (text != "true" && text != "1" && text != "false" && text != "0")
         return pp::SETTINGS_ERROR_BAD_VALUE;
+    value = text == "true" || text == "1";
     return pp::SETTINGS_ERROR_NONE;
 }
 
@@ -86,30 +85,18 @@ int FakeSystemSettings::removeChangedCallback(const std::string& key,
     return removed > 0 ? pp::SETTINGS_ERROR_NONE : pp::SETTINGS_ERROR_INVALID_PARAMETER;
 }
 
-void FakeSystemSettings::erase(const std::string& key) {
-    {
-        std::lock_guard<std::mutex> guard(mutex_);
-        if (values_.erase(key) == 0)
-            return;
-    }
-    notify(key);
-}
-
 std::size_t FakeSystemSettings::callbackCount(const std::string& key) const {
     std::lock_guard<std::mutex> guard(mutex_);
-    std::size_t n = 0;
-    for (const auto& w : watchers_)
-        n += w.key == key ? 1 : 0;
-    return n;
+    return std::count_if(watchers_.begin(), watchers_.end(),
+                         [&](const Watcher& w) { return w.key == key; });
 }
 
 void FakeSystemSettings::notify(const std::string& key) {
     std::vector<Watcher> due;
     {
         std::lock_guard<std::mutex> guard(mutex_);
-        for (const auto& w : watchers_)
-            if (w.key == key)
-                due.push_back(w);
+        std::copy_if(watchers_.begin(), watchers_.end(), std::back_inserter(due),
+                     [&](const Watcher& w) { return w.key == key; });
     }
     for (const auto& w : due)
         w.cb(w.key.c_str(), w.userData);

@@ -26,8 +26,6 @@ class FakeSystemSettings : public pelio::platform::SystemSettings {
     int removeChangedCallback(const std::string& key,
                               pelio::platform::SettingChangedCallback cb) override;
 
-    // Removes a key (as if another process deleted it); its callbacks run.
-    void erase(const std::string& key);
     // Callbacks registered for key.
     std::size_t callbackCount(const std::string& key) const;
 

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Contacts end to end: a forced sync of three cards, then a differential sync of a changed, a new
 # and a deleted card; the status and PLM-id requests before and after; the voice app told once.
+# The device secret: created once (owner-only file), kept across restarts, only its hash on the
+# server, a wipe refused without it, and a new one binds after an operator's reset.
 source "$PELIO_SOURCE_DIR/tests/support/e2e-common.sh"
 e2e_setup
 book=$XDG_DATA_HOME/contacts/default
@@ -42,6 +44,23 @@ e2e_check "const b = byName('Bob Baker').meta_data, c = byName('Carol Clark').me
     return b.starred === false && b.phone[0].phonetype === '$work' && c.phone[0].phonetype === '$faxhome';" \
     "work and home-fax labels"
 
+secret_file=$XDG_DATA_HOME/com.quorvin.plmsvc/data/.orvane-device-secret
+[ "$(stat -c %a "$secret_file")" = 600 ] || e2e_fail "secret file mode $(stat -c %a "$secret_file")"
+secret=$(cat "$secret_file")
+device=$(curl -s --cacert "$STACK_CERT" "$STACK_PDS_URL/admin/calls" |
+    node -e 'console.log(JSON.parse(require("fs").readFileSync(0,"utf8"))[0].body.device_id)')
+stored=$(curl -s "$STACK_COUCH_URL/pds_devices/$(e2e_device_db)")
+echo "$stored" | grep -q "$(printf %s "$secret" | sha256sum | cut -c1-64)" || e2e_fail "no hash: $stored"
+echo "$stored" | grep -q "$secret" && e2e_fail "the server stored the secret itself"
+e2e_ok "the secret is kept owner-only; the server keeps only its hash, bound to the device"
+intrude() {  # OP SECRET-MEMBER -> HTTP status
+    curl -s -o /dev/null -w '%{http_code}' --cacert "$STACK_CERT" -X POST --data-binary \
+        "{\"device_id\":\"$device\"$2,\"locale\":\"en_US\",\"request\":{\"deleteall\":\"true\"}}" \
+        "$STACK_PDS_URL/pds/$1"
+}
+[ "$(intrude wipe ',"device_secret":"guess"')" = 403 ] || e2e_fail "wipe with a wrong secret"
+e2e_check "return docs.length === 3" "a wipe without the device's secret is refused"
+
 # The service ended itself after the sync; the request starts a new one, which has no upload
 # handler yet and so reports no PLM id (1) although the id is stored.
 out=$("$PELIOCTL" launch EVENT_TYPE=CHECK_STATUS EVENT_DATA=CONTACT) || e2e_fail "status launch"
@@ -73,3 +92,11 @@ e2e_ok "the voice app was not told again"
 out=$("$PELIOCTL" db) || e2e_fail "pelioctl db"
 echo "$out" | grep -q "CONTACTS_SYNC_STATUS_P=2" || e2e_fail "contacts status after the syncs: $out"
 e2e_ok "contacts status is in step (2)"
+[ "$(cat "$secret_file")" = "$secret" ] || e2e_fail "the secret changed"
+e2e_ok "a restarted service syncs with its secret"
+
+"$PELIO_BINARY_DIR/server/pds-server" reset-device --couch "$STACK_COUCH_URL" "$device" >/dev/null \
+    || e2e_fail "reset-device"
+[ "$(intrude open ',"device_secret":"a-new-secret"')" = 200 ] || e2e_fail "open after the reset"
+[ "$(intrude close ',"device_secret":"a-new-secret"')" = 200 ] || e2e_fail "close after the reset"
+e2e_ok "after the operator's reset a new secret binds"

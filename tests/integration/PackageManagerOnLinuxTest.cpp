@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "support/MainLoopWait.h"
 #include "support/TempHome.h"
 
 namespace pp = pelio::platform;
@@ -49,23 +50,9 @@ void onEvent(const char*, const char* package, pp::PackageEventType type,
     pp::quitMainLoop();
 }
 
-struct TimerDel {
-    void operator()(Ecore_Timer* t) const { ecore_timer_del(t); }
-};
-
 // Runs the main loop until events holds n entries or 20 seconds pass.
 void waitFor(const std::vector<Event>& events, size_t n) {
-    bool expired = false;
-    std::unique_ptr<Ecore_Timer, TimerDel> guard(ecore_timer_add(
-        20.0,
-        [](void* data) -> Eina_Bool {
-            *static_cast<bool*>(data) = true;
-            pp::quitMainLoop();
-            return ECORE_CALLBACK_RENEW;
-        },
-        &expired));
-    while (events.size() < n && !expired)
-        pp::runMainLoop();
+    pelio::test::runMainLoopUntil([&] { return events.size() >= n; });
 }
 
 }  // namespace
@@ -75,6 +62,7 @@ TEST(PackageManagerOnLinuxTest, ListsEntriesOfUserAndSystemFoldersWithTheirPrope
     pelio::test::LogCapture log;
     const std::string user = home.dataHome() + "/applications";
     const std::string system = home.path() + "/system/share/applications";
+    setenv("XDG_DATA_DIRS", (home.path() + "/system/share//").c_str(), 1);  // slashes trimmed
     writeEntry(user, "org.example.editor.desktop",
                "Name=Editor\nName[de]=Bearbeiter\nX-AppVersion=1.2\n");
     writeEntry(system, "com.quorvin.wlocate.desktop", "Name=Locate\n");

@@ -3,8 +3,6 @@
 // held to the same typed-value contract.
 #include <gtest/gtest.h>
 
-#include <Ecore.h>
-
 #include <pelio/platform/MainLoop.h>
 #include <pelio/platform/SystemSettings.h>
 #include <cstdlib>
@@ -15,6 +13,7 @@
 #include <vector>
 
 #include "doubles/FakeSystemSettings.h"
+#include "support/MainLoopWait.h"
 #include "support/TempHome.h"
 
 namespace pp = pelio::platform;
@@ -39,23 +38,9 @@ void onChanged(const char* key, void* data) {
     pp::quitMainLoop();
 }
 
-struct TimerDel {
-    void operator()(Ecore_Timer* t) const { ecore_timer_del(t); }
-};
-
 // Runs the main loop until seen holds n keys or 20 seconds pass.
 void waitFor(const Seen& seen, std::size_t n) {
-    bool expired = false;
-    std::unique_ptr<Ecore_Timer, TimerDel> guard(ecore_timer_add(
-        20.0,
-        [](void* data) -> Eina_Bool {
-            *static_cast<bool*>(data) = true;
-            pp::quitMainLoop();
-            return ECORE_CALLBACK_RENEW;  // deleted by its holder
-        },
-        &expired));
-    while (seen.keys.size() < n && !expired)
-        pp::runMainLoop();
+    pelio::test::runMainLoopUntil([&] { return seen.keys.size() >= n; });
 }
 
 // What the service relies on from any settings store, the Linux one and the in-memory double

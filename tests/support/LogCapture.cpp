@@ -2,14 +2,14 @@
 
 namespace pelio::test {
 
-LogCapture::LogCapture(bool quietStderr) : quiet_(quietStderr) {
-    if (quiet_) pelio::platform::setLogToStderr(false);
+LogCapture::LogCapture() {
+    pelio::platform::setLogToStderr(false);
     pelio::platform::addLogSink(this);
 }
 
 LogCapture::~LogCapture() {
     pelio::platform::removeLogSink(this);
-    if (quiet_) pelio::platform::setLogToStderr(true);
+    pelio::platform::setLogToStderr(true);
 }
 
 void LogCapture::write(int priority, const std::string& tag, const std::string& message) {
@@ -28,12 +28,15 @@ static bool endsWithMessage(const std::string& message, const std::string& text)
            message.compare(message.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-bool LogCapture::hasMessage(const std::string& text) const { return count(text) > 0; }
+bool LogCapture::hasMessage(const std::string& text) const {
+    return count(text) > 0;
+}
 
 bool LogCapture::hasMessage(int priority, const std::string& text) const {
     std::lock_guard<std::mutex> guard(mutex_);
     for (const auto& l : lines_)
-        if (l.priority == priority && endsWithMessage(l.message, text)) return true;
+        if (l.priority == priority && endsWithMessage(l.message, text))
+            return true;
     return false;
 }
 
@@ -41,14 +44,16 @@ int LogCapture::count(const std::string& text) const {
     std::lock_guard<std::mutex> guard(mutex_);
     int n = 0;
     for (const auto& l : lines_)
-        if (endsWithMessage(l.message, text)) ++n;
+        if (endsWithMessage(l.message, text))
+            ++n;
     return n;
 }
 
 bool LogCapture::contains(const std::string& fragment) const {
     std::lock_guard<std::mutex> guard(mutex_);
     for (const auto& l : lines_)
-        if (l.message.find(fragment) != std::string::npos) return true;
+        if (l.message.find(fragment) != std::string::npos)
+            return true;
     return false;
 }
 

@@ -1,22 +1,22 @@
-// Records the log lines written while it lives; thread-safe.
+// Records the log lines written while it lives, with the stderr copy switched off; thread-safe.
 #pragma once
 
-#include <mutex>
 #include <pelio/platform/Log.h>
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace pelio::test {
 
 class LogCapture : public pelio::platform::LogSink {
-public:
+  public:
     struct Line {
         int priority;
         std::string tag;
         std::string message;
     };
 
-    explicit LogCapture(bool quietStderr = true);
+    LogCapture();
     ~LogCapture() override;
     void write(int priority, const std::string& tag, const std::string& message) override;
 
@@ -30,10 +30,9 @@ public:
     bool contains(const std::string& fragment) const;
     void clear();
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<Line> lines_;
-    bool quiet_;
 };
 
 }  // namespace pelio::test

@@ -1,7 +1,8 @@
 // A throw-away self-signed TLS certificate for loopback test servers: CN localhost, subject
-// alternative names localhost, 127.0.0.1 and ::1, an EC P-256 key, valid for one day. Writes
-// cert.pem and key.pem into a fresh temporary directory, removed when the object is destroyed.
-// Throws std::runtime_error when OpenSSL or the file system fails.
+// alternative names localhost, 127.0.0.1 and ::1, an EC P-256 key, valid for one day, made by the
+// openssl command. Writes cert.pem and key.pem into a fresh temporary directory, removed when the
+// object is destroyed.
+// Throws std::runtime_error when openssl or the file system fails.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Assertions of the stack scripts (pds_gateway.sh, pds_hostile.sh). Source it, then:
+# Assertions of the stack script (pds_hostile.sh). Source it, then:
 #   check DESCRIPTION EXPECTED ACTUAL   prints ok/FAIL and counts failures in $failures
 #   js EXPRESSION                       evaluates a JavaScript expression over the JSON on stdin
 #                                       (bound to j); strings print bare, "NOT-JSON" for bad input

@@ -39,23 +39,11 @@ make_song() {
 }
 
 # One ID3v1 field: the text in Latin-1, cut or padded with NULs to width bytes.
-_id3v1_field() {
-  local bytes
-  bytes=$(printf '%s' "$1" | iconv -f UTF-8 -t LATIN1 | head -c "$2" | wc -c)
-  printf '%s' "$1" | iconv -f UTF-8 -t LATIN1 | head -c "$2"
-  head -c $(( $2 - bytes )) /dev/zero
-}
+_id3v1_field() { { printf '%s' "$1" | iconv -f UTF-8 -t LATIN1; head -c "$2" /dev/zero; } | head -c "$2"; }
 
 make_song_latin1() {
   make_song "$1" "" "" "" ""
-  {
-    printf 'TAG'
-    _id3v1_field "$2" 30
-    _id3v1_field "$3" 30
-    _id3v1_field "" 30
-    _id3v1_field "" 34
-    printf '\xff'
-  } >> "$1"
+  { printf 'TAG'; _id3v1_field "$2" 30; _id3v1_field "$3" 30; head -c 64 /dev/zero; printf '\xff'; } >> "$1"
 }
 
 make_song_utf16() {

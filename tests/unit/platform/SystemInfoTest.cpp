@@ -3,6 +3,8 @@
 #include <pelio/platform/SystemInfo.h>
 #include <filesystem>
 #include <fstream>
+#include <utility>
+#include <vector>
 
 using namespace pelio::platform;
 
@@ -33,42 +35,38 @@ class SystemInfoTest : public ::testing::Test {
     SystemInfoSources sources_;
 };
 
-TEST_F(SystemInfoTest, ModelNameFromDmiElseDeviceTree) {
+TEST_F(SystemInfoTest, EachKeyFromItsSourceAndErrorsWithoutOne) {
     int rc = 0;
-    EXPECT_EQ("<none>", get(kSystemKeyModelName, &rc));
-    EXPECT_EQ(SYSTEM_INFO_ERROR_IO_ERROR, rc);
+    for (const char* key : {kSystemKeyModelName, kSystemKeyBuildString, kSystemKeyDeviceId}) {
+        EXPECT_EQ("<none>", get(key, &rc)) << key;
+        EXPECT_EQ(SYSTEM_INFO_ERROR_IO_ERROR, rc) << key;
+    }
+    EXPECT_EQ("<none>", get("quorvin://system/other", &rc));
+    EXPECT_EQ(SYSTEM_INFO_ERROR_INVALID_PARAMETER, rc);
+
+    // Model name: DMI, else the device tree (NUL-terminated); a blank DMI name falls back.
     write(sources_.deviceTreeModel, std::string("Pine Watch Rev B") + '\0');
     EXPECT_EQ("Pine Watch Rev B", get(kSystemKeyModelName));
     write(sources_.productName, "ThinkPad X13\n");
     EXPECT_EQ("ThinkPad X13", get(kSystemKeyModelName));
-    write(sources_.productName, "  \n");  // blank: fall back
+    write(sources_.productName, "  \n");
     EXPECT_EQ("Pine Watch Rev B", get(kSystemKeyModelName));
-}
 
-TEST_F(SystemInfoTest, BuildStringFromOsRelease) {
-    int rc = 0;
-    get(kSystemKeyBuildString, &rc);
-    EXPECT_EQ(SYSTEM_INFO_ERROR_IO_ERROR, rc);
-    write(sources_.osRelease, "NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"13\"\nID=debian\n");
-    EXPECT_EQ("Debian GNU/Linux 13", get(kSystemKeyBuildString));
-    write(sources_.osRelease,
-          "NAME=Debian\nPRETTY_NAME=\"Debian GNU/Linux 13 (\\\"trixie\\\")\"\nVERSION_ID=13\n");
-    EXPECT_EQ("Debian GNU/Linux 13 (\"trixie\")", get(kSystemKeyBuildString));
-    write(sources_.osRelease, "VERSION_ID='42'\n");
-    EXPECT_EQ("42", get(kSystemKeyBuildString));
+    // Build string: PRETTY_NAME (unquoted, escapes undone), else NAME and VERSION_ID.
+    for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
+             {"NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"13\"\nID=debian\n", "Debian GNU/Linux 13"},
+             {"NAME=Debian\nPRETTY_NAME=\"Debian GNU/Linux 13 (\\\"trixie\\\")\"\nVERSION_ID=13\n",
+              "Debian GNU/Linux 13 (\"trixie\")"},
+             {"VERSION_ID='42'\n", "42"}}) {
+        write(sources_.osRelease, text);
+        EXPECT_EQ(expected, get(kSystemKeyBuildString)) << text;
+    }
     write(sources_.osRelease, "ID=x\n");
     get(kSystemKeyBuildString, &rc);
     EXPECT_EQ(SYSTEM_INFO_ERROR_IO_ERROR, rc);
-}
 
-TEST_F(SystemInfoTest, DeviceIdFromMachineIdAndUnknownKeys) {
-    int rc = 0;
-    get(kSystemKeyDeviceId, &rc);
-    EXPECT_EQ(SYSTEM_INFO_ERROR_IO_ERROR, rc);
     write(sources_.machineId, "0123456789abcdef0123456789abcdef\n");
     EXPECT_EQ("0123456789abcdef0123456789abcdef", get(kSystemKeyDeviceId));
-    EXPECT_EQ("<none>", get("quorvin://system/other", &rc));
-    EXPECT_EQ(SYSTEM_INFO_ERROR_INVALID_PARAMETER, rc);
 }
 
 }  // namespace

@@ -1,0 +1,29 @@
+// Running the platform main loop until a condition holds, for integration tests whose callbacks
+// arrive on the loop. Header-only; the main loop's thread only.
+#pragma once
+
+#include <Ecore.h>
+
+#include <pelio/platform/MainLoop.h>
+
+#include <functional>
+#include <memory>
+
+namespace pelio::test {
+
+// Runs the loop until done() holds or `seconds` pass. The callbacks that make done() true must
+// call pelio::platform::quitMainLoop() so that the loop returns to check it.
+inline void runMainLoopUntil(const std::function<bool()>& done, double seconds = 20.0) {
+    bool expired = false;
+    const auto onExpiry = [](void* data) -> Eina_Bool {
+        *static_cast<bool*>(data) = true;
+        pelio::platform::quitMainLoop();
+        return ECORE_CALLBACK_RENEW;  // deleted by its holder
+    };
+    std::unique_ptr<Ecore_Timer, decltype(&ecore_timer_del)> guard(
+        ecore_timer_add(seconds, onExpiry, &expired), &ecore_timer_del);
+    while (!done() && !expired)
+        pelio::platform::runMainLoop();
+}
+
+}  // namespace pelio::test
