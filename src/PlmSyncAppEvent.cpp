@@ -13,6 +13,7 @@
 #include "pref/PrefMgr.h"
 #include "upload/PLMSyncManager.h"
 #include "upload/PLMSyncMasterTable.h"
+#include "utils/MainLoopOnly.h"
 #include "utils/PLMUtils.h"
 
 using pelio::platform::AppControl;
@@ -215,6 +216,7 @@ void plmsync_sync_reply_plm_id(const AppControl* request, const std::string& typ
 
 void plmsync_handle_app_event(const AppControl& app_control, void* user_data) {
     (void)user_data;
+    expectMainLoop("plmsync_handle_app_event");
     LOGD("caller id matched");
     std::string value;
 

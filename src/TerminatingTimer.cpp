@@ -4,6 +4,7 @@
 
 #include "LifecycleHooks.h"
 #include "PelioLog.h"
+#include "utils/MainLoopOnly.h"
 
 using pelio::platform::TimerAction;
 
@@ -49,6 +50,7 @@ void TerminatingTimer::setHooks(std::function<bool()> syncInProgress,
 }
 
 void TerminatingTimer::start() {
+    expectMainLoop("TerminatingTimer::start");
     timer_.reset();
     refreshCount_ = 0;
     timer_ = pelio::platform::timers().addRepeating(kPeriodSeconds, [this] { return tick(); });
@@ -57,6 +59,7 @@ void TerminatingTimer::start() {
 }
 
 void TerminatingTimer::deleteTimer() {
+    expectMainLoop("TerminatingTimer::deleteTimer");
     timer_.reset();
 }
 

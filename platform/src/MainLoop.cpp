@@ -92,6 +92,10 @@ bool onMainLoopThread() {
     return g_depth.load() > 0 && eina_main_loop_is();
 }
 
+bool offMainLoopThread() {
+    return g_depth.load() > 0 && !eina_main_loop_is();
+}
+
 bool runOnMainLoop(std::function<void()> fn) {
     if (g_depth.load() == 0)
         return false;

@@ -27,6 +27,9 @@ void quitMainLoop();
 void quitMainLoopOnSignals();
 // True on the thread that initialised the loop.
 bool onMainLoopThread();
+// True when a loop is initialised and the caller is on another thread: what main-loop-only code
+// checks on entry (without a loop, as in unit tests, any thread is the loop's).
+bool offMainLoopThread();
 // Runs fn on the main loop thread: at once when called there, otherwise queued to the loop
 // (thread-safe). Returns false when no loop is initialised (fn is dropped).
 bool runOnMainLoop(std::function<void()> fn);
