@@ -107,7 +107,8 @@ TEST_F(SyncManagerTest, OpenFailuresRetryOnceAndPauseOnlyForGenericErrors) {
     EXPECT_TRUE(manager->isSyncInProgress());
 }
 
-TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainButKeepsEarlierResults) {
+// The part never answered leaves the domain failed after the close, so it is sent again.
+TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainKeepsEarlierResultsAndFailsItAfterTheClose) {
     PLMSyncManager* manager = start(false);
     bodies_[3] = {"a", "b", "c"};
     configureUploader_ = [](FakeUploader& u) {
@@ -118,6 +119,8 @@ TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainButKeepsEarlierResults) {
     EXPECT_TRUE(log.hasMessage("syncResult->jsonResponse has no length"));
     EXPECT_EQ(uploader_->posted, (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(manager->syncResultCount(), 1u);
+    manager->closeSessionAndApplyOutcomes();
+    EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
 }
 
 TEST_F(SyncManagerTest, CloseRetriesWithPausesThenMarksEveryPostedDomainFailed) {
