@@ -262,8 +262,7 @@ TEST_F(ContactsJsonComposerTest, LabelsFollowTheTypeBits) {
         {T::CONTACTS_NUMBER_TYPE_MAIN | T::CONTACTS_NUMBER_TYPE_HOME, "main"},
         {T::CONTACTS_NUMBER_TYPE_HOME, label("contact_home")},
         {T::CONTACTS_NUMBER_TYPE_WORK, label("contact_work")},
-        {T::CONTACTS_NUMBER_TYPE_MSG, label("contact_other")},
-        {0, label("contact_other")}};
+        {T::CONTACTS_NUMBER_TYPE_MSG, label("contact_other")}};
     for (const auto& [bits, expected] : cases)
         EXPECT_EQ(ContactsJsonComposer::getTypeString(bits), expected) << bits;
 }
