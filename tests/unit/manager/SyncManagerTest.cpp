@@ -107,7 +107,8 @@ TEST_F(SyncManagerTest, OpenFailuresRetryOnceAndPauseOnlyForGenericErrors) {
     EXPECT_TRUE(manager->isSyncInProgress());
 }
 
-TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainButKeepsEarlierResults) {
+// The part never answered leaves the domain failed after the close, so it is sent again.
+TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainKeepsEarlierResultsAndFailsItAfterTheClose) {
     PLMSyncManager* manager = start(false);
     bodies_[3] = {"a", "b", "c"};
     configureUploader_ = [](FakeUploader& u) {
@@ -118,6 +119,8 @@ TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainButKeepsEarlierResults) {
     EXPECT_TRUE(log.hasMessage("syncResult->jsonResponse has no length"));
     EXPECT_EQ(uploader_->posted, (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(manager->syncResultCount(), 1u);
+    manager->closeSessionAndApplyOutcomes();
+    EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
 }
 
 TEST_F(SyncManagerTest, CloseRetriesWithPausesThenMarksEveryPostedDomainFailed) {
@@ -156,7 +159,7 @@ TEST_F(SyncManagerTest, CloseSucceedingOnRetryAppliesOutcomesAndRecordsPlmId) {
     EXPECT_FALSE(manager->hasPlmId(1));
 }
 
-TEST_F(SyncManagerTest, StatusKeysClearServerAndCellularChanges) {
+TEST_F(SyncManagerTest, StatusKeysAndClearServer) {
     PLMSyncManager* manager = start(false);
     // The overall status is "2" only when no domain is waiting or failed.
     statuses("2", "2", "1");
@@ -173,11 +176,6 @@ TEST_F(SyncManagerTest, StatusKeysClearServerAndCellularChanges) {
     manager->update_preference_status_on_sync_fail(4);
     EXPECT_TRUE(log.hasMessage("Not supported key value"));
     EXPECT_EQ(status(plm::ALL_SYNC_STATUS_P), "2");
-
-    // A cellular change asks only the waiting domains.
-    statuses("2", "0", "1");
-    manager->cellular_changed();
-    EXPECT_EQ(domainRequests_, (Requests{{3, 98}}));
 
     prefs_->setBoolean(plm::PLMConstants::IS_FORCE, true);
     prefs_->setString(plm::PREF_SYNC_SYSTEM_VERSION, "v9");

@@ -117,19 +117,6 @@ TEST_F(SyncOutcomeTest, UnreadableOrMissingAnswersLeaveRowsDirtyAndTheDomainFail
     EXPECT_EQ(query("SELECT rev_id, dirty FROM contacts"), (std::vector<std::string>{"1-q|4"}));
 }
 
-TEST_F(SyncOutcomeTest, APartThatWasNeverPostedFailsTheDomainAfterTheClose) {
-    bodies_[3] = {"{\"docs\":[1]}", "{\"docs\":[2]}"};
-    configureUploader_ = [](FakeUploader& up) {
-        up.answer = [](const std::string& body) {
-            return body.find("[1]") != std::string::npos ? std::string("[]") : std::string();
-        };
-    };
-    PLMSyncManager* manager = start(false);
-    EXPECT_FALSE(manager->composeAndSync(3));
-    manager->closeSessionAndApplyOutcomes();
-    EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
-}
-
 TEST_F(SyncOutcomeTest, DirtyFlagResetDeletesUpdatedRowsAndSyncsTheRest) {
     start(false);
     exec("INSERT INTO contacts(_id, dirty) VALUES('1', 1), ('2', 3), ('3', 4)");

@@ -14,8 +14,8 @@ namespace {
 class DbManagerTest : public StoreTest {
   protected:
     int rowCount(const std::string& table) {
-        auto rows = sqlRows(dbPath(), "SELECT count(*) FROM " + table);
-        return rows.empty() ? -1 : std::stoi(rows[0][0]);
+        auto rows = query("SELECT count(*) FROM " + table);
+        return rows.empty() ? -1 : std::stoi(rows[0]);
     }
     void insertContact(const std::string& id, const std::string& contactId, const char* dirty) {
         Bundle r;
@@ -49,27 +49,24 @@ TEST_F(DbManagerTest, FirstStartCreatesTheFileWithTheFiveTables) {
     EXPECT_EQ(dbPath(), DbManager::databasePath());
     // SQLite keeps each definition as written, minus "if not exists" and the text after ")".
     const Rows expected = {
-        {"contacts",
-         "CREATE TABLE contacts(_id TEXT NOT NULL ,rev_id TEXT ,dirty INTEGER ,device_mode "
-         "INTEGER,contact_id   LONG,confirmed_alias TEXT ,confirmed_phonetic_alias   TEXT ,version "
-         "  INTEGER )"},
-        {"audio",
-         "CREATE TABLE audio(_id INTEGER PRIMARY KEY AUTOINCREMENT,rev_id TEXT,dirty "
-         "INTEGER,device_mode INTEGER,audio_id LONG ,date_added LONG ,type INTEGER,artist_name "
-         "TEXT,album_name TEXT)"},
-        {"audio_playlist",
-         "CREATE TABLE audio_playlist(playlist_id INTEGER PRIMARY KEY,rev_id TEXT,dirty "
-         "INTEGER,name TEXT,playlist_songs_count INTEGER)"},
-        {"master",
-         "CREATE TABLE master(_id INTEGER PRIMARY KEY AUTOINCREMENT,key TEXT NOT NULL,value TEXT)"},
-        {"application",
-         "CREATE TABLE application(_id  TEXT NOT NULL,rev_id TEXT,version TEXT,device_mode "
-         "INTEGER,name TEXT,custom_id TEXT,package TEXT NOT NULL,pre_installed INT,dirty "
-         "INTEGER)"},
+        "contacts|CREATE TABLE contacts(_id TEXT NOT NULL ,rev_id TEXT ,dirty INTEGER ,device_mode "
+        "INTEGER,contact_id   LONG,confirmed_alias TEXT ,confirmed_phonetic_alias   TEXT ,version "
+        "  INTEGER )",
+        "audio|CREATE TABLE audio(_id INTEGER PRIMARY KEY AUTOINCREMENT,rev_id TEXT,dirty "
+        "INTEGER,device_mode INTEGER,audio_id LONG ,date_added LONG ,type INTEGER,artist_name "
+        "TEXT,album_name TEXT)",
+        "audio_playlist|CREATE TABLE audio_playlist(playlist_id INTEGER PRIMARY KEY,rev_id "
+        "TEXT,dirty "
+        "INTEGER,name TEXT,playlist_songs_count INTEGER)",
+        "master|CREATE TABLE master(_id INTEGER PRIMARY KEY AUTOINCREMENT,key TEXT NOT NULL,value "
+        "TEXT)",
+        "application|CREATE TABLE application(_id  TEXT NOT NULL,rev_id TEXT,version "
+        "TEXT,device_mode "
+        "INTEGER,name TEXT,custom_id TEXT,package TEXT NOT NULL,pre_installed INT,dirty "
+        "INTEGER)",
     };
-    EXPECT_EQ(expected, sqlRows(dbPath(),
-                                "SELECT name, sql FROM sqlite_master WHERE type = 'table' "
-                                "AND name NOT LIKE 'sqlite_%' ORDER BY rowid"));
+    EXPECT_EQ(expected, query("SELECT name, sql FROM sqlite_master WHERE type = 'table' "
+                              "AND name NOT LIKE 'sqlite_%' ORDER BY rowid"));
 
     // CREATE through the protocol runs the same statements again, harmlessly, adding no record.
     Bundle r;
@@ -85,14 +82,14 @@ TEST_F(DbManagerTest, InsertQuotesValuesAndUpdateEmbedsThemVerbatim) {
                              {{"WHERE", "_id = ?"}, {"WHERE_ARGS", "(TEXT)c1"}}),
                      &r));
     EXPECT_EQ("SUCCESS", strOf(r, "record0"));
-    EXPECT_EQ((Rows{{"c1", "1-abc", "4", "41"}}),
-              sqlRows(dbPath(), "SELECT _id, rev_id, dirty, contact_id FROM contacts"));
+    EXPECT_EQ((Rows{"c1|1-abc|4|41"}),
+              query("SELECT _id, rev_id, dirty, contact_id FROM contacts"));
 
     // DELETE with an INTEGER placeholder.
     insertContact("c2", "42", "1");
     EXPECT_EQ(0, run(request("DELETE", "contacts", {},
                              {{"WHERE", "contact_id = ?"}, {"WHERE_ARGS", "(INTEGER)41"}})));
-    EXPECT_EQ((Rows{{"c2"}}), sqlRows(dbPath(), "SELECT _id FROM contacts"));
+    EXPECT_EQ((Rows{"c2"}), query("SELECT _id FROM contacts"));
 }
 
 TEST_F(DbManagerTest, SelectReturnsEncodedRowsWithNullAsTextAndBlobOnlyInTheFirstRow) {
@@ -229,7 +226,7 @@ TEST_F(DbManagerTest, FailingRequestsLogTheirSqlTextAndMessages) {
         }
     }
     EXPECT_EQ(0, rowCount("master"));
-    EXPECT_EQ((Rows{{"a", "1"}}), sqlRows(dbPath(), "SELECT _id, dirty FROM contacts"));
+    EXPECT_EQ((Rows{"a|1"}), query("SELECT _id, dirty FROM contacts"));
 }
 
 TEST_F(DbManagerTest, NonNumericColumnCountThrowsAndReleasesTheLock) {
@@ -260,8 +257,7 @@ TEST_F(DbManagerTest, OnlyTheFirstTransactionCommitsWithoutBeingMarked) {
     insertInTransaction("second", false);
     insertInTransaction("third", true);
     insertInTransaction("fourth", false);
-    EXPECT_EQ((Rows{{"first"}, {"third"}}),
-              sqlRows(dbPath(), "SELECT key FROM master ORDER BY _id"));
+    EXPECT_EQ((Rows{"first", "third"}), query("SELECT key FROM master ORDER BY _id"));
 
     // Outside multi-query mode the direct calls have no connection.
     Bundle req = makeRequest({{"OPERATION_KEY", "UPDATE"}}), res;

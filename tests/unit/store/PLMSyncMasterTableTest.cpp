@@ -32,8 +32,8 @@ TEST_F(MasterTableTest, SetInsertsNewKeysAndUpdatesExistingOnesInPlace) {
     EXPECT_EQ(0, master_set_string("PLM_SYNC_DEVICE_ID", "abc def"));
     EXPECT_EQ(0, master_set_string("CONTACTS_SYNC_STATUS_P", "2"));
     EXPECT_EQ("2", get("CONTACTS_SYNC_STATUS_P"));
-    EXPECT_EQ((Rows{{"CONTACTS_SYNC_STATUS_P", "2"}, {"PLM_SYNC_DEVICE_ID", "abc def"}}),
-              sqlRows(dbPath(), "SELECT key, value FROM master ORDER BY _id"));
+    EXPECT_EQ((Rows{"CONTACTS_SYNC_STATUS_P|2", "PLM_SYNC_DEVICE_ID|abc def"}),
+              query("SELECT key, value FROM master ORDER BY _id"));
 
     // The update embeds the value bare: text that is not a literal cannot replace a stored value.
     EXPECT_EQ(-1, master_set_string("PLM_SYNC_DEVICE_ID", "new id"));

@@ -19,14 +19,8 @@ TEST(PathConfigTest, PathsAreThePlatformDirectoryFollowedByTheRelativePart) {
     const std::string root = paths->root();
     EXPECT_EQ(root + "data/", PathConfig::GetDataPath());
     EXPECT_EQ(root + "data/dump.txt", PathConfig::GetDataPath("dump.txt"));
-    EXPECT_EQ(root + "shared/data/x", PathConfig::GetSharedDataPath("x"));
     EXPECT_EQ(root + "shared/trusted/databases/.orvane.db",
               PathConfig::GetSharedTrustedPath("databases/.orvane.db"));
-    EXPECT_EQ(root + "res/", PathConfig::GetResourcePath());
-    EXPECT_EQ(root + "res/shared/y", PathConfig::GetSharedResourcePath("y"));
-    EXPECT_EQ(root + "res/edje/orvane-main.edj", PathConfig::GetLayoutFilePath("main"));
-    EXPECT_EQ(root + "res/edje/main.edj", PathConfig::GetLayoutFilePathPlain("main"));
-    EXPECT_EQ(root + "res/shared/tables/t1", PathConfig::GetTableFilePath("t1"));
 
     PathConfig::MakeAppSubDir();
     PathConfig::MakeAppSubDir();  // twice is harmless
@@ -38,7 +32,6 @@ TEST(PathConfigTest, PathsAreThePlatformDirectoryFollowedByTheRelativePart) {
     LogCapture log;
     paths->setAvailable(false);
     EXPECT_EQ("", PathConfig::GetDataPath("dump.txt"));
-    EXPECT_EQ("", PathConfig::GetLayoutFilePath("main"));
     PathConfig::MakeAppSubDir();
     EXPECT_TRUE(log.contains("mkdir for databases failed ("));
     pelio::platform::installAppPaths(nullptr);

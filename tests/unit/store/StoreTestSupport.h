@@ -1,6 +1,6 @@
 // Helpers of the local-store unit tests: a fresh database in a temporary directory behind the
 // fake application paths, request bundles from key/value lists, decoded result rows, and rows
-// read straight from the database file.
+// read straight from the database file (columns joined with '|').
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@
 namespace pelio::test {
 
 using Request = std::vector<std::pair<std::string, std::string>>;
-using Rows = std::vector<std::vector<std::string>>;
+using Rows = std::vector<std::string>;
 
 inline pelio::platform::Bundle makeRequest(const Request& pairs) {
     pelio::platform::Bundle b;
@@ -59,29 +59,36 @@ inline std::string strOf(const pelio::platform::Bundle& b, const std::string& ke
     return b.getStr(key, v) == 0 ? v : std::string("<absent>");
 }
 
-// Rows of a query run straight on a database file (outside DbManager), each cell as text or
-// "NULL"; empty when the file cannot be opened or the query fails.
-inline Rows sqlRows(const std::string& path, const std::string& sql) {
-    Rows rows;
+// Runs SQL on the shadow database directly.
+inline void exec(const std::string& sql) {
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-        sqlite3_close(db);
-        return rows;
-    }
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK) {
-        while (sqlite3_step(stmt) == SQLITE_ROW) {
-            std::vector<std::string> row;
-            for (int c = 0; c < sqlite3_column_count(stmt); ++c) {
-                const unsigned char* t = sqlite3_column_text(stmt, c);
-                row.push_back(t ? reinterpret_cast<const char*>(t) : "NULL");
-            }
-            rows.push_back(row);
-        }
-    }
-    sqlite3_finalize(stmt);
+    ASSERT_EQ(sqlite3_open(DbManager::databasePath().c_str(), &db), SQLITE_OK);
+    char* err = nullptr;
+    const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
+    const std::string message = err ? err : "";
+    sqlite3_free(err);
     sqlite3_close(db);
-    return rows;
+    ASSERT_EQ(rc, SQLITE_OK) << message;
+}
+
+// The rows of a query, columns joined with '|' (NULL shown as "").
+inline std::vector<std::string> query(const std::string& sql) {
+    std::vector<std::string> out;
+    sqlite3* db = nullptr;
+    if (sqlite3_open(DbManager::databasePath().c_str(), &db) == SQLITE_OK) {
+        sqlite3_exec(
+            db, sql.c_str(),
+            [](void* sink, int n, char** values, char**) {
+                std::string row;
+                for (int i = 0; i < n; ++i)
+                    row += (i > 0 ? "|" : "") + std::string(values[i] ? values[i] : "");
+                static_cast<std::vector<std::string>*>(sink)->push_back(row);
+                return 0;
+            },
+            &out, nullptr);
+    }
+    sqlite3_close(db);
+    return out;
 }
 
 class StoreTest : public ::testing::Test {

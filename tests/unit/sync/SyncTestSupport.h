@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 #include <json-glib/json-glib.h>
-#include <sqlite3.h>
 
 #include <map>
 #include <memory>
@@ -19,7 +18,6 @@
 #include <pelio/platform/Preferences.h>
 
 #include "SyncHandlers/SyncHandlerHost.h"
-#include "database/DbManager.h"
 #include "doubles/FakeAppPaths.h"
 #include "doubles/FakeContactsService.h"
 #include "doubles/FakePreferences.h"
@@ -27,6 +25,7 @@
 #include "support/Installed.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
+#include "unit/store/StoreTestSupport.h"
 
 namespace pelio::test {
 
@@ -98,38 +97,6 @@ inline std::string str(JsonObject* object, const char* key) {
 }
 inline JsonObject* meta(JsonObject* doc) {
     return json_object_get_object_member(doc, "meta_data");
-}
-
-// Runs SQL on the shadow database directly.
-inline void exec(const std::string& sql) {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(DbManager::databasePath().c_str(), &db), SQLITE_OK);
-    char* err = nullptr;
-    const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
-    const std::string message = err ? err : "";
-    sqlite3_free(err);
-    sqlite3_close(db);
-    ASSERT_EQ(rc, SQLITE_OK) << message;
-}
-
-// The rows of a query, columns joined with '|' (NULL shown as "").
-inline std::vector<std::string> query(const std::string& sql) {
-    std::vector<std::string> out;
-    sqlite3* db = nullptr;
-    if (sqlite3_open(DbManager::databasePath().c_str(), &db) == SQLITE_OK) {
-        sqlite3_exec(
-            db, sql.c_str(),
-            [](void* sink, int n, char** values, char**) {
-                std::string row;
-                for (int i = 0; i < n; ++i)
-                    row += (i > 0 ? "|" : "") + std::string(values[i] ? values[i] : "");
-                static_cast<std::vector<std::string>*>(sink)->push_back(row);
-                return 0;
-            },
-            &out, nullptr);
-    }
-    sqlite3_close(db);
-    return out;
 }
 
 class SyncStoreTest : public ::testing::Test {
