@@ -26,12 +26,6 @@ int FakeServiceApp::removeEventHandler(pp::AppEventHandlerId id) {
     return handlers_.erase(id) ? pp::APP_ERROR_NONE : pp::APP_ERROR_INVALID_PARAMETER;
 }
 
-void FakeServiceApp::raise(pp::AppEventType type) {
-    for (const auto& [id, h] : handlers_)
-        if (h.type == type)
-            h.cb(nullptr, h.userData);
-}
-
 namespace {
 class ManualTimer : public pp::Timer {
   public:

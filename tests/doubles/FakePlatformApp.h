@@ -17,7 +17,7 @@
 
 namespace pelio::test {
 
-// Records exit requests and lets a test raise the system events.
+// Records exit requests and event handlers.
 class FakeServiceApp : public pelio::platform::ServiceApp {
   public:
     int main(int argc, char** argv, const pelio::platform::ServiceAppLifecycleCallbacks& callbacks,
@@ -26,8 +26,6 @@ class FakeServiceApp : public pelio::platform::ServiceApp {
                         void* userData, pelio::platform::AppEventHandlerId& id) override;
     int removeEventHandler(pelio::platform::AppEventHandlerId id) override;
     void exit() override { ++exitCount; }
-
-    void raise(pelio::platform::AppEventType type);
     int exitCount = 0;
 
   private:

@@ -73,8 +73,6 @@ TEST_F(StoreOnLinuxTest, PreferencesOfTheServicePersistAndAreReadableByOthers) {
     EXPECT_EQ(11u, seen.size());
     EXPECT_EQ((std::pair<std::string, std::string>{"int", "8443"}), seen["port"]);
     EXPECT_EQ((std::pair<std::string, std::string>{"bool", "true"}), seen["is_force"]);
-    EXPECT_EQ((std::pair<std::string, std::string>{"int", "0"}), seen["sync_need"]);
-    EXPECT_EQ((std::pair<std::string, std::string>{"string", ""}), seen["plm_id"]);
 
     // Another home: the default store follows the environment.
     {
