@@ -335,10 +335,6 @@ TEST_F(ContactsServiceTest, FolderChangeRunsCallbacksOnMainLoop) {
               CONTACTS_ERROR_NONE);
     EXPECT_EQ(svc.removeChangedCallback(kContactsPersonViewUri, recordChange, &person),
               CONTACTS_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(svc.removeChangedCallback(kContactsContactViewUri, recordChange, &contact),
-              CONTACTS_ERROR_NONE);
-    EXPECT_EQ(svc.removeChangedCallback(kContactsPhoneLogViewUri, recordChange, &phoneLog),
-              CONTACTS_ERROR_NONE);
     EXPECT_EQ(svc.disconnect(), CONTACTS_ERROR_NONE);
     installContactsService(nullptr);  // the watcher goes before the main loop does
 }

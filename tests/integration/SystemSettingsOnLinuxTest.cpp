@@ -29,7 +29,6 @@ void onChanged(const char* key, void* data) {
     pp::quitMainLoop();
 }
 
-// Runs the main loop until seen holds n keys or 20 seconds pass.
 void waitFor(const Seen& seen, std::size_t n) {
     pelio::test::runMainLoopUntil([&] { return seen.keys.size() >= n; });
 }
