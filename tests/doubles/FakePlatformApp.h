@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,12 +30,7 @@ class FakeServiceApp : public pelio::platform::ServiceApp {
     int exitCount = 0;
 
   private:
-    struct Handler {
-        pelio::platform::AppEventType type;
-        pelio::platform::AppEventCallback cb;
-        void* userData;
-    };
-    std::map<int, Handler> handlers_;
+    std::set<int> handlers_;  // ids of the registered handlers
     int lastId_ = 0;
 };
 
