@@ -94,12 +94,6 @@ void FakeContactsService::commitBatch() {
     batch_.clear();
 }
 
-FakeContactsService::Contact FakeContactsService::contact(int id) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    auto it = contacts_.find(id);
-    return it == contacts_.end() ? Contact{} : it->second.data;
-}
-
 std::vector<int> FakeContactsService::numberIds(int id) const {
     std::lock_guard<std::mutex> guard(mutex_);
     std::vector<int> ids;
@@ -138,18 +132,12 @@ void FakeContactsService::failNext(Op op, int errorCode) {
     failures_[op] = errorCode;
 }
 
-int FakeContactsService::takeFailure(Op op) {
-    auto it = failures_.find(op);
-    if (it == failures_.end())
-        return CONTACTS_ERROR_NONE;
-    const int code = it->second;
-    failures_.erase(it);
-    return code;
-}
-
 int FakeContactsService::query(Op op) {
-    if (int rc = takeFailure(op))
-        return rc;
+    if (auto f = failures_.find(op); f != failures_.end()) {
+        const int code = f->second;
+        failures_.erase(f);
+        return code;
+    }
     auto it = threadConnections_.find(std::this_thread::get_id());
     const bool connected = !requireConnection_ || connections_ > 0 ||
                            (it != threadConnections_.end() && it->second > 0);
@@ -158,16 +146,12 @@ int FakeContactsService::query(Op op) {
 
 int FakeContactsService::connect() {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = takeFailure(Op::Connect))
-        return rc;
     ++connections_;
     return CONTACTS_ERROR_NONE;
 }
 
 int FakeContactsService::disconnect() {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = takeFailure(Op::Disconnect))
-        return rc;
     if (connections_ == 0)
         return CONTACTS_ERROR_NOT_CONNECTED;
     --connections_;
@@ -176,16 +160,12 @@ int FakeContactsService::disconnect() {
 
 int FakeContactsService::connectOnThread() {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = takeFailure(Op::ConnectOnThread))
-        return rc;
     ++threadConnections_[std::this_thread::get_id()];
     return CONTACTS_ERROR_NONE;
 }
 
 int FakeContactsService::disconnectOnThread() {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = takeFailure(Op::DisconnectOnThread))
-        return rc;
     int& count = threadConnections_[std::this_thread::get_id()];
     if (count == 0)
         return CONTACTS_ERROR_NOT_CONNECTED;
@@ -256,8 +236,6 @@ int FakeContactsService::getContactByPersonId(int personId, ContactRecord& recor
 int FakeContactsService::addChangedCallback(const std::string& viewUri, ContactsChangedCallback cb,
                                             void* userData) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = takeFailure(Op::AddChangedCallback))
-        return rc;
     if (cb == nullptr || viewUri.empty())
         return CONTACTS_ERROR_INVALID_PARAMETER;
     callbacks_.push_back({viewUri, cb, userData});
@@ -267,8 +245,6 @@ int FakeContactsService::addChangedCallback(const std::string& viewUri, Contacts
 int FakeContactsService::removeChangedCallback(const std::string& viewUri,
                                                ContactsChangedCallback cb, void* userData) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = takeFailure(Op::RemoveChangedCallback))
-        return rc;
     auto it = std::find_if(callbacks_.begin(), callbacks_.end(), [&](const Registration& r) {
         return r.viewUri == viewUri && r.cb == cb && r.userData == userData;
     });

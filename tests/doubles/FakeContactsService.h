@@ -10,7 +10,7 @@
 //
 // Connections: queries answer CONTACTS_ERROR_NOT_CONNECTED unless connect() is in effect or the
 // calling thread called connectOnThread() (setRequireConnection(false) lifts that). failNext()
-// makes the next call of one operation fail with a given code.
+// makes the next call of one query fail with a given code.
 //
 // Thread-safe: mutations and queries may be used from any thread. Callbacks run on the
 // thread that calls fireChanged(), without the internal lock held.
@@ -59,19 +59,8 @@ class FakeContactsService : public pelio::platform::ContactsService {
         }
     };
 
-    // Operations that failNext() can make fail.
-    enum class Op {
-        Connect,
-        Disconnect,
-        ConnectOnThread,
-        DisconnectOnThread,
-        GetCurrentVersion,
-        GetAllContacts,
-        GetChangesByVersion,
-        GetContactByPersonId,
-        AddChangedCallback,
-        RemoveChangedCallback,
-    };
+    // Queries that failNext() can make fail.
+    enum class Op { GetCurrentVersion, GetAllContacts, GetChangesByVersion, GetContactByPersonId };
 
     // A contact with a display name and first, last and middle (addition) name.
     static Contact person(std::string displayName, std::string first = {}, std::string last = {},
@@ -92,8 +81,6 @@ class FakeContactsService : public pelio::platform::ContactsService {
     void beginBatch();
     void commitBatch();
 
-    // The stored data of a live or deleted contact (numbers with their ids); empty when unknown.
-    Contact contact(int id) const;
     // The number ids of a contact, in order.
     std::vector<int> numberIds(int id) const;
     int version() const;
@@ -134,8 +121,7 @@ class FakeContactsService : public pelio::platform::ContactsService {
         void* userData;
     };
 
-    int takeFailure(Op op);  // 0 or the injected code; lock held
-    int query(Op op);        // takeFailure, then NOT_CONNECTED without a connection; lock held
+    int query(Op op);  // the injected code, or NOT_CONNECTED without a connection; lock held
     void recordChange(int id, int type);                       // lock held
     void assignNumberIds(Contact& fresh, const Contact* old);  // lock held
 

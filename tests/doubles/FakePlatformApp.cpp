@@ -13,23 +13,17 @@ int FakeServiceApp::main(int, char**, const pp::ServiceAppLifecycleCallbacks& ca
     return pp::APP_ERROR_NONE;
 }
 
-int FakeServiceApp::addEventHandler(pp::AppEventType type, pp::AppEventCallback cb, void* userData,
+int FakeServiceApp::addEventHandler(pp::AppEventType, pp::AppEventCallback cb, void*,
                                     pp::AppEventHandlerId& id) {
     if (!cb)
         return pp::APP_ERROR_INVALID_PARAMETER;
     id = ++lastId_;
-    handlers_[id] = {type, cb, userData};
+    handlers_.insert(id);
     return pp::APP_ERROR_NONE;
 }
 
 int FakeServiceApp::removeEventHandler(pp::AppEventHandlerId id) {
     return handlers_.erase(id) ? pp::APP_ERROR_NONE : pp::APP_ERROR_INVALID_PARAMETER;
-}
-
-void FakeServiceApp::raise(pp::AppEventType type) {
-    for (const auto& [id, h] : handlers_)
-        if (h.type == type)
-            h.cb(nullptr, h.userData);
 }
 
 namespace {

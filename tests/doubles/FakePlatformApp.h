@@ -12,12 +12,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace pelio::test {
 
-// Records exit requests and lets a test raise the system events.
+// Records exit requests and event handlers.
 class FakeServiceApp : public pelio::platform::ServiceApp {
   public:
     int main(int argc, char** argv, const pelio::platform::ServiceAppLifecycleCallbacks& callbacks,
@@ -26,17 +27,10 @@ class FakeServiceApp : public pelio::platform::ServiceApp {
                         void* userData, pelio::platform::AppEventHandlerId& id) override;
     int removeEventHandler(pelio::platform::AppEventHandlerId id) override;
     void exit() override { ++exitCount; }
-
-    void raise(pelio::platform::AppEventType type);
     int exitCount = 0;
 
   private:
-    struct Handler {
-        pelio::platform::AppEventType type;
-        pelio::platform::AppEventCallback cb;
-        void* userData;
-    };
-    std::map<int, Handler> handlers_;
+    std::set<int> handlers_;  // ids of the registered handlers
     int lastId_ = 0;
 };
 

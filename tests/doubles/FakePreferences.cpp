@@ -31,11 +31,9 @@ int FakePreferences::set(const std::string& op, const std::string& key, Preferen
     return 0;
 }
 
-int FakePreferences::get(const std::string& op, const std::string& key, PreferenceType type,
+int FakePreferences::get(const std::string& key, PreferenceType type,
                          const std::function<void(const std::string&)>& read) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = enter(op))
-        return rc;
     auto it = values_.find(key);
     if (it == values_.end() || it->second.first != type)
         return pelio::platform::PREFERENCE_ERROR_NO_KEY;
@@ -47,7 +45,7 @@ int FakePreferences::setInt(const std::string& key, int value) {
     return set("setInt", key, PreferenceType::Int, std::to_string(value));
 }
 int FakePreferences::getInt(const std::string& key, int& value) {
-    return get("getInt", key, PreferenceType::Int,
+    return get(key, PreferenceType::Int,
                [&](const std::string& t) { value = std::atoi(t.c_str()); });
 }
 int FakePreferences::setDouble(const std::string& key, double value) {
@@ -56,21 +54,20 @@ int FakePreferences::setDouble(const std::string& key, double value) {
     return set("setDouble", key, PreferenceType::Double, buf);
 }
 int FakePreferences::getDouble(const std::string& key, double& value) {
-    return get("getDouble", key, PreferenceType::Double,
+    return get(key, PreferenceType::Double,
                [&](const std::string& t) { value = std::strtod(t.c_str(), nullptr); });
 }
 int FakePreferences::setBoolean(const std::string& key, bool value) {
     return set("setBoolean", key, PreferenceType::Boolean, value ? "true" : "false");
 }
 int FakePreferences::getBoolean(const std::string& key, bool& value) {
-    return get("getBoolean", key, PreferenceType::Boolean,
-               [&](const std::string& t) { value = t == "true"; });
+    return get(key, PreferenceType::Boolean, [&](const std::string& t) { value = t == "true"; });
 }
 int FakePreferences::setString(const std::string& key, const std::string& value) {
     return set("setString", key, PreferenceType::String, value);
 }
 int FakePreferences::getString(const std::string& key, std::string& value) {
-    return get("getString", key, PreferenceType::String, [&](const std::string& t) { value = t; });
+    return get(key, PreferenceType::String, [&](const std::string& t) { value = t; });
 }
 int FakePreferences::isExisting(const std::string& key, bool& existing) {
     std::lock_guard<std::mutex> guard(mutex_);
@@ -81,8 +78,6 @@ int FakePreferences::isExisting(const std::string& key, bool& existing) {
 }
 int FakePreferences::remove(const std::string& key) {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (int rc = enter("remove"))
-        return rc;
     return values_.erase(key) ? 0 : pelio::platform::PREFERENCE_ERROR_NO_KEY;
 }
 std::vector<pelio::platform::PreferenceItem> FakePreferences::items() {

@@ -1,5 +1,5 @@
 // In-memory preference store for unit tests: typed values in a map, thread-safe. failNext()
-// makes the next calls of one operation fail with a given code.
+// makes the next calls of a setter or isExisting fail with a given code.
 #pragma once
 
 #include <pelio/platform/Preferences.h>
@@ -24,7 +24,7 @@ class FakePreferences : public pelio::platform::Preferences {
     int remove(const std::string& key) override;
     std::vector<pelio::platform::PreferenceItem> items() override;
 
-    // The next `times` calls of operation ("setInt", "getString", "isExisting", ...) return code.
+    // The next `times` calls of operation ("setInt", "setString", "isExisting", ...) return code.
     void failNext(const std::string& operation, int code, int times = 1);
 
   private:
@@ -32,7 +32,7 @@ class FakePreferences : public pelio::platform::Preferences {
     int set(const std::string& op, const std::string& key, pelio::platform::PreferenceType type,
             const std::string& text);
     // Hands the stored text of key to read when it has the type.
-    int get(const std::string& op, const std::string& key, pelio::platform::PreferenceType type,
+    int get(const std::string& key, pelio::platform::PreferenceType type,
             const std::function<void(const std::string&)>& read);
 
     mutable std::mutex mutex_;

@@ -1,8 +1,6 @@
 #include "doubles/FakeSystemSettings.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <iterator>
 
@@ -26,9 +24,8 @@ int FakeSystemSettings::getInt(const std::string& key, int& value) {
     if (int rc = getString(key, text); rc != pp::SETTINGS_ERROR_NONE)
         return rc;
     char* end = nullptr;
-    errno = 0;
     const long v = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || v < INT_MIN || v > INT_MAX)
+    if (text.empty() || *end)
         return pp::SETTINGS_ERROR_BAD_VALUE;
     value = static_cast<int>(v);
     return pp::SETTINGS_ERROR_NONE;
@@ -38,9 +35,9 @@ int FakeSystemSettings::getBool(const std::string& key, bool& value) {
     std::string text;
     if (int rc = getString(key, text); rc != pp::SETTINGS_ERROR_NONE)
         return rc;
-    if (text != "true" && text != "1" && text != "false" && text != "0")
+    if (text != "true" && text != "false")
         return pp::SETTINGS_ERROR_BAD_VALUE;
-    value = text == "true" || text == "1";
+    value = text == "true";
     return pp::SETTINGS_ERROR_NONE;
 }
 

@@ -1,6 +1,4 @@
-// Linux package manager in a throw-away home: desktop entries of the user's and a system data
-// folder listed with their localised names, preload and no-display flags; bad entries and an
-// unreadable folder logged and skipped; install, update and removal seen as completed events.
+// The Linux package manager on desktop entries in a throw-away home.
 #include <gtest/gtest.h>
 
 #include <Ecore.h>
@@ -50,7 +48,6 @@ void onEvent(const char*, const char* package, pp::PackageEventType type,
     pp::quitMainLoop();
 }
 
-// Runs the main loop until events holds n entries or 20 seconds pass.
 void waitFor(const std::vector<Event>& events, size_t n) {
     pelio::test::runMainLoopUntil([&] { return events.size() >= n; });
 }

@@ -1,6 +1,5 @@
 // Linux system settings in a throw-away home: typed values persisted in the key file, and changes
-// written by another process reaching the change callbacks on the main loop; the in-memory double
-// held to the same typed-value contract.
+// written by another process reaching the change callbacks on the main loop.
 #include <gtest/gtest.h>
 
 #include <pelio/platform/MainLoop.h>
@@ -12,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "doubles/FakeSystemSettings.h"
 #include "support/MainLoopWait.h"
 #include "support/TempHome.h"
 
@@ -21,13 +19,6 @@ namespace pp = pelio::platform;
 namespace {
 
 const std::string kPelioctl = std::string(PELIO_BINARY_DIR) + "/tools/pelioctl";
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 struct Seen {
     std::vector<std::string> keys;
@@ -38,14 +29,17 @@ void onChanged(const char* key, void* data) {
     pp::quitMainLoop();
 }
 
-// Runs the main loop until seen holds n keys or 20 seconds pass.
 void waitFor(const Seen& seen, std::size_t n) {
     pelio::test::runMainLoopUntil([&] { return seen.keys.size() >= n; });
 }
 
-// What the service relies on from any settings store, the Linux one and the in-memory double
-// alike: typed values, their errors, and keys and values a key file cannot hold refused.
-void expectTypedValues(pp::SystemSettings& settings) {
+TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks) {
+    pelio::test::TempHome home;
+    pp::MainLoopScope loop;
+    pp::SystemSettings& settings = pp::systemSettings();
+    const std::string file = home.configHome() + "/pelio-platform/settings.ini";
+
+    // Typed values, their errors, and keys and values a key file cannot hold refused.
     int i = 0;
     bool b = false;
     std::string s;
@@ -67,25 +61,11 @@ void expectTypedValues(pp::SystemSettings& settings) {
     EXPECT_EQ(settings.setString("bad=key", "v"), pp::SETTINGS_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(settings.setString("k", "two\nlines"), pp::SETTINGS_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(settings.getString("", s), pp::SETTINGS_ERROR_INVALID_PARAMETER);
-}
-
-TEST(SystemSettingsContractTest, InMemoryDoubleKeepsTheTypedValuesContract) {
-    pelio::test::FakeSystemSettings fake;
-    expectTypedValues(fake);
-}
-
-TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks) {
-    pelio::test::TempHome home;
-    pp::MainLoopScope loop;
-    pp::SystemSettings& settings = pp::systemSettings();
-    const std::string file = home.configHome() + "/pelio-platform/settings.ini";
-
-    expectTypedValues(settings);
-    int i = 0;
-    std::string s;
 
     // On disk, in the key file another process reads.
-    const std::string text = readFile(file);
+    std::stringstream onDisk;
+    onDisk << std::ifstream(file).rdbuf();
+    const std::string text = onDisk.str();
     EXPECT_NE(text.find("[settings]"), std::string::npos) << text;
     EXPECT_NE(text.find("memory/dnet/status=-3"), std::string::npos) << text;
     EXPECT_NE(text.find("test/flag=true"), std::string::npos) << text;
