@@ -2,7 +2,7 @@
 # Applications and the music library end to end: a forced sync of the desktop entries of the
 # user's and a system data folder and of real tagged songs in three formats and two playlists;
 # a differential sync of an installed, an edited and a removed entry and of a retagged, an added
-# and a removed song, an edited and a removed playlist; a sync with nothing changed; a body that
+# and a removed song, an edited and a removed playlist; a body that
 # holds a single short deletion document; CLEAR_SERVER followed by a forced sync. The status and
 # PLM-id requests and the voice app (told once, of applications only) around them.
 source "$PELIO_SOURCE_DIR/tests/support/e2e-common.sh"
@@ -52,8 +52,6 @@ e2e_check "$byPkg const n = meta('org.example.notes'), l = meta('com.quorvin.wlo
         meta('org.example.viewer').customid === '' && c.customid === 'contacts001' &&
         meta('com.quorvin.w-taskmanager').preinstalled === true;" \
     "names in the device locale, preinstalled flags and custom ids"
-grep -q "has no name" "$BUS_LOG" || e2e_fail "the entry without a name was not logged"
-e2e_ok "an entry without a name is logged and left out"
 
 export E2E_DOC_TYPE="audio*"
 ofType='const of = t => docs.filter(d => d.type === t);
@@ -118,16 +116,8 @@ e2e_ok "the voice app was not told again"
 "$PELIOCTL" db | grep -q "application: rows=5 dirty\[4\]=5" || e2e_fail "pelioctl db: $("$PELIOCTL" db)"
 e2e_ok "applications in step (2), every row confirmed, the removed one gone"
 
-all_revs() { e2e_docs | node -e 'const d=JSON.parse(require("fs").readFileSync(0,"utf8")); console.log(d.map(x=>x._id+x._rev).sort().join())'; }
-before=$(all_revs)
-posts=$(grep -c "there is something to sync" "$BUS_LOG" || true)
-e2e_diff_sync
-[ "$before" = "$(all_revs)" ] || e2e_fail "a sync with nothing changed changed the server"
-[ "$(grep -c "there is something to sync" "$BUS_LOG" || true)" = "$posts" ] || e2e_fail "a sync with nothing changed composed documents"
-e2e_ok "a sync with nothing changed sends nothing"
 [ "$(e2e_master MEDIA_SYNC_STATUS_P)" = 2 ] || e2e_fail "media status: $(e2e_master MEDIA_SYNC_STATUS_P)"
-rows=$(sqlite3 "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
-    "SELECT (SELECT COUNT(*) FROM audio WHERE dirty != 4) + (SELECT COUNT(*) FROM audio_playlist WHERE dirty != 4)")
+rows=$(e2e_sql "SELECT (SELECT COUNT(*) FROM audio WHERE dirty != 4) + (SELECT COUNT(*) FROM audio_playlist WHERE dirty != 4)")
 [ "$rows" = 0 ] || e2e_fail "$rows media rows not confirmed"
 e2e_ok "media status is in step (2) and every row confirmed"
 
