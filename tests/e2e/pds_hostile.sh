@@ -20,16 +20,18 @@ stack_start --secret "$SECRET" --force-limit 3 --force-window 600 --max-body 104
 W=$STACK_DIR/work
 mkdir -p "$W"
 
-# post_docs COOKIE DBURL FILE [extra curl args]: gzip FILE, POST it the way the device does,
-# leave headers in $W/h and the raw reply in $W/reply; print the HTTP status.
-post_docs() {
-    local cookie=$1 url=$2 file=$3
-    shift 3
-    gzip -c "$file" >"$W/body.gz"
-    curl -s -o "$W/reply" -D "$W/h" -w '%{http_code}' -X POST \
-        -H 'Accept: application/json' -H 'charset: UTF-8' -H 'Content-Type: application/json' \
-        -H "cookie: $cookie" -H 'Accept-Encoding: gzip' -H 'Content-Encoding: gzip' \
-        --data-binary @"$W/body.gz" "$@" "$url/_bulk_docs"
+# send URL FILE [curl args]: POST FILE, print the status; the answer in $W/reply, its headers in
+# $W/h, the milliseconds curl took in $W/ms.
+send() {
+    curl -s -o "$W/reply" -D "$W/h" -w '%{http_code}%{stderr}%{time_total}' --data-binary @"$2" \
+        "${@:3}" "$1" 2>"$W/time"
+    awk '{printf "%d", $1 * 1000}' "$W/time" >"$W/ms"
+}
+post_docs() {  # COOKIE DBURL FILE: FILE gzip'd and posted the way the device does
+    gzip -c "$3" >"$W/body.gz"
+    send "$2/_bulk_docs" "$W/body.gz" -H 'Accept: application/json' -H 'charset: UTF-8' \
+        -H 'Content-Type: application/json' -H "cookie: $1" -H 'Accept-Encoding: gzip' \
+        -H 'Content-Encoding: gzip'
 }
 reply() { gzip -dc <"$W/reply"; }
 gz_header() { grep -i '^content-encoding:' "$W/h" | tr -d '\r' | awk '{print tolower($2)}'; }
@@ -64,11 +66,11 @@ check "250 documents are in the database" "250" "$(stack_couch "/$DB_A" | js j.d
 
 # A tiny reply to a client that does not ask for gzip is still gzip, and compressed only once.
 echo '{"docs":[{"_id":"tiny","v":1}]}' >"$W/tiny.json"
-gzip -c "$W/tiny.json" | curl -s -o "$W/reply" -D "$W/h" -H "cookie: $COOKIE_A" \
-    -H 'Content-Encoding: gzip' --data-binary @- "$URL_A/_bulk_docs" >/dev/null
+gzip -c "$W/tiny.json" >"$W/tiny.gz"
+send "$URL_A/_bulk_docs" "$W/tiny.gz" -H "cookie: $COOKIE_A" -H 'Content-Encoding: gzip' >/dev/null
 check "small reply without Accept-Encoding: gzip" "gzip" "$(gz_header)"
 check "small reply decompresses once to JSON" "tiny" "$(reply | js 'j[0].id')"
-curl -s -o "$W/reply" -H "cookie: $COOKIE_A" --data-binary @"$W/tiny.json" "$URL_A/_bulk_docs"
+send "$URL_A/_bulk_docs" "$W/tiny.json" -H "cookie: $COOKIE_A" >/dev/null
 check "plain (not gzip'd) request body is accepted" "2" "$(reply | js 'j[0].rev.split("-")[0]')"
 
 # --- ownership semantics ----------------------------------------------------------------------
@@ -123,14 +125,11 @@ printf 'this is not json' >"$W/bad"
 check "non-JSON body: 400" "400" "$(post_docs "$COOKIE_A" "$URL_A" "$W/bad")"
 check "non-JSON body: clear reason" "Request body is not valid JSON." "$(reply | js j.reason)"
 echo '{"docs":[{"_id":"trunc1","v":1},{"_id":"trunc2","v":2}]}' | gzip -c | head -c 30 >"$W/trunc.gz"
-status=$(curl -s -o "$W/reply" -w '%{http_code}' -H "cookie: $COOKIE_A" -H 'Content-Encoding: gzip' \
-    --data-binary @"$W/trunc.gz" "$URL_A/_bulk_docs")
-check "truncated gzip body: 400" "400" "$status"
+check "truncated gzip body: 400" "400" \
+    "$(send "$URL_A/_bulk_docs" "$W/trunc.gz" -H "cookie: $COOKIE_A" -H 'Content-Encoding: gzip')"
 check "truncated gzip: answer is gzip'd JSON" "bad_request" "$(reply | js j.error)"
 head -c 2000000 /dev/zero | tr '\0' 'x' >"$W/huge"
-status=$(curl -s -o "$W/reply" -w '%{http_code}' -H "cookie: $COOKIE_A" --data-binary @"$W/huge" \
-    "$URL_A/_bulk_docs")
-check "body over --max-body: 413" "413" "$status"
+check "body over --max-body: 413" "413" "$(send "$URL_A/_bulk_docs" "$W/huge" -H "cookie: $COOKIE_A")"
 check "gateway still serves after bad bodies" "201" "$(post_docs "$COOKIE_A" "$URL_A" "$W/tiny.json")"
 check "nothing of the bad bodies was stored" "not_found" "$(stack_couch "/$DB_A/trunc1" | js j.error)"
 
@@ -165,21 +164,9 @@ check "open with a non-JSON body: 400 with message" "400 true" \
 # --- hostile clients ---------------------------------------------------------------------------
 PID=$STACK_PDS_PID
 alive() { kill -0 "$PID" 2>/dev/null && echo yes; }
-curl_timed() {  # URL [curl args] -> status; answer in $W/reply, milliseconds in $W/ms
-    local url=$1
-    shift
-    curl -s -o "$W/reply" -w '%{http_code}%{stderr}%{time_total}' "$@" "$url" 2>"$W/time"
-    awk '{printf "%d", $1 * 1000}' "$W/time" >"$W/ms"
-}
-pds_raw() {  # OP FILE [curl args] -> status
-    local op=$1 file=$2
-    shift 2
-    curl_timed "$STACK_PDS_URL/pds/$op" --cacert "$STACK_CERT" --data-binary @"$file" "$@"
-}
+pds_raw() { send "$STACK_PDS_URL/pds/$1" "$2" --cacert "$STACK_CERT" "${@:3}"; }  # OP FILE [curl args]
 post() {  # FILE [curl args] -> status; the answer inflated in $W/reply
-    local file=$1
-    shift
-    curl_timed "$DBURL/_bulk_docs" -H "cookie: $COOKIE" --data-binary @"$file" "$@"
+    send "$DBURL/_bulk_docs" "$1" -H "cookie: $COOKIE" "${@:2}"
     gzip -dc <"$W/reply" >"$W/reply.json" 2>/dev/null && mv "$W/reply.json" "$W/reply"
 }
 A=$(stack_open device-H)
