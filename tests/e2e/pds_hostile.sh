@@ -1,12 +1,11 @@
 #!/usr/bin/env bash
-# pds-server and its bulk-document gateway in front of PouchDB Server, all on loopback.
-# First as the device uses them: sessions, the device's posting format, ownership semantics,
-# cookies, bad bodies, the forced-open limit and wipes. Then against hostile clients: deep nesting,
-# gzip bombs and big chunked bodies, slow clients holding connections, one id repeated hundreds of
-# times, forced opens with the wrong type, devices that claim another device's id, and a flood of
-# new devices. (Per-document verdicts and token checks are unit-tested in tests/server.) Afterwards the server must
-# still answer a normal open, post and close within a second, with its resident memory under
-# RSS_LIMIT_KB.
+# pds-server and its bulk-document gateway in front of PouchDB Server, all on loopback. First as
+# the device uses them: sessions, the posting format, ownership semantics, cookies, bad bodies, the
+# forced-open limit and wipes. Then against hostile clients: deep nesting, gzip bombs and big
+# chunked bodies, slow clients, one id repeated hundreds of times, forced opens with the wrong type,
+# devices that claim another device's id, a flood of new devices; afterwards the server must answer
+# a normal open, post and close within a second, its memory under RSS_LIMIT_KB. Per-document
+# verdicts and token checks are unit-tested in tests/server.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../support/stack.sh"
