@@ -13,12 +13,10 @@ server_docs() { e2e_doc_count contact; }
 diff_sync() { "$PELIOCTL" launch EVENT_TYPE=TRIGGER_FORCE_SYNC >/dev/null || e2e_fail "trigger"; }
 expect_recovered() {  # WHAT
     [ "$(server_docs)" = "$expected" ] || e2e_fail "$1: server holds $(server_docs), not $expected"
-    # Everything arrived. The domain may still end this sync failed, by design: rows whose answers
-    # were lost (a killed service) go up again with their old revision and come back as conflicts
-    # that teach them the current one, and a failed upload leaves rows marked as inserted that the
-    # collector writes once more (the shadow table has no unique key), so a document can go up
-    # twice in one request and its second copy conflicts. Each following sync resends what
-    # conflicted and settles the domain.
+    # The domain may still end this sync failed, by design: rows whose answers were lost go up
+    # again with their old revision, and rows a failed upload left marked as inserted can go up
+    # twice in one request (the shadow table has no unique key); both come back as conflicts that
+    # teach the current revision, and the following syncs settle the domain.
     local round
     for round in 1 2 3; do
         [ "$(e2e_master CONTACTS_SYNC_STATUS_P)" = 1 ] || break
@@ -41,10 +39,8 @@ grep -q "> Sync blocked" "$BUS_LOG" || e2e_fail "no 'Sync blocked' line"
 [ "$(e2e_master CONTACTS_SYNC_STATUS_P)" = 1 ] || e2e_fail "status after a refused open"
 [ "$(e2e_unconfirmed)" = 2 ] && [ "$(server_docs)" = 0 ] || e2e_fail "refused open: rows or server changed"
 e2e_ok "a refused forced open (23) marks the domain failed and keeps the local changes"
-e2e_fault_clear
-diff_sync
-e2e_wait_service_end 120
-expect_recovered "the next sync recovers after the refusal"
+recover_after() { e2e_fault_clear; diff_sync; e2e_wait_service_end 120; expect_recovered "$1"; }
+recover_after "the next sync recovers after the refusal"
 
 # 2. The server has no database for the device (13) on both attempts: the force flag is set, the
 #    domain fails after the two 10-second pauses, and the next sync goes through.
@@ -64,10 +60,7 @@ else
     grep -q "pendingQueue\|syncItem\[3\]" "$BUS_LOG" || e2e_fail "status after a missing database"
     e2e_ok "a missing server database (13): the queued-again domains went up in the same run"
 fi
-e2e_fault_clear
-diff_sync
-e2e_wait_service_end 120
-expect_recovered "the next sync recovers after the missing database"
+recover_after "the next sync recovers after the missing database"
 
 # 3. The close is refused and the service is killed (-9) during the 15-second retry pause: the
 #    posted documents are not confirmed locally, and the next sync confirms them.
@@ -82,10 +75,7 @@ kill -9 "$pid"
 bus_wait_gone "$SVC" 30 || e2e_fail "killed service still owns its name"
 [ "$(e2e_unconfirmed)" != 0 ] || e2e_fail "rows confirmed without a close"
 e2e_ok "kill -9 during the close retry leaves the rows unconfirmed"
-e2e_fault_clear
-diff_sync
-e2e_wait_service_end 120
-expect_recovered "the next sync after kill -9 confirms everything"
+recover_after "the next sync after kill -9 confirms everything"
 
 # 4. The server is down: two failed opens with the 10-second pause, the domain fails; a server
 #    started again on the same port lets the next sync through.

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Contacts end to end: a forced sync of three cards, then a differential sync of a changed, a new
-# and a deleted card; the status and PLM-id requests before and after; the voice app told once.
+# and a deleted card; the PLM-id requests before and after; the voice app told once.
 # The device secret: created once (owner-only file), kept across restarts, only its hash on the
-# server, a wipe refused without it, and a new one binds after an operator's reset.
+# server, and a new one binds after an operator's reset.
 source "$PELIO_SOURCE_DIR/tests/support/e2e-common.sh"
 e2e_setup
 book=$XDG_DATA_HOME/contacts/default
@@ -18,9 +18,6 @@ E2E_PIDS+=($!)
 bus_wait_until 60 bus_has_owner com.quorvin.orvane-k12 || e2e_fail "voice app did not take its name"
 
 # Before any sync: no PLM id for contacts.
-out=$("$PELIOCTL" launch EVENT_TYPE=CHECK_STATUS EVENT_DATA=CONTACT) || e2e_fail "status launch"
-[ "$out" = $'STATUS_RESULT=1\nresult=0' ] || e2e_fail "status before the first sync: $out"
-e2e_ok "CHECK_STATUS before any sync answers 1"
 out=$("$PELIOCTL" launch EVENT_TYPE=CHECK_PLM_ID TYPE=ALL) || e2e_fail "plm id launch"
 [ "$out" = $'APPLICATION=-1\nCONTACT=-1\nMEDIA=-1\nPLM_ID_RESULT=ALL\nresult=0' ] \
     || e2e_fail "CHECK_PLM_ID before the first sync: $out"
@@ -31,7 +28,6 @@ e2e_configure
 e2e_wait_service_end 120
 
 mobile=$(e2e_label contact_mobile) home=$(e2e_label contact_home)
-work=$(e2e_label contact_work) faxhome=$(e2e_label IDS_VOICE_BODY_FAX_HHOME)
 e2e_check "return docs.length === 3 && docs.every(d => d.type === 'contact' && /^con_[0-9]{8}\$/.test(d._id));" \
     "forced sync puts 3 contact documents on the server"
 e2e_check "const a = byName('Alice Archer'); const m = a.meta_data;
@@ -40,9 +36,6 @@ e2e_check "const a = byName('Alice Archer'); const m = a.meta_data;
         m.phone.some(p => p.phonetype === '$mobile' && p.default === true) &&
         m.phone.some(p => p.phonetype === '$home' && p.default === false);" \
     "names, phonetic name, favourite flag and phone labels of a card"
-e2e_check "const b = byName('Bob Baker').meta_data, c = byName('Carol Clark').meta_data;
-    return b.starred === false && b.phone[0].phonetype === '$work' && c.phone[0].phonetype === '$faxhome';" \
-    "work and home-fax labels"
 
 secret_file=$XDG_DATA_HOME/com.quorvin.plmsvc/data/.orvane-device-secret
 [ "$(stat -c %a "$secret_file")" = 600 ] || e2e_fail "secret file mode $(stat -c %a "$secret_file")"
@@ -58,20 +51,13 @@ intrude() {  # OP SECRET-MEMBER -> HTTP status
         "{\"device_id\":\"$device\"$2,\"locale\":\"en_US\",\"request\":{\"deleteall\":\"true\"}}" \
         "$STACK_PDS_URL/pds/$1"
 }
-[ "$(intrude wipe ',"device_secret":"guess"')" = 403 ] || e2e_fail "wipe with a wrong secret"
-e2e_check "return docs.length === 3" "a wipe without the device's secret is refused"
 
-# The service ended itself after the sync; the request starts a new one, which has no upload
-# handler yet and so reports no PLM id (1) although the id is stored.
-out=$("$PELIOCTL" launch EVENT_TYPE=CHECK_STATUS EVENT_DATA=CONTACT) || e2e_fail "status launch"
-[ "$out" = $'STATUS_RESULT=1\nresult=0' ] || e2e_fail "status after the sync: $out"
-e2e_ok "CHECK_STATUS from a freshly started service answers 1"
 plmid=$("$PELIOCTL" launch EVENT_TYPE=CHECK_PLM_ID TYPE=CONTACT | sed -n 's/^CONTACT=//p')
 [ -n "$plmid" ] && [ "$plmid" != "-1" ] || e2e_fail "no contacts PLM id"
 e2e_ok "CHECK_PLM_ID returns the contacts PLM id"
 bus_wait_until 60 grep -q "SYNCED_TYPE=CONTACT" "$E2E_WORK/voice.log" || e2e_fail "the voice app heard nothing"
 [ "$(grep -c 'SYNCED_TYPE=CONTACT' "$E2E_WORK/voice.log")" = 1 ] || e2e_fail "voice app: $(cat "$E2E_WORK/voice.log")"
-grep -q "SYNCED_PLM_ID=$plmid " "$E2E_WORK/voice.log" || grep -q "SYNCED_PLM_ID=$plmid\$" "$E2E_WORK/voice.log" \
+grep -qE "SYNCED_PLM_ID=$plmid( |\$)" "$E2E_WORK/voice.log" \
     || e2e_fail "voice app got another PLM id: $(cat "$E2E_WORK/voice.log")"
 e2e_ok "the voice app heard of the first contacts PLM id"
 
@@ -89,8 +75,7 @@ e2e_check "const a = byName('Alice Adams');
     "differential sync: changed card updated (new _rev), new card added, deleted card removed"
 [ "$(grep -c 'SYNCED_TYPE=CONTACT' "$E2E_WORK/voice.log")" = 1 ] || e2e_fail "voice app told twice"
 e2e_ok "the voice app was not told again"
-out=$("$PELIOCTL" db) || e2e_fail "pelioctl db"
-echo "$out" | grep -q "CONTACTS_SYNC_STATUS_P=2" || e2e_fail "contacts status after the syncs: $out"
+[ "$(e2e_master CONTACTS_SYNC_STATUS_P)" = 2 ] || e2e_fail "contacts status after the syncs"
 e2e_ok "contacts status is in step (2)"
 [ "$(cat "$secret_file")" = "$secret" ] || e2e_fail "the secret changed"
 e2e_ok "a restarted service syncs with its secret"

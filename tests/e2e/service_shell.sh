@@ -7,7 +7,7 @@ e2e_setup
 
 launches() { grep -c "service_app_control start1" "$BUS_LOG" || true; }
 launches_above() { [ "$(launches)" -gt "$1" ]; }
-file_has() { [ -s "$1" ]; }
+launch_raw() { gdbus call --session -d $SVC -o /com/quorvin/plmsvc -m com.quorvin.platform.Application.Launch "$@"; }
 app_state() { gdbus call --session -d "$1" -o "$2" \
   -m org.freedesktop.DBus.Properties.Get com.quorvin.platform.Application State; }
 
@@ -29,8 +29,7 @@ state=$(app_state $SVC /com/quorvin/plmsvc)
 e2e_ok "activation and launch"
 
 # 2. Bad input never takes the service down.
-gdbus call --session -d com.quorvin.plmsvc -o /com/quorvin/plmsvc \
-  -m com.quorvin.platform.Application.Launch "@a{ss} {}" >/dev/null || e2e_fail "launch without extras"
+launch_raw "@a{ss} {}" >/dev/null || e2e_fail "launch without extras"
 "$PELIOCTL" launch NO_SUCH_KEY=1 EVENT_TYPE=NOT_AN_OPERATION >/dev/null || e2e_fail "unknown keys"
 "$PELIOCTL" launch EVENT_TYPE= SET_IP= =x >/dev/null 2>&1 && e2e_fail "a KEY=VALUE without key was accepted"
 "$PELIOCTL" launch EVENT_TYPE= SET_IP= >/dev/null || e2e_fail "empty values"
@@ -49,15 +48,13 @@ fi
 # A caller that goes away before the reply: killed once the service has taken its request (an
 # operation it does not know keeps it running; it sends no reply).
 seen=$(launches)
-gdbus call --session -d $SVC -o /com/quorvin/plmsvc -m com.quorvin.platform.Application.Launch \
-  "{'EVENT_TYPE': 'NOT_AN_OPERATION', 'BIG': '$big'}" >/dev/null 2>&1 &
+launch_raw "{'EVENT_TYPE': 'NOT_AN_OPERATION', 'BIG': '$big'}" >/dev/null 2>&1 &
 caller=$!
 bus_wait_until 60 launches_above "$seen" || e2e_fail "the service did not take the request of the caller"
 kill -9 "$caller" 2>/dev/null || true
 wait "$caller" 2>/dev/null || true
 # Wrong argument type is an error for the caller, not for the service.
-gdbus call --session -d com.quorvin.plmsvc -o /com/quorvin/plmsvc \
-  -m com.quorvin.platform.Application.Launch "'text'" >/dev/null 2>&1 && e2e_fail "wrong signature accepted"
+launch_raw "'text'" >/dev/null 2>&1 && e2e_fail "wrong signature accepted"
 out=$("$PELIOCTL" launch EVENT_TYPE=GET_DEVICE_ID) || e2e_fail "service gone after bad input"
 [ "$out" = "result=none" ] || e2e_fail "after bad input: $out"
 [ "$(e2e_service_pid)" = "$pid" ] || e2e_fail "service restarted during bad input"
@@ -90,7 +87,7 @@ bus_wait_until 60 bus_has_owner $VOICE || e2e_fail "voice app did not take its n
 out=$("$PELIOCTL" launch --app com.quorvin.orvane-k12 SYNCED_TYPE=CONTACT SYNCED_PLM_ID=p-42) \
   || e2e_fail "launch to voice app"
 [ "$out" = "result=none" ] || e2e_fail "voice app replied: $out"
-bus_wait_until 30 file_has "$E2E_WORK/voice.out" || e2e_fail "voice app printed nothing"
+bus_wait_until 30 test -s "$E2E_WORK/voice.out" || e2e_fail "voice app printed nothing"
 [ "$(cat "$E2E_WORK/voice.out")" = "SYNCED_PLM_ID=p-42 SYNCED_TYPE=CONTACT" ] || e2e_fail "voice app printed: $(cat "$E2E_WORK/voice.out")"
 state=$(app_state $VOICE /com/quorvin/orvane_k12)
 [ "$state" = "(<1>,)" ] || e2e_fail "foreground voice app State is $state"

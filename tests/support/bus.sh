@@ -1,17 +1,9 @@
 #!/usr/bin/env bash
-# A private session bus for end-to-end tests and the demo. Source this file, set HOME and the XDG
-# variables first (services the bus activates inherit the bus's environment), then:
-#
-#   bus_start            start dbus-daemon with the build tree's private configuration; sets
-#                        DBUS_SESSION_BUS_ADDRESS, BUS_PID and BUS_LOG (the bus's and every
-#                        activated service's standard error)
-#   bus_stop             end what the bus activated, then the bus
-#   bus_has_owner NAME   whether NAME has an owner on the bus
-#   bus_wait_gone NAME [SECONDS]   wait until NAME has no owner (default 60 s); 1 on time-out
-#   bus_wait_log TEXT [SECONDS]    wait until BUS_LOG holds TEXT (fixed string; default 30 s)
-#   bus_wait_until SECONDS CMD...  wait until CMD succeeds; 1 after SECONDS
-#
-# Needs PELIO_BINARY_DIR (the build tree). Only a unix socket in a temporary directory is used.
+# A private session bus (a unix socket in a temporary directory) for end-to-end tests and the demo.
+# Source it after setting HOME and the XDG variables (activated services inherit the bus's
+# environment) and PELIO_BINARY_DIR. bus_start sets DBUS_SESSION_BUS_ADDRESS, BUS_PID and BUS_LOG
+# (standard error of the bus and every activated service); bus_stop ends what the bus activated,
+# then the bus. The bus_wait_* helpers return 1 on time-out.
 
 bus_start() {
     local conf=$PELIO_BINARY_DIR/share/dbus-1/session-private.conf

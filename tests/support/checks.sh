@@ -1,9 +1,6 @@
 #!/usr/bin/env bash
-# Assertions of the stack script (pds_hostile.sh). Source it, then:
-#   check DESCRIPTION EXPECTED ACTUAL   prints ok/FAIL and counts failures in $failures
-#   js EXPRESSION                       evaluates a JavaScript expression over the JSON on stdin
-#                                       (bound to j); strings print bare, "NOT-JSON" for bad input
-# End the script with: echo "$failures failure(s)"; [ "$failures" -eq 0 ]
+# Assertions of pds_hostile.sh: check WHAT EXPECTED ACTUAL (counts failures in $failures), and
+# js EXPRESSION over the JSON on stdin, bound to j (strings print bare, "NOT-JSON" for bad input).
 failures=0
 check() {
     if [ "$2" == "$3" ]; then

@@ -66,7 +66,6 @@ e2e_wait_service_end() {
     e2e_fail "service process did not end after giving up its name"
 }
 
-
 # The device's database name on the server (the one plm_ database).
 e2e_device_db() {
     curl -s "$STACK_COUCH_URL/_all_dbs" | node -e '
@@ -87,19 +86,16 @@ e2e_docs() {
 # The number of live documents of one type ("contact", "application" ...) on the server.
 e2e_doc_count() {
     e2e_device_db >/dev/null 2>&1 || { echo 0; return; }
-    e2e_docs | node -e '
-        const docs = JSON.parse(require("fs").readFileSync(0, "utf8"));
-        console.log(docs.filter(d => d.type === process.argv[1]).length);' "$1"
+    e2e_docs | node -e 'console.log(JSON.parse(require("fs").readFileSync(0)).filter(d => d.type === process.argv[1]).length)' "$1"
 }
 
-# Runs a node check over the documents of type E2E_DOC_TYPE (default "contact"; "audio*" for
-# every type that starts with "audio"):
-# e2e_check 'JS expression over docs' 'what'.
+# e2e_check 'JS function body over docs' 'what': a check of the documents of type E2E_DOC_TYPE
+# (default "contact"; "audio*" for every type that starts with "audio").
 e2e_check() {
     local docs
     docs=$(e2e_docs) || e2e_fail "no device database: $2"
     DOCS=$docs DOC_TYPE=${E2E_DOC_TYPE:-contact} node -e '
-        const t = process.env.DOC_TYPE;  // a type, or a prefix ending in "*" ("audio*")
+        const t = process.env.DOC_TYPE;
         const docs = JSON.parse(process.env.DOCS).filter(d => d.type === t ||
             (t.endsWith("*") && String(d.type).startsWith(t.slice(0, -1))));
         const byName = n => docs.find(d => d.meta_data && d.meta_data.displayname === n);
@@ -128,13 +124,10 @@ e2e_card() {
 
 # Injects a fault into pds-server (its /admin/fault test knob): e2e_fault '{"op":"open",...}'.
 e2e_fault() {
-    curl -s --cacert "$STACK_CERT" -X POST -H 'Content-Type: application/json' \
-        --data-binary "$1" "$STACK_PDS_URL/admin/fault" >/dev/null || e2e_fail "fault injection"
+    curl -s --cacert "$STACK_CERT" -H 'Content-Type: application/json' --data-binary "$1" \
+        "$STACK_PDS_URL/admin/fault${2:-}" >/dev/null || e2e_fail "fault injection"
 }
-e2e_fault_clear() {
-    curl -s --cacert "$STACK_CERT" -X POST --data-binary '{}' "$STACK_PDS_URL/admin/fault/clear" \
-        >/dev/null || e2e_fail "fault clearing"
-}
+e2e_fault_clear() { e2e_fault '{}' /clear; }
 
 # The process id of the running service (empty when it does not run).
 e2e_service_pid() {
@@ -143,17 +136,11 @@ e2e_service_pid() {
         sed -nE 's/^\(uint32 ([0-9]+),\)$/\1/p'
 }
 
-# A value of the service's master table (status keys), straight from the shadow database.
-e2e_master() {
-    sqlite3 -cmd ".timeout 10000" "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
-        "SELECT value FROM master WHERE key = '$1'"
-}
-
-# Shadow rows of the contacts table that are not yet confirmed by the server.
-e2e_unconfirmed() {
-    sqlite3 -cmd ".timeout 10000" "$XDG_DATA_HOME/com.quorvin.plmsvc/shared/trusted/databases/.orvane.db" \
-        "SELECT COUNT(*) FROM contacts WHERE dirty != 4"
-}
+# A query of the service's shadow database; a status key of its master table; how many rows of
+# the contacts table the server has not yet confirmed.
+e2e_sql() { sqlite3 -cmd ".timeout 10000" "$XDG_DATA_HOME/$SVC/shared/trusted/databases/.orvane.db" "$1"; }
+e2e_master() { e2e_sql "SELECT value FROM master WHERE key = '$1'"; }
+e2e_unconfirmed() { e2e_sql "SELECT COUNT(*) FROM contacts WHERE dirty != 4"; }
 
 # The names of the live documents of TYPE on the server (meta_data.FIELD), one per line, sorted;
 # fails when a document has an empty name: e2e_server_names [TYPE [FIELD]] (contact displayname).
@@ -168,9 +155,8 @@ e2e_server_names() {
 }
 
 # What the device holds, one name per line, sorted: e2e_device_names contact|audio|application.
-# Contacts: the FN of every card. Songs: the file names without extension of the music folder (the
-# scenarios keep their songs untagged, and an untagged song is titled after its file).
-# Applications: the Name of every visible desktop entry, and the two every device has.
+# Songs are named after their files: the scenarios keep them untagged, and such a song is titled
+# after its file. Applications: every visible desktop entry, and the two every device has.
 e2e_device_names() {
     case $1 in
     contact)
@@ -209,8 +195,7 @@ e2e_song() {
     cp "$template" "$HOME/Music/$1.mp3"
 }
 
-# Fails unless the server holds exactly what the device holds, for contacts, songs and
-# applications (WHAT).
+# e2e_expect_converged WHAT: fails unless the server holds exactly what the device holds.
 e2e_expect_converged() {
     local type field server device
     for type in contact:displayname audio:title application:name; do

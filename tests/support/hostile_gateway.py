@@ -1,17 +1,9 @@
 #!/usr/bin/env python3
 """A bulk-document gateway that misbehaves on purpose, on loopback only.
-
-Usage: hostile_gateway.py PORT-FILE MODE-FILE UPSTREAM-FILE
-
-It listens on a free 127.0.0.1 port (written to PORT-FILE) and, for every request, reads the mode
-from MODE-FILE:
-  silent   accept the request and never answer
-  reset    send half a reply, then reset the connection
-  garbage  answer 201 with bytes that are neither gzip nor JSON
-  plain    forward to the gateway named in UPSTREAM-FILE (a base URL) and hand its answer back
-           uncompressed (plain JSON)
-  forward  forward there and hand its answer back as it came (gzip)
-"""
+Usage: hostile_gateway.py PORT-FILE MODE-FILE UPSTREAM-FILE. It writes its port to PORT-FILE and
+acts per request as MODE-FILE says: silent (never answer), reset (half a reply, then a reset),
+garbage (201 with neither gzip nor JSON), plain (forward to the base URL in UPSTREAM-FILE, answer
+uncompressed) or forward (forward, answer as it came)."""
 import gzip
 import http.client
 import os

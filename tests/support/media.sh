@@ -1,11 +1,7 @@
-# Small, real, tagged audio files for the media tests and the demo, made with Debian's encoders
-# from a quarter second of generated silence (no download). Source this file.
-#
-#   make_song FILE TITLE ARTIST ALBUM GENRE
-#     the format follows FILE's extension: .mp3 (ID3v2), .flac (Vorbis comments), .ogg (Vorbis);
-#     an empty TITLE leaves the file without tags.
-#   make_song_latin1 FILE TITLE ARTIST    an MP3 with only an ID3v1 tag, its text in Latin-1
-#   make_song_utf16 FILE TITLE ARTIST     an MP3 with a UTF-16 ID3v2 tag
+# Small real audio files made with Debian's encoders from a quarter second of silence. Source it.
+#   make_song FILE TITLE ARTIST ALBUM GENRE   .mp3 (ID3v2), .flac or .ogg; an empty TITLE: no tags
+#   make_song_latin1 FILE TITLE ARTIST        an MP3 with only an ID3v1 tag, in Latin-1
+#   make_song_utf16 FILE TITLE ARTIST         an MP3 with a UTF-16 ID3v2 tag
 
 _media_silence() {
   local raw=$1

@@ -1,40 +1,20 @@
 #!/usr/bin/env bash
-# Test stack on loopback: PouchDB Server (the CouchDB-compatible database) and pds-server with a
-# throw-away certificate. Source this file, then:
-#
-#   stack_start [PDS-SERVER-ARGS...]   start both; extra arguments go to pds-server
-#   stack_stop                          stop both and remove the temporary directory
-#   stack_open DEVICE_ID [FORCE]        POST /pds/open, print the JSON answer (FORCE: true|false);
-#                                       the device's secret is "secret-of-DEVICE_ID"
-#   stack_pds OP JSON                   POST /pds/OP with the body JSON, print "STATUS BODY"
-#   stack_couch PATH                    GET a path of the database, print the body
-#
-# After stack_start these are set: STACK_DIR (temporary directory), STACK_CERT / STACK_KEY (the
-# certificate and key, CN localhost, SAN localhost 127.0.0.1 ::1), STACK_COUCH_URL, STACK_PDS_PORT,
-# STACK_PDS_URL (https://127.0.0.1:PORT), STACK_DB_PORT, STACK_DB_URL_BASE (the dburl base).
-# pds-server runs with --admin and --journal 200, so tests can inject faults and read the calls
-# (see server/README.md).
-#
-# Binaries: $PELIO_BINARY_DIR/server/pds-server and
-# $PELIO_SOURCE_DIR/server/node_modules/.bin/pouchdb-server (scripts/install-deps installs it).
-# stack_start installs an EXIT/INT/TERM trap that calls stack_stop unless STACK_NO_TRAP=1 (then
-# call stack_stop from your own trap). Only loopback addresses are used.
+# Test stack on loopback: PouchDB Server and pds-server (with --admin and --journal 200, see
+# server/README.md) behind a throw-away certificate (CN and SAN localhost, 127.0.0.1, ::1).
+# Source this file, then: stack_start [PDS-SERVER-ARGS...]; stack_stop; stack_open DEVICE_ID [FORCE]
+# (its secret is "secret-of-DEVICE_ID"); stack_pds OP JSON (prints "STATUS BODY"); stack_couch PATH.
+# stack_start sets the STACK_* variables exported at its end, and traps EXIT/INT/TERM to call
+# stack_stop unless STACK_NO_TRAP=1.
 
 _stack_here=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 : "${PELIO_SOURCE_DIR:=$_stack_here}"
 : "${PELIO_BINARY_DIR:=$PELIO_SOURCE_DIR/build/dev}"
 
-_stack_free_port() {
-    node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close()})'
-}
-
 _stack_wait_http() {  # URL [curl args...]: wait up to 30 s for any HTTP answer
     local url=$1
     shift
     for _ in $(seq 1 150); do
-        if curl -s -o /dev/null --max-time 2 "$@" "$url"; then
-            return 0
-        fi
+        curl -s -o /dev/null --max-time 2 "$@" "$url" && return 0
         sleep 0.2
     done
     return 1
@@ -43,12 +23,11 @@ _stack_wait_http() {  # URL [curl args...]: wait up to 30 s for any HTTP answer
 stack_stop() {
     local pid
     for pid in ${STACK_PDS_PID:-} ${STACK_COUCH_PID:-}; do
-        if kill -0 "$pid" 2>/dev/null; then
-            kill "$pid" 2>/dev/null
-            for _ in $(seq 1 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-            kill -9 "$pid" 2>/dev/null
-            wait "$pid" 2>/dev/null
-        fi
+        kill -0 "$pid" 2>/dev/null || continue
+        kill "$pid" 2>/dev/null
+        for _ in $(seq 1 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+        kill -9 "$pid" 2>/dev/null
+        wait "$pid" 2>/dev/null
     done
     STACK_PDS_PID=
     STACK_COUCH_PID=
@@ -80,14 +59,12 @@ stack_start() {
     mkdir -p "$STACK_DIR/couch/data"
     local port tries
     for tries in 1 2 3; do
-        port=$(_stack_free_port)
+        port=$(node -e 'const s=require("net").createServer();s.listen(0,"127.0.0.1",()=>{console.log(s.address().port);s.close()})')
         (cd "$STACK_DIR/couch" && exec "$pouch_bin" --host 127.0.0.1 --port "$port" \
             --dir "$STACK_DIR/couch/data" >"$STACK_DIR/couch.log" 2>&1) &
         STACK_COUCH_PID=$!
         STACK_COUCH_URL=http://127.0.0.1:$port
-        if _stack_wait_http "$STACK_COUCH_URL/" && kill -0 "$STACK_COUCH_PID" 2>/dev/null; then
-            break
-        fi
+        _stack_wait_http "$STACK_COUCH_URL/" && kill -0 "$STACK_COUCH_PID" 2>/dev/null && break
         kill "$STACK_COUCH_PID" 2>/dev/null; wait "$STACK_COUCH_PID" 2>/dev/null
         STACK_COUCH_PID=
     done
@@ -120,9 +97,8 @@ stack_pds() {  # OP JSON -> "STATUS BODY"
 }
 
 stack_open() {  # DEVICE_ID [FORCE]
-    local force=${2:-false}
     curl -s --cacert "$STACK_CERT" -X POST -H 'Content-Type: application/json' --data-binary \
-        "{\"device_id\":\"$1\",\"device_secret\":\"secret-of-$1\",\"locale\":\"en_US\",\"force\":$force,\"companion\":false,\"standalone\":true,\"request\":{\"rampcode\":\"dash\"}}" \
+        "{\"device_id\":\"$1\",\"device_secret\":\"secret-of-$1\",\"locale\":\"en_US\",\"force\":${2:-false},\"companion\":false,\"standalone\":true,\"request\":{\"rampcode\":\"dash\"}}" \
         "$STACK_PDS_URL/pds/open"
 }
 
