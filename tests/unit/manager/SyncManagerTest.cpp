@@ -127,10 +127,15 @@ TEST_F(SyncManagerTest, CloseRetriesWithPausesThenMarksEveryPostedDomainFailed) 
     PLMSyncManager* manager = start(false);
     bodies_[3] = {"c"};
     bodies_[1] = {"a"};
-    configureUploader_ = [](FakeUploader& u) { u.closeScript = {false, false}; };
+    bodies_[2] = {"m"};  // posted without an answer: no result, but failed all the same
+    configureUploader_ = [](FakeUploader& u) {
+        u.closeScript = {false, false};
+        u.answer = [](const std::string& doc) { return doc == "m" ? "" : "[]"; };
+    };
     ASSERT_TRUE(manager->composeAndSync(3));
     ASSERT_TRUE(manager->composeAndSync(1));
-    EXPECT_EQ(uploader_->openCalls.load(), 1);  // one session for both domains
+    EXPECT_FALSE(manager->composeAndSync(2));
+    EXPECT_EQ(uploader_->openCalls.load(), 1);  // one session for every domain
 
     LogCapture log;
     manager->closeSessionAndApplyOutcomes();
@@ -141,6 +146,7 @@ TEST_F(SyncManagerTest, CloseRetriesWithPausesThenMarksEveryPostedDomainFailed) 
     EXPECT_EQ(manager->syncResultCount(), 0u);
     EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
     EXPECT_EQ(status(plm::APP_SYNC_STATUS_P), "1");
+    EXPECT_EQ(status(plm::MEDIA_SYNC_STATUS_P), "1");
 }
 
 TEST_F(SyncManagerTest, CloseSucceedingOnRetryAppliesOutcomesAndRecordsPlmId) {
