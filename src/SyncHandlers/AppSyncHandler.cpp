@@ -137,19 +137,14 @@ int AppSyncHandler::syncData(int syncType) {
         markAllForResend(kTable);
 
     SyncMap map(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, free_app_info));
+    // Rows still waiting from an earlier sync (or marked by a forced one) go up too: the read
+    // sets mPending for them.
+    mPending = false;
     if (_readStoredApps(map.get()) != 0) {
         LOGE("syncData failed for Applications");
         return 1;
     }
     LOGD("inProcessing");
-    // Rows still waiting from an earlier sync (or marked by a forced one) go up too.
-    mPending = false;
-    GHashTableIter iter;
-    gpointer key = nullptr;
-    gpointer value = nullptr;
-    g_hash_table_iter_init(&iter, map.get());
-    while (!mPending && g_hash_table_iter_next(&iter, &key, &value))
-        mPending = static_cast<AppSyncInfo*>(value)->dirty != plm::DIRTY_SYNCED;
     _collectInstalledApps(map.get());
     const int ret = _writeNewSyncData(map.get());
     // Nothing to send and the domain already in step: no upload, the status stays as it was.
@@ -174,6 +169,7 @@ int AppSyncHandler::_readStoredApps(GHashTable* map) {
             info->preInstalled = parseColumn(textColumn(row, 7), 0);
             info->dirty = parseColumn(textColumn(row, 8), plm::DIRTY_INSERTED);
             info->stored = true;
+            mPending = mPending || info->dirty != plm::DIRTY_SYNCED;
             ++total;
             put(map, info);  // a repeated _id keeps the latest row's values
         });

@@ -80,6 +80,7 @@ class AppSyncHandler : public BaseSyncHandler {
     };
     using SyncMap = std::unique_ptr<GHashTable, MapUnref>;
 
+    // Loads the stored rows into map; sets mPending when one of them is not in step.
     int _readStoredApps(GHashTable* map);
     void _collectInstalledApps(GHashTable* map);
     void _applyRecord(GHashTable* map, std::unique_ptr<AppSyncInfo> fresh);
