@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <json-glib/json-glib.h>
+#include <pelio/CHandles.h>
 #include <sys/stat.h>
 
 #include <memory>
@@ -15,33 +16,14 @@ namespace {
 constexpr long kConnectTimeoutSeconds = 10;
 constexpr long kTotalTimeoutSeconds = 60;
 
-struct CurlDeleter {
-    void operator()(CURL* c) const { curl_easy_cleanup(c); }
-};
-struct SlistDeleter {
-    void operator()(curl_slist* l) const { curl_slist_free_all(l); }
-};
-struct GObjectDeleter {
-    void operator()(gpointer p) const { g_object_unref(p); }
-};
-struct NodeDeleter {
-    void operator()(JsonNode* n) const { json_node_unref(n); }
-};
-struct GFreeDeleter {
-    void operator()(gchar* p) const { g_free(p); }
-};
-struct GErrorDeleter {
-    void operator()(GError* e) const { g_error_free(e); }
-};
-
-using CurlPtr = std::unique_ptr<CURL, CurlDeleter>;
-using SlistPtr = std::unique_ptr<curl_slist, SlistDeleter>;
-using BuilderPtr = std::unique_ptr<JsonBuilder, GObjectDeleter>;
-using GeneratorPtr = std::unique_ptr<JsonGenerator, GObjectDeleter>;
-using ParserPtr = std::unique_ptr<JsonParser, GObjectDeleter>;
-using NodePtr = std::unique_ptr<JsonNode, NodeDeleter>;
-using GCharPtr = std::unique_ptr<gchar, GFreeDeleter>;
-using GErrorPtr = std::unique_ptr<GError, GErrorDeleter>;
+using pelio::CurlEasy;
+using pelio::CurlList;
+using pelio::GCharPtr;
+using pelio::GErrorPtr;
+using pelio::JsonNodePtr;
+using BuilderPtr = pelio::GObjectPtr<JsonBuilder>;
+using GeneratorPtr = pelio::GObjectPtr<JsonGenerator>;
+using ParserPtr = pelio::GObjectPtr<JsonParser>;
 
 // Which optional members a call carries in its body.
 struct BodyShape {
@@ -93,7 +75,7 @@ bool withinDepth(const std::string& text, std::size_t limit) {
 }
 
 // Parses `text`; returns the root node or null (non-JSON, or nested too deeply).
-NodePtr parseJson(const std::string& text) {
+JsonNodePtr parseJson(const std::string& text) {
     if (!withinDepth(text, 64)) {
         return nullptr;
     }
@@ -105,7 +87,7 @@ NodePtr parseJson(const std::string& text) {
         return nullptr;
     }
     JsonNode* root = json_parser_get_root(parser.get());
-    return root ? NodePtr(json_node_copy(root)) : nullptr;
+    return root ? JsonNodePtr(json_node_copy(root)) : nullptr;
 }
 
 // Text of a member value: strings as they are, anything else as its JSON text.
@@ -124,7 +106,7 @@ std::string memberText(JsonNode* node) {
 OrvaneReply orvaneReadReply(const std::string& op, long status, const std::string& answer,
                             std::map<std::string, std::string>& result, std::string& message) {
     result.clear();
-    NodePtr root = parseJson(answer);
+    JsonNodePtr root = parseJson(answer);
     JsonObject* obj =
         (root && JSON_NODE_HOLDS_OBJECT(root.get())) ? json_node_get_object(root.get()) : nullptr;
     if (status != 200) {
@@ -158,7 +140,7 @@ struct Orvane::Impl {
     std::string proxyHost;
     int proxyPort = 0;
     int logLevel = 0;
-    CurlPtr curl;
+    CurlEasy curl;
     std::string secret;  // read or created at the first call
 
     void log(int level, const std::string& message) const {
@@ -208,7 +190,7 @@ struct Orvane::Impl {
         }
         json_builder_end_object(b.get());
         json_builder_end_object(b.get());
-        NodePtr root(json_builder_get_root(b.get()));
+        JsonNodePtr root(json_builder_get_root(b.get()));
         return toJsonText(root.get());
     }
 
@@ -222,7 +204,7 @@ struct Orvane::Impl {
         const std::string url = "https://" + host + ":" + std::to_string(port) + "/pds/" + op;
         char errorBuffer[CURL_ERROR_SIZE] = {0};
         std::string answer;
-        SlistPtr headers(curl_slist_append(nullptr, "Content-Type: application/json"));
+        CurlList headers(curl_slist_append(nullptr, "Content-Type: application/json"));
         if (!headers || !curl_slist_append(headers.get(), "Accept: application/json")) {
             throw OrvaneError(op + ": out of memory");
         }

@@ -120,7 +120,7 @@ int AppSyncHandler::forEachApplicationRow(const std::string& projection, const s
 int AppSyncHandler::syncData(int syncType) {
     char* raw = nullptr;
     const int retMaster = master_get_string(plm::APP_SYNC_STATUS_P, &raw);
-    std::unique_ptr<char, decltype(&free)> status(raw, &free);
+    pelio::MallocPtr<char> status(raw);
     LOGD("syncData called - retMaster[%d]", retMaster);
     if (status) {
         LOGD("status[%s]", status.get());

@@ -75,10 +75,7 @@ class AppSyncHandler : public BaseSyncHandler {
     static std::string sqlQuoted(const std::string& text);
 
   private:
-    struct MapUnref {
-        void operator()(GHashTable* t) const { g_hash_table_unref(t); }
-    };
-    using SyncMap = std::unique_ptr<GHashTable, MapUnref>;
+    using SyncMap = pelio::GHashTablePtr;
 
     // Loads the stored rows into map; sets mPending when one of them is not in step.
     int _readStoredApps(GHashTable* map);

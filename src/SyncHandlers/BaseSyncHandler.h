@@ -32,6 +32,7 @@
 #include <string>
 #include <thread>
 
+#include <pelio/CHandles.h>
 #include <pelio/platform/Bundle.h>
 
 #include "SyncHandlers/SyncHandlerHost.h"
@@ -102,17 +103,13 @@ class BaseSyncHandler {
     int mDomainId = -1;
 
   private:
-    struct QueueUnref {
-        void operator()(GAsyncQueue* q) const { g_async_queue_unref(q); }
-    };
-
     // Under mQueueLock: keeps mPendingType in step with the queue content.
     void _pushLocked(int syncType);
     int _popLocked();  // 0 when empty
     void _resetQueueLocked();
 
     std::mutex mQueueLock;
-    std::unique_ptr<GAsyncQueue, QueueUnref> mQueue;
+    pelio::GAsyncQueuePtr mQueue;
     // The queued request type (0: none). Written under mQueueLock, read without it, so that
     // collectors polling isForcedPending() never make requestSync() find the lock busy.
     std::atomic<int> mPendingType{0};

@@ -164,7 +164,7 @@ bool ContactsSyncHandler::_isSyncRequiredByPreviousSyncStatus() {
         free(raw);
         return false;
     }
-    std::unique_ptr<char, decltype(&free)> value(raw, &free);
+    pelio::MallocPtr<char> value(raw);
     LOGD("status : %s", value ? value.get() : "NULL");
     if (!value || std::strcmp(value.get(), plm::STATUS_WAITING) == 0 ||
         std::strcmp(value.get(), plm::STATUS_FAILED) == 0) {

@@ -58,10 +58,7 @@ class ContactsSyncHandler : public BaseSyncHandler {
     static constexpr int kReadPageRows = 750;
 
   private:
-    struct MapUnref {
-        void operator()(GHashTable* t) const { g_hash_table_unref(t); }
-    };
-    using SyncMap = std::unique_ptr<GHashTable, MapUnref>;
+    using SyncMap = pelio::GHashTablePtr;
 
     bool _isSyncRequired();
     bool _isSyncRequiredByPreviousSyncStatus();

@@ -72,10 +72,7 @@ class MediaSyncHandler : public BaseSyncHandler {
     static constexpr int kPlaylistPageRows = 600;
 
   private:
-    struct MapUnref {
-        void operator()(GHashTable* t) const { g_hash_table_unref(t); }
-    };
-    using InfoMap = std::unique_ptr<GHashTable, MapUnref>;
+    using InfoMap = pelio::GHashTablePtr;
 
     bool prepareMapfromData();
     bool _prepareAudioPlaylistMap();

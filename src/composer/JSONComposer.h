@@ -10,6 +10,7 @@
 #pragma once
 
 #include <json-glib/json-glib.h>
+#include <pelio/CHandles.h>
 
 #include <memory>
 #include <string>
@@ -17,18 +18,9 @@
 #include "upload/SyncData.h"
 
 // JSON-GLib references owned by std::unique_ptr.
-struct JsonObjectUnref {
-    void operator()(JsonObject* o) const { json_object_unref(o); }
-};
-struct JsonArrayUnref {
-    void operator()(JsonArray* a) const { json_array_unref(a); }
-};
-struct JsonNodeUnref {
-    void operator()(JsonNode* n) const { json_node_unref(n); }
-};
-using JsonObjectPtr = std::unique_ptr<JsonObject, JsonObjectUnref>;
-using JsonArrayPtr = std::unique_ptr<JsonArray, JsonArrayUnref>;
-using JsonNodePtr = std::unique_ptr<JsonNode, JsonNodeUnref>;
+using pelio::JsonArrayPtr;
+using pelio::JsonNodePtr;
+using pelio::JsonObjectPtr;
 
 class JSONComposer {
   public:

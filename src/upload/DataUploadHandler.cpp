@@ -41,25 +41,8 @@ constexpr long kStallBytesPerSecond = 1;
 constexpr int kDefaultPort = 443;
 constexpr const char* kRampCode = "dash";
 
-struct GObjectDeleter {
-    void operator()(gpointer p) const {
-        if (p != nullptr)
-            g_object_unref(p);
-    }
-};
-struct GFreeDeleter {
-    void operator()(gchar* p) const { g_free(p); }
-};
-struct CurlDeleter {
-    void operator()(CURL* c) const { curl_easy_cleanup(c); }
-};
-struct SlistDeleter {
-    void operator()(curl_slist* l) const { curl_slist_free_all(l); }
-};
-using ParserPtr = std::unique_ptr<JsonParser, GObjectDeleter>;
-using GeneratorPtr = std::unique_ptr<JsonGenerator, GObjectDeleter>;
-using CurlPtr = std::unique_ptr<CURL, CurlDeleter>;
-using SlistPtr = std::unique_ptr<curl_slist, SlistDeleter>;
+using ParserPtr = pelio::GObjectPtr<JsonParser>;
+using GeneratorPtr = pelio::GObjectPtr<JsonGenerator>;
 
 std::string valueOf(const StringMap& map, const char* key) {
     auto it = map.find(key);
@@ -101,13 +84,6 @@ void appendPartReply(std::string& joined, std::string text) {
 }
 
 }  // namespace
-
-void DataUploadHandler::ZippedItemDeleter::operator()(ZippedItem* z) const {
-    if (z == nullptr)
-        return;
-    free(z->item);
-    delete z;
-}
 
 DataUploadHandler::DataUploadHandler(IntentMgr* intentMgr, NetworkMgr* networkMgr,
                                      std::function<void()> clearQueue)
@@ -584,7 +560,7 @@ std::vector<std::string> DataUploadHandler::_getPartedSyncDataList(const std::st
         json_node_take_object(partNode, partObject);
         json_generator_set_pretty(generator.get(), FALSE);
         json_generator_set_root(generator.get(), partNode);
-        std::unique_ptr<gchar, GFreeDeleter> text(json_generator_to_data(generator.get(), nullptr));
+        pelio::GCharPtr text(json_generator_to_data(generator.get(), nullptr));
         json_node_unref(partNode);
         if (!text || text.get()[0] == '\0') {
             LOGE("Create string failed");
@@ -615,9 +591,9 @@ std::vector<DataUploadHandler::ZippedItemPtr> DataUploadHandler::_getZippedParte
         unsigned char* buffer = nullptr;
         int size = 0;
         int rc = gzip.compress(parts[i], kDeflateLevel, &buffer, &size);
+        pelio::MallocPtr<unsigned char> owned(buffer);
         if (rc != UMgrGzip::RESULT) {
             LOGE("Failed to zipping [%d]th item : error returns", static_cast<int>(i) + 1);
-            free(buffer);
             zipped.clear();
             return zipped;
         }
@@ -626,7 +602,7 @@ std::vector<DataUploadHandler::ZippedItemPtr> DataUploadHandler::_getZippedParte
             zipped.clear();
             return zipped;
         }
-        ZippedItemPtr item(new ZippedItem{buffer, size});
+        auto item = std::make_unique<ZippedItem>(ZippedItem{std::move(owned), size});
         LOGD("[%d]th size is [%d]", static_cast<int>(i), size);
         zipped.push_back(std::move(item));
     }
@@ -637,8 +613,8 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
     std::string result;
     curl_slist* rawHeader = nullptr;
     _setCurlHttpPostingHeader(&rawHeader, true);
-    SlistPtr header(rawHeader);
-    CurlPtr curl(curl_easy_init());
+    pelio::CurlList header(rawHeader);
+    pelio::CurlEasy curl(curl_easy_init());
     if (!curl) {
         LOGE("Failed to curl_easy_init");
         return result;
@@ -657,7 +633,7 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
         curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION,
                          &DataUploadHandler::SavePostResultZipped);
         curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &reply);
-        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, part->item);
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, part->item.get());
         curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(part->size));
         CURLcode rc = curl_easy_perform(curl.get());
         LOGD("postSize[%d], postResult[%d]", part->size, static_cast<int>(rc));
@@ -713,9 +689,9 @@ std::string DataUploadHandler::_curlPostingUnzipped(const std::vector<std::strin
     std::string result;
     curl_slist* rawHeader = nullptr;
     _setCurlHttpPostingHeader(&rawHeader, false);
-    SlistPtr header(rawHeader);
+    pelio::CurlList header(rawHeader);
     LOGD("header[%p]", static_cast<void*>(header.get()));
-    CurlPtr curl(curl_easy_init());
+    pelio::CurlEasy curl(curl_easy_init());
     if (!curl) {
         LOGE("Failed to curl_easy_init");
         return result;

@@ -27,6 +27,7 @@
 
 #include <orvane/Orvane.h>
 #include <orvane/OrvaneCallbacks.h>
+#include <pelio/CHandles.h>
 
 #include <curl/curl.h>
 
@@ -86,13 +87,10 @@ class DataUploadHandler : public OrvaneCallbacks {
 
     // One gzip'd upload part: a calloc'd buffer (freed with free()) and its length.
     struct ZippedItem {
-        unsigned char* item = nullptr;
+        pelio::MallocPtr<unsigned char> item;
         int size = 0;
     };
-    struct ZippedItemDeleter {
-        void operator()(ZippedItem* z) const;
-    };
-    using ZippedItemPtr = std::unique_ptr<ZippedItem, ZippedItemDeleter>;
+    using ZippedItemPtr = std::unique_ptr<ZippedItem>;
     // The reply of one zipped part, as the transfer delivered it.
     struct ZippedReply {
         std::vector<unsigned char> item;

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <pelio/CHandles.h>
+
 #include "PelioLog.h"
 #include "database/DbManager.h"
 #include "utils/BundleMacro.h"
@@ -160,7 +162,7 @@ int master_get_string(const char* key, char** value) {
 std::string master_get_value(const std::string& key, bool* ok) {
     char* raw = nullptr;
     const int rc = master_get_string(key.c_str(), &raw);
-    std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
+    pelio::MallocPtr<char> owned(raw);
     if (ok != nullptr)
         *ok = rc == 0;
     return owned ? std::string(owned.get()) : std::string();

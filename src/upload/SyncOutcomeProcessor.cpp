@@ -1,6 +1,7 @@
 #include "upload/SyncOutcomeProcessor.h"
 #include "database/DirtyFlag.h"
 
+#include <pelio/CHandles.h>
 #include <sqlite3.h>
 
 #include <memory>
@@ -16,15 +17,7 @@ namespace {
 
 constexpr const char* kConflictReason = "Document update conflict.";
 
-struct GObjectUnref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-};
-using ParserPtr = std::unique_ptr<JsonParser, GObjectUnref>;
-
-struct StatementFinalize {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using StatementPtr = std::unique_ptr<sqlite3_stmt, StatementFinalize>;
+using ParserPtr = pelio::GObjectPtr<JsonParser>;
 
 // Which domain an id belongs to: the first prefix found anywhere in it, in this order.
 enum class Domain { None, Contacts, Application, Song, Playlist, Artist, Album, CallLog };
@@ -80,7 +73,7 @@ int run(sqlite3* db, const std::string& sql, const std::vector<std::string>& lea
         LOGE("prepare failed [%s]", sqlite3_errmsg(db));
         return -1;
     }
-    StatementPtr statement(raw);
+    pelio::SqliteStmt statement(raw);
     int index = 1;
     for (const std::string& value : leading)
         sqlite3_bind_text(raw, index++, value.c_str(), -1, SQLITE_TRANSIENT);

@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include <pelio/CHandles.h>
 #include <pelio/platform/Preferences.h>
 #include <pelio/platform/SystemInfo.h>
 #include <cstdio>
@@ -20,13 +21,9 @@ namespace {
 
 constexpr const char* kTestModelName = "snorlotest";
 
-struct MdCtxFree {
-    void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-};
-
 // SHA-256 of data as 64 lower-case hexadecimal digits; "" when the digest cannot be computed.
 std::string sha256Hex(const std::string& data) {
-    std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
+    pelio::EvpMdCtx ctx(EVP_MD_CTX_new());
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1 ||

@@ -1,5 +1,6 @@
 #include "utils/UMgrGzip.h"
 
+#include <pelio/CHandles.h>
 #include <zlib.h>
 
 #include <cstdlib>
@@ -13,10 +14,6 @@ namespace {
 
 constexpr size_t kChunkRoom = 1024000;  // output room per inflate round (one byte less than held)
 constexpr size_t kMaxInflated = 256u << 20;  // largest inflated reply accepted
-
-struct FreeDeleter {
-    void operator()(void* p) const { std::free(p); }
-};
 
 }  // namespace
 
@@ -57,7 +54,7 @@ int UMgrGzip::compress(const std::string& source, int level, unsigned char** com
     LOGD("compressLevel[%d]", level);
     LOGD("compressedLen[%d]", static_cast<int>(capacity));
 
-    std::unique_ptr<unsigned char, FreeDeleter> buffer(
+    pelio::MallocPtr<unsigned char> buffer(
         static_cast<unsigned char*>(std::calloc(capacity, 1)));
     if (!buffer) {
         LOGE("Failed to Calloc");
@@ -96,7 +93,7 @@ int UMgrGzip::deCompress(const unsigned char* source, size_t sourceSize, std::st
         LOGE("Empty source size");
         return RESULT;
     }
-    std::unique_ptr<char, FreeDeleter> work(static_cast<char*>(std::calloc(kChunkRoom + 1, 1)));
+    pelio::MallocPtr<char> work(static_cast<char*>(std::calloc(kChunkRoom + 1, 1)));
     if (!work) {
         LOGE("Failed to Calloc");
         return RESULT;

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include <pelio/CHandles.h>
 #include <pelio/platform/Preferences.h>
 
 #include "PLMConstants.h"
@@ -26,13 +27,6 @@ std::thread gWriter;                   // guarded by gWriterMutex
 std::atomic<bool> gStopWriter{false};  // asks a recorded writer to give up before writing
 std::atomic<bool> gBaseline{false};    // the "baseline" preference did not exist at the start
 
-struct DirClose {
-    void operator()(DIR* d) const { closedir(d); }
-};
-struct FileClose {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-
 void joinWriterLocked() {
     if (gWriter.joinable()) {
         gStopWriter.store(true);
@@ -47,7 +41,7 @@ void handleMessage(int item, const std::string& document) {
     const std::string name = WritePLMData::getFilename(item, WritePLMData::getUploadType());
     if (name.empty())
         return;
-    std::unique_ptr<FILE, FileClose> file(std::fopen(name.c_str(), "w+"));
+    pelio::FilePtr file(std::fopen(name.c_str(), "w+"));
     if (!file) {
         LOGE("writeDatatoFile : File open failed[%s]", name.c_str());
         return;
@@ -140,7 +134,7 @@ void WritePLMData::waitForWriter() {
 
 void WritePLMData::deleteFiles() {
     const std::string folder = dumpFolder();
-    std::unique_ptr<DIR, DirClose> dir(opendir(folder.c_str()));
+    pelio::DirPtr dir(opendir(folder.c_str()));
     if (!dir) {
         LOGE("Failed to open %s", folder.c_str());
         return;
