@@ -12,7 +12,7 @@
 #pragma once
 
 #include "ContactsFolderScanner.h"
-#include "SqliteStatement.h"
+#include "pelio/platform/SqliteStatement.h"
 
 #include <pelio/platform/Contacts.h>
 
@@ -48,7 +48,7 @@ class ContactsIndex {
     bool writeFields(int contactId, const ParsedCard& card);
 
     std::mutex mutex_;  // one transaction at a time on this connection
-    SqliteHandle db_;
+    SqliteDb db_;
 };
 
 }  // namespace pelio::platform

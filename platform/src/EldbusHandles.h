@@ -5,6 +5,7 @@
 
 #include <Ecore.h>
 #include <Eldbus.h>
+#include <pelio/CHandles.h>
 
 #include <unistd.h>
 
@@ -15,32 +16,13 @@
 
 namespace pelio::platform::detail {
 
-struct ConnectionUnref {
-    void operator()(Eldbus_Connection* c) const { eldbus_connection_unref(c); }
-};
-struct InterfaceUnregister {
-    void operator()(Eldbus_Service_Interface* i) const { eldbus_service_interface_unregister(i); }
-};
-struct SignalHandlerDel {
-    void operator()(Eldbus_Signal_Handler* h) const { eldbus_signal_handler_del(h); }
-};
-struct FdHandlerDel {
-    void operator()(Ecore_Fd_Handler* h) const { ecore_main_fd_handler_del(h); }
-};
-struct TimerDel {
-    void operator()(Ecore_Timer* t) const { ecore_timer_del(t); }
-};
-struct MessageUnref {
-    void operator()(Eldbus_Message* m) const { eldbus_message_unref(m); }
-};
-
-using ConnectionPtr = std::unique_ptr<Eldbus_Connection, ConnectionUnref>;
-using InterfacePtr = std::unique_ptr<Eldbus_Service_Interface, InterfaceUnregister>;
-using SignalHandlerPtr = std::unique_ptr<Eldbus_Signal_Handler, SignalHandlerDel>;
-using FdHandlerPtr = std::unique_ptr<Ecore_Fd_Handler, FdHandlerDel>;
-using MessagePtr = std::unique_ptr<Eldbus_Message, MessageUnref>;
+using ConnectionPtr = CHandle<Eldbus_Connection, eldbus_connection_unref>;
+using InterfacePtr = CHandle<Eldbus_Service_Interface, eldbus_service_interface_unregister>;
+using SignalHandlerPtr = CHandle<Eldbus_Signal_Handler, eldbus_signal_handler_del>;
+using FdHandlerPtr = CHandle<Ecore_Fd_Handler, ecore_main_fd_handler_del>;
+using MessagePtr = CHandle<Eldbus_Message, eldbus_message_unref>;
 // A repeating timer whose callback always renews (a cancelled timer is freed by Ecore itself).
-using TimerPtr = std::unique_ptr<Ecore_Timer, TimerDel>;
+using TimerPtr = CHandle<Ecore_Timer, ecore_timer_del>;
 
 // A file descriptor closed when the holder ends (-1: none).
 class OwnedFd {

@@ -1,6 +1,7 @@
 // Linux application manager: bus-name ownership and the State property, over GDBus (blocking
 // calls on GIO's own connection, usable from any thread).
 #include <gio/gio.h>
+#include <pelio/CHandles.h>
 
 #include "pelio/platform/AppControl.h"
 #include "pelio/platform/AppManager.h"
@@ -9,41 +10,28 @@
 namespace pelio::platform {
 namespace {
 
-struct GObjectUnref {
-    void operator()(gpointer p) const { g_object_unref(p); }
-};
-struct VariantUnref {
-    void operator()(GVariant* v) const { g_variant_unref(v); }
-};
-struct ErrorFree {
-    void operator()(GError* e) const { g_error_free(e); }
-};
-using BusPtr = std::unique_ptr<GDBusConnection, GObjectUnref>;
-using VariantPtr = std::unique_ptr<GVariant, VariantUnref>;
-using ErrorPtr = std::unique_ptr<GError, ErrorFree>;
-
 constexpr int kTimeoutMs = 5000;
 
-BusPtr sessionBus() {
+GObjectPtr<GDBusConnection> sessionBus() {
     GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
     if (bus)
         g_dbus_connection_set_exit_on_close(bus, FALSE);
-    return BusPtr(bus);
+    return GObjectPtr<GDBusConnection>(bus);
 }
 
-VariantPtr call(const char* dest, const char* path, const char* iface, const char* method,
+GVariantPtr call(const char* dest, const char* path, const char* iface, const char* method,
                 GVariant* args, const char* replyType) {
-    BusPtr bus = sessionBus();
+    GObjectPtr<GDBusConnection> bus = sessionBus();
     if (!bus) {
         if (args)
             g_variant_unref(g_variant_ref_sink(args));
         return nullptr;
     }
     GError* raw = nullptr;
-    VariantPtr reply(g_dbus_connection_call_sync(
+    GVariantPtr reply(g_dbus_connection_call_sync(
         bus.get(), dest, path, iface, method, args, G_VARIANT_TYPE(replyType),
         G_DBUS_CALL_FLAGS_NO_AUTO_START, kTimeoutMs, nullptr, &raw));
-    ErrorPtr error(raw);
+    GErrorPtr error(raw);
     return reply;
 }
 
@@ -52,7 +40,7 @@ class LinuxAppManager : public AppManager {
     int isRunning(const std::string& appId, bool& running) override {
         if (appId.empty() || !g_dbus_is_name(appId.c_str()))
             return APP_MANAGER_ERROR_INVALID_PARAMETER;
-        VariantPtr reply =
+        GVariantPtr reply =
             call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                  "NameHasOwner", g_variant_new("(s)", appId.c_str()), "(b)");
         if (!reply)
@@ -77,14 +65,14 @@ class LinuxAppManager : public AppManager {
     int getAppState(const AppContext& context, int& state) override {
         if (context.appId.empty())
             return APP_MANAGER_ERROR_INVALID_PARAMETER;
-        VariantPtr reply = call(context.appId.c_str(), applicationObjectPath(context.appId).c_str(),
+        GVariantPtr reply = call(context.appId.c_str(), applicationObjectPath(context.appId).c_str(),
                                 "org.freedesktop.DBus.Properties", "Get",
                                 g_variant_new("(ss)", kApplicationInterface, "State"), "(v)");
         if (!reply)
             return APP_MANAGER_ERROR_IO_ERROR;
         GVariant* raw = nullptr;
         g_variant_get(reply.get(), "(v)", &raw);
-        VariantPtr value(raw);
+        GVariantPtr value(raw);
         if (!value || !g_variant_is_of_type(value.get(), G_VARIANT_TYPE_INT32)) {
             return APP_MANAGER_ERROR_IO_ERROR;
         }

@@ -1,6 +1,7 @@
 #include "LinuxConnection.h"
 
 #include <gio/gio.h>
+#include <pelio/CHandles.h>
 
 #include <cstdlib>
 #include <memory>
@@ -14,25 +15,15 @@ constexpr const char* kSettingsGroup = "settings";
 constexpr const char* kKeyStatus = "memory/dnet/status";
 constexpr const char* kKeyProxy = "memory/dnet/proxy";
 
-struct KeyFileDeleter {
-    void operator()(GKeyFile* k) const { g_key_file_free(k); }
-};
-struct GFreeDeleter {
-    void operator()(gchar* p) const { g_free(p); }
-};
-struct GErrorDeleter {
-    void operator()(GError* e) const { g_error_free(e); }
-};
-
 std::string settingsPath() {
-    std::unique_ptr<gchar, GFreeDeleter> path(
+    GCharPtr path(
         g_build_filename(g_get_user_config_dir(), "pelio-platform", "settings.ini", nullptr));
     return path.get();
 }
 
 // The settings key file, freshly loaded (GLib caches the user config dir, so the path is built
 // from XDG_CONFIG_HOME when it is set, to follow a test's throw-away home).
-std::unique_ptr<GKeyFile, KeyFileDeleter> loadSettings() {
+GKeyFilePtr loadSettings() {
     std::string path;
     const char* xdg = std::getenv("XDG_CONFIG_HOME");
     if (xdg != nullptr && *xdg != '\0') {
@@ -40,7 +31,7 @@ std::unique_ptr<GKeyFile, KeyFileDeleter> loadSettings() {
     } else {
         path = settingsPath();
     }
-    std::unique_ptr<GKeyFile, KeyFileDeleter> file(g_key_file_new());
+    GKeyFilePtr file(g_key_file_new());
     if (!g_key_file_load_from_file(file.get(), path.c_str(), G_KEY_FILE_NONE, nullptr)) {
         return nullptr;
     }
@@ -54,7 +45,7 @@ bool settingsInt(const char* key, int& value) {
     GError* raw = nullptr;
     int v = g_key_file_get_integer(file.get(), kSettingsGroup, key, &raw);
     if (raw != nullptr) {
-        std::unique_ptr<GError, GErrorDeleter> err(raw);
+        GErrorPtr err(raw);
         return false;
     }
     value = v;
@@ -65,7 +56,7 @@ bool settingsString(const char* key, std::string& value) {
     auto file = loadSettings();
     if (!file)
         return false;
-    std::unique_ptr<gchar, GFreeDeleter> v(
+    GCharPtr v(
         g_key_file_get_string(file.get(), kSettingsGroup, key, nullptr));
     if (!v)
         return false;

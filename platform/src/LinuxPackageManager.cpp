@@ -1,6 +1,7 @@
 #include "LinuxPackageManager.h"
 
 #include <gio/gdesktopappinfo.h>
+#include <pelio/CHandles.h>
 #include <glib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,19 +19,6 @@ namespace {
 constexpr const char* kTag = "PelioPlatform";
 constexpr const char* kSuffix = ".desktop";
 constexpr const char* kVersionKey = "X-AppVersion";
-
-struct KeyFileFree {
-    void operator()(GKeyFile* k) const { g_key_file_free(k); }
-};
-struct ObjectUnref {
-    void operator()(gpointer o) const { g_object_unref(o); }
-};
-struct GFree {
-    void operator()(gchar* p) const { g_free(p); }
-};
-using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
-using AppInfoPtr = std::unique_ptr<GDesktopAppInfo, ObjectUnref>;
-using GCharPtr = std::unique_ptr<gchar, GFree>;
 
 // The desktop entry that wins for one package name.
 struct EntryFile {
@@ -97,7 +85,7 @@ std::map<std::string, EntryFile> findEntries() {
 // not a valid application entry or has no name.
 bool loadEntry(const std::string& id, const EntryFile& file, const std::string& locale,
                AppInfo& app) {
-    KeyFilePtr keyFile(g_key_file_new());
+    GKeyFilePtr keyFile(g_key_file_new());
     GError* error = nullptr;
     if (!g_key_file_load_from_file(keyFile.get(), file.path.c_str(), G_KEY_FILE_KEEP_TRANSLATIONS,
                                    &error)) {
@@ -106,7 +94,7 @@ bool loadEntry(const std::string& id, const EntryFile& file, const std::string& 
         g_clear_error(&error);
         return false;
     }
-    AppInfoPtr info(g_desktop_app_info_new_from_keyfile(keyFile.get()));
+    GObjectPtr<GDesktopAppInfo> info(g_desktop_app_info_new_from_keyfile(keyFile.get()));
     if (!info) {
         dlog_print(DLOG_WARN, kTag, "%s is not a valid application entry", file.path.c_str());
         return false;

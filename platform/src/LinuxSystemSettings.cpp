@@ -1,6 +1,7 @@
 // Linux system settings: a key file under $XDG_CONFIG_HOME/pelio-platform/, watched with inotify.
 #include <Ecore.h>
 #include <glib.h>
+#include <pelio/CHandles.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -36,10 +37,6 @@ std::string configDir() {
     return base + "/pelio-platform";
 }
 
-struct KeyFileFree {
-    void operator()(GKeyFile* k) const { g_key_file_free(k); }
-};
-using KeyFilePtr = std::unique_ptr<GKeyFile, KeyFileFree>;
 
 class LinuxSystemSettings : public SystemSettings {
   public:
@@ -141,7 +138,7 @@ class LinuxSystemSettings : public SystemSettings {
     // Caller holds mutex_.
     std::map<std::string, std::string> load() {
         std::map<std::string, std::string> values;
-        KeyFilePtr kf(g_key_file_new());
+        GKeyFilePtr kf(g_key_file_new());
         const std::string path = configDir() + "/" + kFileName;
         if (!g_key_file_load_from_file(kf.get(), path.c_str(), G_KEY_FILE_NONE, nullptr)) {
             return values;
@@ -163,7 +160,7 @@ class LinuxSystemSettings : public SystemSettings {
         std::error_code ec;
         const std::string dir = configDir();
         std::filesystem::create_directories(dir, ec);
-        KeyFilePtr kf(g_key_file_new());
+        GKeyFilePtr kf(g_key_file_new());
         for (const auto& [k, v] : values)
             g_key_file_set_value(kf.get(), kGroup, k.c_str(), v.c_str());
         gsize length = 0;

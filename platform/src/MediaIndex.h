@@ -11,7 +11,7 @@
 // log lines (tag "PelioPlatform").
 #pragma once
 
-#include "SqliteStatement.h"
+#include "pelio/platform/SqliteStatement.h"
 
 #include <pelio/platform/MediaContent.h>
 
@@ -53,7 +53,7 @@ class MediaIndex {
     bool writePlaylist(const std::string& path, const FileStamp& stamp, long long existingId);
     int songsWhere(const std::string& where, long long id, std::vector<MediaInfoRecord>& out);
 
-    SqliteHandle db_;
+    SqliteDb db_;
 };
 
 }  // namespace pelio::platform

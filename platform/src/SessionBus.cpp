@@ -1,6 +1,7 @@
 #include "pelio/platform/SessionBus.h"
 
 #include <gio/gio.h>
+#include <pelio/CHandles.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -12,13 +13,6 @@ namespace {
 constexpr const char* kHowToGetOne =
     "log in to a desktop or systemd user session, or start a shell on a new bus with "
     "`dbus-run-session -- $SHELL`";
-
-struct ErrorFree {
-    void operator()(GError* e) const { g_error_free(e); }
-};
-struct ObjectUnref {
-    void operator()(GDBusConnection* c) const { g_object_unref(c); }
-};
 
 // The address the D-Bus libraries would use: the variable, else the per-user socket.
 std::string sessionAddress() {
@@ -42,12 +36,12 @@ std::string sessionBusProblem() {
     if (address.empty())
         return std::string("no session bus: DBUS_SESSION_BUS_ADDRESS is not set; ") + kHowToGetOne;
     GError* raw = nullptr;
-    std::unique_ptr<GDBusConnection, ObjectUnref> connection(g_dbus_connection_new_for_address_sync(
+    GObjectPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_sync(
         address.c_str(),
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, &raw));
-    std::unique_ptr<GError, ErrorFree> error(raw);
+    GErrorPtr error(raw);
     if (connection) {
         g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
         return "";

@@ -1,5 +1,6 @@
 #include "VCardReader.h"
 
+#include <pelio/CHandles.h>
 #include <pelio/platform/Log.h>
 
 #include <libebook-contacts/libebook-contacts.h>
@@ -14,11 +15,6 @@ namespace pelio::platform {
 namespace {
 
 constexpr const char* kTag = "PelioPlatform";
-
-struct GObjectUnref {
-    void operator()(void* obj) const { g_object_unref(obj); }
-};
-using VCardPtr = std::unique_ptr<EVCard, GObjectUnref>;
 
 std::string lower(std::string s) {
     std::transform(s.begin(), s.end(), s.begin(),
@@ -139,7 +135,7 @@ int VCardReader::numberType(const std::vector<std::string>& types, bool& isDefau
 }
 
 bool VCardReader::parseCard(const std::string& text, ParsedCard& card) {
-    VCardPtr vcard(e_vcard_new_from_string(text.c_str()));
+    GObjectPtr<EVCard> vcard(e_vcard_new_from_string(text.c_str()));
     if (!vcard || e_vcard_get_attributes(vcard.get()) == nullptr)
         return false;
 

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <system_error>
 
+#include <pelio/platform/SqliteStatement.h>
+
 #include "PelioLog.h"
 #include "utils/BundleMacro.h"
 #include "utils/PathConfig.h"
@@ -36,26 +38,11 @@ const char* const kCreateStatements[] = {
     "INTEGER,name TEXT,custom_id TEXT,package TEXT NOT NULL,pre_installed INT,dirty INTEGER);",
 };
 
-struct StmtFinalizer {
-    void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
-};
-using Stmt = std::unique_ptr<sqlite3_stmt, StmtFinalizer>;
-
-struct ErrmsgFree {
-    void operator()(char* msg) const { sqlite3_free(msg); }
-};
-using Errmsg = std::unique_ptr<char, ErrmsgFree>;
+using pelio::platform::SqliteStatement;
+using Errmsg = pelio::SqliteText;
 
 // Which operation binds, for its own failure messages.
 enum class BindFor { Select, Update, Delete };
-
-// Prepares sql; on failure the statement stays null and the engine's code is returned.
-int prepare(sqlite3* db, const std::string& sql, Stmt& stmt) {
-    sqlite3_stmt* raw = nullptr;
-    const int rc = sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr);
-    stmt.reset(raw);
-    return rc;
-}
 
 // The SQL text of SELECT, UPDATE and DELETE must fit the fixed text buffer.
 bool fitsQueryBuffer(const std::string& sql) {
@@ -66,7 +53,7 @@ bool fitsQueryBuffer(const std::string& sql) {
 }
 
 // Binds the "?" placeholders of where from args "(TYPE)value(TYPE)value...". 0 or a failure code.
-int bindWhereArgs(sqlite3* db, sqlite3_stmt* stmt, const std::string& where,
+int bindWhereArgs(sqlite3* db, SqliteStatement& stmt, const std::string& where,
                   const std::string& args, BindFor op) {
     int count = 0;
     for (char c : where)
@@ -85,8 +72,7 @@ int bindWhereArgs(sqlite3* db, sqlite3_stmt* stmt, const std::string& where,
             value += args[pos++];
         int rc;
         if (type.rfind("TEXT", 0) == 0) {
-            rc = sqlite3_bind_text(stmt, index, value.c_str(), static_cast<int>(value.size()),
-                                   SQLITE_TRANSIENT);
+            rc = stmt.bind(index, value).error();
             if (rc != SQLITE_OK) {
                 if (op == BindFor::Select)
                     LOGE("bind text fail %s index =%d type =%s value =%s value_length =%d",
@@ -98,7 +84,7 @@ int bindWhereArgs(sqlite3* db, sqlite3_stmt* stmt, const std::string& where,
             }
         } else if (type.rfind("INTEGER", 0) == 0) {
             const int number = static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
-            rc = sqlite3_bind_int(stmt, index, number);
+            rc = stmt.bind(index, number).error();
             if (rc != SQLITE_OK) {
                 if (op == BindFor::Select)
                     LOGE("bind fail %s index =%d type =%s value =%s value_length =%d",
@@ -119,8 +105,8 @@ int bindWhereArgs(sqlite3* db, sqlite3_stmt* stmt, const std::string& where,
 }
 
 // Runs the single step of a write; adds "record0" = "SUCCESS" when it finished with done.
-int stepWrite(sqlite3_stmt* stmt, Bundle* result) {
-    const int rc = sqlite3_step(stmt);
+int stepWrite(SqliteStatement& stmt, Bundle* result) {
+    const int rc = stmt.step();
     if (rc != SQLITE_DONE) {
         LOGE("err %d", rc);
         return rc == SQLITE_OK ? -1 : rc;
@@ -175,13 +161,12 @@ int doInsert(sqlite3* db, Bundle* request, Bundle* result) {
     }
     const std::string sql =
         operation + " INTO " + tableName + " (" + records + ") VALUES (" + quotes + ");";
-    Stmt stmt;
-    const int rc = prepare(db, sql, stmt);
-    if (rc != SQLITE_OK) {
+    SqliteStatement stmt(db, sql);
+    if (!stmt.ok()) {
         LOGE("prepare[%s] Fail [%s]", sql.c_str(), sqlite3_errmsg(db));
-        return rc;
+        return stmt.error();
     }
-    return stepWrite(stmt.get(), result);
+    return stepWrite(stmt, result);
 }
 
 int doUpdate(sqlite3* db, Bundle* request, Bundle* result) {
@@ -214,18 +199,17 @@ int doUpdate(sqlite3* db, Bundle* request, Bundle* result) {
         sql += " WHERE " + where;
     if (!fitsQueryBuffer(sql))
         return -1;
-    Stmt stmt;
-    int rc = prepare(db, sql, stmt);
-    if (rc != SQLITE_OK) {
+    SqliteStatement stmt(db, sql);
+    if (!stmt.ok()) {
         LOGE("prepare %s fail %s", sql.c_str(), sqlite3_errmsg(db));
-        return rc;
+        return stmt.error();
     }
-    rc = bindWhereArgs(db, stmt.get(), where, getValStr(request, WHERE_ARGS), BindFor::Update);
+    const int rc = bindWhereArgs(db, stmt, where, getValStr(request, WHERE_ARGS), BindFor::Update);
     if (rc != 0) {
         LOGE("bind fail");
         return rc;
     }
-    return stepWrite(stmt.get(), result);
+    return stepWrite(stmt, result);
 }
 
 int doDelete(sqlite3* db, Bundle* request, Bundle* result) {
@@ -236,18 +220,17 @@ int doDelete(sqlite3* db, Bundle* request, Bundle* result) {
         sql += " WHERE " + where;
     if (!fitsQueryBuffer(sql))
         return -1;
-    Stmt stmt;
-    int rc = prepare(db, sql, stmt);
-    if (rc != SQLITE_OK) {
+    SqliteStatement stmt(db, sql);
+    if (!stmt.ok()) {
         LOGE("prepare %s fail %s", sql.c_str(), sqlite3_errmsg(db));
-        return rc;
+        return stmt.error();
     }
-    rc = bindWhereArgs(db, stmt.get(), where, getValStr(request, WHERE_ARGS), BindFor::Delete);
+    const int rc = bindWhereArgs(db, stmt, where, getValStr(request, WHERE_ARGS), BindFor::Delete);
     if (rc != 0) {
         LOGE("bind fail %s", sqlite3_errmsg(db));
         return rc;
     }
-    return stepWrite(stmt.get(), result);
+    return stepWrite(stmt, result);
 }
 
 int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
@@ -259,13 +242,12 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
         sql += " WHERE " + where;
     if (!fitsQueryBuffer(sql))
         return -1;
-    Stmt stmt;
-    int rc = prepare(db, sql, stmt);
-    if (rc != SQLITE_OK) {
+    SqliteStatement stmt(db, sql);
+    if (!stmt.ok()) {
         LOGE("prepare[%s] fail. [%s]", sql.c_str(), sqlite3_errmsg(db));
-        return rc;
+        return stmt.error();
     }
-    rc = bindWhereArgs(db, stmt.get(), where, getValStr(request, WHERE_ARGS), BindFor::Select);
+    int rc = bindWhereArgs(db, stmt, where, getValStr(request, WHERE_ARGS), BindFor::Select);
     if (rc != 0)
         return rc;
 
@@ -278,7 +260,7 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
     int counter = 0;
     for (;;) {
         ++counter;
-        rc = sqlite3_step(stmt.get());
+        rc = stmt.step();
         if (rc == SQLITE_DONE) {
             result->addStr(RECORD0, SUCCESS);
             return 0;
@@ -288,7 +270,7 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
             return rc;
         }
         Bundle row;
-        const int columnCount = sqlite3_column_count(stmt.get());
+        const int columnCount = stmt.columnCount();
         for (int c = 0; c < columnCount; ++c) {
             std::string token;
             while (columns[j] != ',' && columns[j] != '\0')
@@ -300,19 +282,15 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
             }
             int added;
             if (token.find("_blob") != std::string::npos) {
-                const void* blob = sqlite3_column_blob(stmt.get(), c);
-                const int size = sqlite3_column_bytes(stmt.get(), c);
-                added = row.addByte(columnKey(c), blob, blob ? static_cast<size_t>(size) : 0);
+                const std::string blob = stmt.columnBlob(c);
+                added = row.addByte(columnKey(c), blob.data(), blob.size());
                 if (added != pelio::platform::BUNDLE_ERROR_NONE) {
                     LOGE("error byte = %d", added);
                     return -1;
                 }
             } else {
-                const unsigned char* text = sqlite3_column_text(stmt.get(), c);
-                added =
-                    row.addStr(columnKey(c), text ? std::string(reinterpret_cast<const char*>(text),
-                                                                sqlite3_column_bytes(stmt.get(), c))
-                                                  : std::string("NULL"));
+                added = row.addStr(columnKey(c), stmt.columnIsNull(c) ? std::string("NULL")
+                                                                      : stmt.columnText(c));
                 if (added != pelio::platform::BUNDLE_ERROR_NONE) {
                     LOGE("error str = %d", added);
                     return -1;
@@ -335,21 +313,20 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
 int doDrop(sqlite3* db, Bundle* request, Bundle* result) {
     const std::string sql =
         getValStr(request, OPERATION_KEY) + " TABLE " + getValStr(request, URI_TABLE_NAME);
-    Stmt stmt;
-    const int rc = prepare(db, sql, stmt);
-    if (rc != SQLITE_OK) {
+    SqliteStatement stmt(db, sql);
+    if (!stmt.ok()) {
         LOGE("prepare %s fail %s", sql.c_str(), sqlite3_errmsg(db));
-        return rc;
+        return stmt.error();
     }
-    return stepWrite(stmt.get(), result);
+    return stepWrite(stmt, result);
 }
 
 }  // namespace
 
 std::mutex DbManager::sInstanceMutex;
 
-std::unique_ptr<DbManager, DbManager::Deleter>& DbManager::holder() {
-    static std::unique_ptr<DbManager, Deleter> instance;
+std::unique_ptr<DbManager>& DbManager::holder() {
+    static std::unique_ptr<DbManager> instance;
     return instance;
 }
 
@@ -575,7 +552,7 @@ int DbManager::openDb() {
     const std::string path = databasePath();
     sqlite3* raw = nullptr;
     const int rc = path.empty() ? SQLITE_CANTOPEN : sqlite3_open(path.c_str(), &raw);
-    Connection db(raw);  // sqlite3_open hands out a handle even when it fails
+    pelio::SqliteDb db(raw);  // sqlite3_open hands out a handle even when it fails
     if (rc != SQLITE_OK) {
         LOGE("Failed to open[%d]", rc);
         return -1;

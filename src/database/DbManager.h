@@ -46,6 +46,7 @@
 
 #include <sqlite3.h>
 
+#include <pelio/CHandles.h>
 #include <pelio/platform/Bundle.h>
 #include <functional>
 #include <memory>
@@ -105,17 +106,11 @@ class DbManager {
     DbManager(const DbManager&) = delete;
     DbManager& operator=(const DbManager&) = delete;
 
-    struct Deleter {
-        void operator()(DbManager* manager) const { delete manager; }
-    };
-    struct ConnectionCloser {
-        void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
-    };
-    using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
-    static std::unique_ptr<DbManager, Deleter>& holder();
+    friend struct std::default_delete<DbManager>;  // the holder below ends it
+    static std::unique_ptr<DbManager>& holder();
     static std::mutex sInstanceMutex;
 
-    Connection mDb;  // null while closed
+    pelio::SqliteDb mDb;  // null while closed
     std::mutex db_lock;
     bool mInTransaction = false;
     bool mInMultiQuery = false;  // between beginMultiQuery and endMultiQuery (under db_lock)
