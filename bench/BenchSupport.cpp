@@ -1,5 +1,6 @@
 #include "BenchSupport.h"
 
+#include <pelio/CHandles.h>
 #include <sqlite3.h>
 
 #include <pelio/platform/AppPaths.h>
@@ -34,10 +35,7 @@ BenchHome::~BenchHome() {
 }
 
 namespace {
-struct DbCloser {
-    void operator()(sqlite3* db) const { sqlite3_close(db); }
-};
-using Db = std::unique_ptr<sqlite3, DbCloser>;
+using Db = pelio::SqliteDb;
 
 Db openDatabase() {
     sqlite3* raw = nullptr;
@@ -62,7 +60,7 @@ int BenchHome::rowCount(const std::string& table) {
     if (sqlite3_prepare_v2(db.get(), ("SELECT count(*) FROM " + table).c_str(), -1, &raw,
                            nullptr) != SQLITE_OK)
         return -1;
-    std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> stmt(raw, sqlite3_finalize);
+    pelio::SqliteStmt stmt(raw);
     return sqlite3_step(stmt.get()) == SQLITE_ROW ? sqlite3_column_int(stmt.get(), 0) : -1;
 }
 

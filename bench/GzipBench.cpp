@@ -1,6 +1,7 @@
 // UMgrGzip: compression of an upload body of 100 contact documents (about 50 KB of JSON) and of a
 // 1 MB reply, and decompression of both.
 #include <benchmark/benchmark.h>
+#include <pelio/CHandles.h>
 
 #include <cstdlib>
 #include <memory>
@@ -62,10 +63,7 @@ std::string contactsBody() {
     return body + "]}";
 }
 
-struct FreeDeleter {
-    void operator()(unsigned char* p) const { std::free(p); }
-};
-using Buffer = std::unique_ptr<unsigned char, FreeDeleter>;
+using Buffer = pelio::MallocPtr<unsigned char>;
 
 std::vector<unsigned char> compressed(const std::string& source) {
     unsigned char* raw = nullptr;

@@ -8,10 +8,7 @@ namespace {
 
 constexpr int kBusyTimeoutMs = 2000;
 
-struct Finalize {
-    void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
+using Statement = pelio::SqliteStmt;
 
 Statement prepare(sqlite3* db, const std::string& sql) {
     sqlite3_stmt* s = nullptr;

@@ -5,6 +5,7 @@
 // Owns its SQLite handle (closed by the destructor). One thread at a time.
 #pragma once
 
+#include <pelio/CHandles.h>
 #include <sqlite3.h>
 
 #include <map>
@@ -36,10 +37,7 @@ class ShadowDatabase {
   private:
     bool noteMissingOrFailed();  // after a failed prepare; returns false
 
-    struct Close {
-        void operator()(sqlite3* db) const { sqlite3_close(db); }
-    };
-    std::unique_ptr<sqlite3, Close> db_;
+    pelio::SqliteDb db_;
     std::string error_;
     bool failed_ = false;
 };

@@ -2,6 +2,7 @@
 
 #include <json-glib/json-glib.h>
 
+#include <pelio/CHandles.h>
 #include <pelio/platform/Preferences.h>
 #include <filesystem>
 #include <map>
@@ -52,10 +53,6 @@ bool eastAsian(const std::string& locale) {
     }
     return false;
 }
-
-struct JsonFree {
-    void operator()(gpointer p) const { g_object_unref(p); }
-};
 
 }  // namespace
 
@@ -153,7 +150,7 @@ std::string StatusReport::text() const {
 }
 
 std::string StatusReport::json() const {
-    std::unique_ptr<JsonBuilder, JsonFree> b(json_builder_new());
+    pelio::GObjectPtr<JsonBuilder> b(json_builder_new());
     JsonBuilder* j = b.get();
     json_builder_begin_object(j);
     json_builder_set_member_name(j, "service_running");
@@ -203,7 +200,7 @@ std::string StatusReport::json() const {
     json_builder_end_object(j);
 
     JsonNode* root = json_builder_get_root(j);
-    std::unique_ptr<JsonGenerator, JsonFree> gen(json_generator_new());
+    pelio::GObjectPtr<JsonGenerator> gen(json_generator_new());
     json_generator_set_root(gen.get(), root);
     json_generator_set_pretty(gen.get(), TRUE);
     gchar* data = json_generator_to_data(gen.get(), nullptr);

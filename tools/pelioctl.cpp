@@ -6,6 +6,7 @@
 #include <gio/gio.h>
 #include <poll.h>
 
+#include <pelio/CHandles.h>
 #include <pelio/platform/AppControl.h>
 #include <pelio/platform/ApplicationEndpoint.h>
 #include <pelio/platform/MainLoop.h>
@@ -280,7 +281,7 @@ int cmdEvent(int argc, char** argv) {
             g_error_free(error);
         return 1;
     }
-    std::unique_ptr<GDBusConnection, decltype(&g_object_unref)> hold(bus, g_object_unref);
+    pelio::GObjectPtr<GDBusConnection> hold(bus);
     g_dbus_connection_set_exit_on_close(bus, FALSE);
     const bool ok = g_dbus_connection_emit_signal(bus, nullptr, pp::kSystemObjectPath,
                                                   pp::kSystemInterface, member, nullptr, &error) &&
@@ -363,10 +364,7 @@ int cmdDb() {
 }
 
 // The session bus connection of the status commands (GIO's shared one); null when unreachable.
-struct ObjectUnref {
-    void operator()(GDBusConnection* c) const { g_object_unref(c); }
-};
-using BusPtr = std::unique_ptr<GDBusConnection, ObjectUnref>;
+using BusPtr = pelio::GObjectPtr<GDBusConnection>;
 
 BusPtr sessionBus() {
     BusPtr bus(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));

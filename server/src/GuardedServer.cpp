@@ -12,10 +12,6 @@
 
 namespace {
 
-struct SslFree {
-    void operator()(SSL* s) const { SSL_free(s); }
-};
-
 // Closes an accepted socket when the connection ends, whatever the way out.
 struct SocketCloser {
     int fd;
@@ -108,7 +104,7 @@ bool GuardedServer::process_and_close_socket(socket_t sock) {
         return false;
     }
     using Clock = GuardedStream::Clock;
-    std::unique_ptr<SSL, SslFree> ssl;
+    pelio::Ssl ssl;
     if (ctx_) {
         ssl.reset(SSL_new(ctx_.get()));
         if (!ssl || SSL_set_fd(ssl.get(), sock) != 1 ||

@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 #include <openssl/ssl.h>
+#include <pelio/CHandles.h>
 
 #include <chrono>
 #include <cstddef>
@@ -42,16 +43,12 @@ class GuardedServer : public httplib::Server {
     bool is_valid() const override;
 
   private:
-    struct SslCtxFree {
-        void operator()(SSL_CTX* c) const { SSL_CTX_free(c); }
-    };
-
     bool process_and_close_socket(socket_t sock) override;
     void refused(const std::string& why);
 
     const std::string name_;
     const Limits limits_;
-    std::unique_ptr<SSL_CTX, SslCtxFree> ctx_;
+    pelio::SslCtx ctx_;
     bool valid_ = true;
     ClientSlots slots_;
     std::mutex logMutex_;

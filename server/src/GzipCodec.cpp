@@ -1,18 +1,12 @@
 #include "GzipCodec.h"
 
+#include <pelio/CHandles.h>
 #include <zlib.h>
 
 #include <memory>
 #include <stdexcept>
 
 namespace {
-
-struct DeflateEnd {
-    void operator()(z_stream* s) const { deflateEnd(s); }
-};
-struct InflateEnd {
-    void operator()(z_stream* s) const { inflateEnd(s); }
-};
 
 constexpr int kGzipWindowBits = 15 + 16;
 
@@ -23,7 +17,7 @@ std::string GzipCodec::compress(const std::string& plain) {
     if (deflateInit2(&zs, 6, Z_DEFLATED, kGzipWindowBits, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
         throw std::runtime_error("deflateInit2 failed");
     }
-    std::unique_ptr<z_stream, DeflateEnd> guard(&zs);
+    pelio::DeflateGuard guard(&zs);
     std::string out;
     out.resize(deflateBound(&zs, plain.size()) + 32);
     zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(plain.data()));
@@ -42,7 +36,7 @@ std::optional<std::string> GzipCodec::inflate(const std::string& gz, std::size_t
     if (inflateInit2(&zs, kGzipWindowBits) != Z_OK) {
         return std::nullopt;
     }
-    std::unique_ptr<z_stream, InflateEnd> guard(&zs);
+    pelio::InflateGuard guard(&zs);
     zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(gz.data()));
     zs.avail_in = static_cast<uInt>(gz.size());
     std::string out;

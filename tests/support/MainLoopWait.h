@@ -4,6 +4,7 @@
 
 #include <Ecore.h>
 
+#include <pelio/CHandles.h>
 #include <pelio/platform/MainLoop.h>
 
 #include <functional>
@@ -20,8 +21,8 @@ inline void runMainLoopUntil(const std::function<bool()>& done, double seconds =
         pelio::platform::quitMainLoop();
         return ECORE_CALLBACK_RENEW;  // deleted by its holder
     };
-    std::unique_ptr<Ecore_Timer, decltype(&ecore_timer_del)> guard(
-        ecore_timer_add(seconds, onExpiry, &expired), &ecore_timer_del);
+    pelio::CHandle<Ecore_Timer, ecore_timer_del> guard(
+        ecore_timer_add(seconds, onExpiry, &expired));
     while (!done() && !expired)
         pelio::platform::runMainLoop();
 }

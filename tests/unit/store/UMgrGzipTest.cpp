@@ -1,6 +1,7 @@
 #include "utils/UMgrGzip.h"
 
 #include <gtest/gtest.h>
+#include <pelio/CHandles.h>
 
 #include <memory>
 #include <string>
@@ -19,7 +20,7 @@ TEST(UMgrGzipTest, CompressGivesOneCompleteGzipMember) {
     int size = 0;
     EXPECT_EQ(100, gzip.compress("a", 6, &grown, &size));
     ASSERT_NE(nullptr, grown);
-    std::unique_ptr<unsigned char, decltype(&std::free)> owned(grown, &std::free);
+    pelio::MallocPtr<unsigned char> owned(grown);
     EXPECT_EQ("a", pelio::test::gunzip(std::string(reinterpret_cast<char*>(grown), size)));
     unsigned char* compressed = reinterpret_cast<unsigned char*>(0x1);
     size = 77;
