@@ -24,16 +24,36 @@ class DbManagerTest : public StoreTest {
                          &r));
         ASSERT_EQ("SUCCESS", strOf(r, "record0"));
     }
-    // Inserts master keys [from, to) through insertDb in one committed transaction.
-    void fillMaster(int from, int to) {
+    // Inserts master keys through insertDb in one transaction, marked successful when mark is.
+    void insertInTransaction(const std::vector<std::string>& keys, bool mark) {
         db_->beginMultiQuery();
-        for (int i = from; i < to; ++i) {
-            auto req = makeRequest(request("INSERT", "master", {{"key", "k" + std::to_string(i)}}));
+        EXPECT_TRUE(db_->inDbTransaction());
+        for (const std::string& key : keys) {
+            auto req = makeRequest(request("INSERT", "master", {{"key", key}}));
             Bundle res;
-            ASSERT_EQ(0, db_->insertDb(&req, &res));
+            EXPECT_EQ(0, db_->insertDb(&req, &res)) << key;
         }
-        db_->setDbTransactionSuccessful();
+        if (mark)
+            db_->setDbTransactionSuccessful();
         db_->endMultiQuery();
+        EXPECT_FALSE(db_->inDbTransaction());
+    }
+    // Master keys "k<from>".."k<to - 1>", committed.
+    void fillMaster(int from, int to) {
+        std::vector<std::string> keys;
+        for (int i = from; i < to; ++i)
+            keys.push_back("k" + std::to_string(i));
+        insertInTransaction(keys, true);
+    }
+    // Every request fails with -1, a "FAILURE" record and a log line holding its message.
+    void expectFailures(const std::vector<std::pair<Request, std::string>>& cases) {
+        for (const auto& [req, message] : cases) {
+            log_.clear();
+            Bundle r;
+            EXPECT_EQ(-1, run(req, &r)) << message;
+            EXPECT_TRUE(log_.contains(message)) << message;
+            EXPECT_EQ("FAILURE", strOf(r, "record0")) << message;
+        }
     }
     // The lock is free: another thread can take it.
     void expectLockFree() {
@@ -215,16 +235,7 @@ TEST_F(DbManagerTest, FailingRequestsLogTheirSqlTextAndMessages) {
          "query text too long"},
     };
     insertContact("a", "1", "1");
-    for (const auto& [req, message] : cases) {
-        log_.clear();
-        const std::string what = req[0].second + " " + req[1].second;
-        Bundle r;
-        EXPECT_EQ(-1, run(req, &r)) << what;
-        EXPECT_TRUE(log_.contains(message)) << what << ": " << message;
-        if (req[0].second == "INSERT" || req[0].second == "UPDATE") {
-            EXPECT_EQ("FAILURE", strOf(r, "record0")) << what;
-        }
-    }
+    expectFailures(cases);
     EXPECT_EQ(0, rowCount("master"));
     EXPECT_EQ((Rows{"a|1"}), query("SELECT _id, dirty FROM contacts"));
 }
@@ -242,21 +253,10 @@ TEST_F(DbManagerTest, NonNumericColumnCountThrowsAndReleasesTheLock) {
 }
 
 TEST_F(DbManagerTest, OnlyTheFirstTransactionCommitsWithoutBeingMarked) {
-    auto insertInTransaction = [&](const std::string& key, bool mark) {
-        db_->beginMultiQuery();
-        EXPECT_TRUE(db_->inDbTransaction());
-        auto req = makeRequest(request("INSERT", "master", {{"key", key}}));
-        Bundle res;
-        EXPECT_EQ(0, db_->insertDb(&req, &res));
-        if (mark)
-            db_->setDbTransactionSuccessful();
-        db_->endMultiQuery();
-        EXPECT_FALSE(db_->inDbTransaction());
-    };
-    insertInTransaction("first", false);
-    insertInTransaction("second", false);
-    insertInTransaction("third", true);
-    insertInTransaction("fourth", false);
+    insertInTransaction({"first"}, false);
+    insertInTransaction({"second"}, false);
+    insertInTransaction({"third"}, true);
+    insertInTransaction({"fourth"}, false);
     EXPECT_EQ((Rows{"first", "third"}), query("SELECT key FROM master ORDER BY _id"));
 
     // Outside multi-query mode the direct calls have no connection.
@@ -267,7 +267,7 @@ TEST_F(DbManagerTest, OnlyTheFirstTransactionCommitsWithoutBeingMarked) {
     EXPECT_TRUE(log_.hasMessage("deleteDb fail : DB isn't opened."));
     // Marking outside a connection does nothing: the next transaction still rolls back.
     db_->setDbTransactionSuccessful();
-    insertInTransaction("fifth", false);
+    insertInTransaction({"fifth"}, false);
     EXPECT_EQ(2, rowCount("master"));
 }
 
@@ -285,13 +285,7 @@ TEST_F(DbManagerTest, UnopenableDatabaseFailsEveryOperationCleanly) {
         {request("DROP", "master"), "db open err"},
         {request("CREATE", ""), "create err= -1"},
     };
-    for (const auto& [req, message] : cases) {
-        log_.clear();
-        Bundle r;
-        EXPECT_EQ(-1, run(req, &r)) << message;
-        EXPECT_TRUE(log_.hasMessage(message)) << message;
-        EXPECT_EQ("FAILURE", strOf(r, "record0")) << message;
-    }
+    expectFailures(cases);
     // A failed open in multi-query mode keeps the lock until endMultiQuery.
     db_->beginMultiQuery();
     EXPECT_FALSE(db_->inDbTransaction());
@@ -309,16 +303,10 @@ TEST_F(DbManagerTest, ThreadedQueriesAndTransactionsAreSerialised) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kEach; ++i) {
                 const std::string key = "t" + std::to_string(t) + "_" + std::to_string(i);
-                auto req = makeRequest(request("INSERT", "master", {{"key", key}}));
-                Bundle res;
-                if (t == 0) {
-                    db_->beginMultiQuery();
-                    db_->insertDb(&req, &res);
-                    db_->setDbTransactionSuccessful();
-                    db_->endMultiQuery();
-                } else {
-                    db_->plmsvc_db_process(&req, &res);
-                }
+                if (t == 0)
+                    insertInTransaction({key}, true);
+                else
+                    EXPECT_EQ(0, run(request("INSERT", "master", {{"key", key}})));
             }
         });
     }
