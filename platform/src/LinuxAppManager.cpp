@@ -20,7 +20,7 @@ GObjectPtr<GDBusConnection> sessionBus() {
 }
 
 GVariantPtr call(const char* dest, const char* path, const char* iface, const char* method,
-                GVariant* args, const char* replyType) {
+                 GVariant* args, const char* replyType) {
     GObjectPtr<GDBusConnection> bus = sessionBus();
     if (!bus) {
         if (args)
@@ -65,9 +65,10 @@ class LinuxAppManager : public AppManager {
     int getAppState(const AppContext& context, int& state) override {
         if (context.appId.empty())
             return APP_MANAGER_ERROR_INVALID_PARAMETER;
-        GVariantPtr reply = call(context.appId.c_str(), applicationObjectPath(context.appId).c_str(),
-                                "org.freedesktop.DBus.Properties", "Get",
-                                g_variant_new("(ss)", kApplicationInterface, "State"), "(v)");
+        GVariantPtr reply =
+            call(context.appId.c_str(), applicationObjectPath(context.appId).c_str(),
+                 "org.freedesktop.DBus.Properties", "Get",
+                 g_variant_new("(ss)", kApplicationInterface, "State"), "(v)");
         if (!reply)
             return APP_MANAGER_ERROR_IO_ERROR;
         GVariant* raw = nullptr;

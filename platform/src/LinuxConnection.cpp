@@ -56,8 +56,7 @@ bool settingsString(const char* key, std::string& value) {
     auto file = loadSettings();
     if (!file)
         return false;
-    GCharPtr v(
-        g_key_file_get_string(file.get(), kSettingsGroup, key, nullptr));
+    GCharPtr v(g_key_file_get_string(file.get(), kSettingsGroup, key, nullptr));
     if (!v)
         return false;
     value = v.get();

@@ -1,8 +1,8 @@
 #include "LinuxPackageManager.h"
 
 #include <gio/gdesktopappinfo.h>
-#include <pelio/CHandles.h>
 #include <glib.h>
+#include <pelio/CHandles.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -37,7 +37,6 @@ std::string configDir() {
     return base + "/pelio-platform";
 }
 
-
 class LinuxSystemSettings : public SystemSettings {
   public:
     ~LinuxSystemSettings() override { stopWatch(); }

@@ -289,8 +289,8 @@ int doSelect(sqlite3* db, Bundle* request, Bundle* result) {
                     return -1;
                 }
             } else {
-                added = row.addStr(columnKey(c), stmt.columnIsNull(c) ? std::string("NULL")
-                                                                      : stmt.columnText(c));
+                added = row.addStr(columnKey(c),
+                                   stmt.columnIsNull(c) ? std::string("NULL") : stmt.columnText(c));
                 if (added != pelio::platform::BUNDLE_ERROR_NONE) {
                     LOGE("error str = %d", added);
                     return -1;

@@ -54,8 +54,7 @@ int UMgrGzip::compress(const std::string& source, int level, unsigned char** com
     LOGD("compressLevel[%d]", level);
     LOGD("compressedLen[%d]", static_cast<int>(capacity));
 
-    pelio::MallocPtr<unsigned char> buffer(
-        static_cast<unsigned char*>(std::calloc(capacity, 1)));
+    pelio::MallocPtr<unsigned char> buffer(static_cast<unsigned char*>(std::calloc(capacity, 1)));
     if (!buffer) {
         LOGE("Failed to Calloc");
         deflateEnd(&stream);

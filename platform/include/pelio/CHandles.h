@@ -5,8 +5,8 @@
 //   the aliases below            the handles the code uses, one section per library.
 //
 // Each library's section is compiled in when that library's header is on the including target's
-// include path (GLib and JSON-GLib come through pkg-config), so a target pays only for the libraries
-// it builds against and needs no link dependency for this header.
+// include path (GLib and JSON-GLib come through pkg-config), so a target pays only for the
+// libraries it builds against and needs no link dependency for this header.
 //
 // Threads: a handle is an ordinary object; it follows the thread rules of what it holds.
 // Ownership: the handle owns exactly one reference (or allocation); release() gives it back.
