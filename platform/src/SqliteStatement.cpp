@@ -14,6 +14,8 @@ SqliteStatement::SqliteStatement(sqlite3* db, const char* sql) {
     stmt_.reset(raw);
     if (error_ != SQLITE_OK)
         stmt_.reset();
+    else if (!stmt_)
+        error_ = SQLITE_MISUSE;  // the text held no statement (blank or only a comment)
 }
 
 SqliteStatement& SqliteStatement::noteBind(int rc) {

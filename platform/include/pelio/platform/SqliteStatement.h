@@ -3,8 +3,9 @@
 //
 // Threads: a statement belongs to the thread that prepared it and is used there only, on a
 // connection that outlives it.
-// Errors: a failed prepare leaves the statement invalid (ok() false, error() the engine's code);
-// a failed bind is kept in error() until reset(); step() returns SQLite's code.
+// Errors: a failed prepare leaves the statement invalid (ok() false, error() the engine's code,
+// SQLITE_MISUSE for a text without a statement); a failed bind is kept in error() until reset();
+// step() returns SQLite's code.
 #pragma once
 
 #include <pelio/CHandles.h>
