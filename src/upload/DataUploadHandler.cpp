@@ -78,6 +78,18 @@ std::string prefString(const char* key) {
     return value;
 }
 
+// What openPds returns for a failure of the transport library.
+int openResultOf(OrvaneErrorCode code) {
+    switch (code) {
+        case OrvaneErrorCode::DatabaseUnreachable:
+            return 13;
+        case OrvaneErrorCode::ForceLimited:
+            return 23;
+        default:
+            return -1;
+    }
+}
+
 void removeAll(std::string& text, char c) {
     text.erase(std::remove(text.begin(), text.end(), c), text.end());
 }
@@ -204,21 +216,14 @@ int DataUploadHandler::openPds(int syncDataType) {
     } catch (const std::exception& e) {
         LOGE("");
         LOGE("errMsg[%s]", e.what());
-        std::string message = e.what();
         if (dynamic_cast<const OrvanePDSNoDatabaseException*>(&e) != nullptr) {
             LOGE("OrvanePDSNoDatabaseException trigger force");
-            message = "OrvanePDSNoDatabaseException";
             _setPrefForce(true);
             if (mClearQueue)
                 mClearQueue();
         }
-        if (message == "open: PDSS DB Network Error") {
-            ret = 13;
-        } else if (message.find("Force Sync Limit exceeded. Retry after") != std::string::npos) {
-            ret = 23;
-        } else {
-            ret = -1;
-        }
+        const auto* transport = dynamic_cast<const OrvaneError*>(&e);
+        ret = transport ? openResultOf(transport->code()) : -1;
     }
     setPdsOpened(succeeded);
     return ret;

@@ -9,7 +9,8 @@
 // in the SyncResult; library exceptions never leave these operations. Every exception raised
 // on the way (the service's Orvane*Exception classes, the library's OrvaneError, and the
 // std::invalid_argument / std::out_of_range of a malformed proxy port while the library handle is
-// built) is caught as std::exception inside openPds, closePds and wipePds themselves.
+// built) is caught as std::exception inside openPds, closePds and wipePds themselves; openPds
+// tells 13 and 23 from -1 by the OrvaneError's code, never by its text.
 //
 // Decisions of this implementation:
 // - Preferences are read and written through the platform preference store directly (typed
