@@ -131,12 +131,17 @@ LinuxPreferences::Map LinuxPreferences::load(const std::string& file, bool& dama
         return values;
     }
     g_autoptr(GKeyFile) keys = g_key_file_new();
-    damaged = !g_utf8_validate(data, static_cast<gssize>(size), nullptr) ||
-              !g_key_file_load_from_data(keys, data, size, G_KEY_FILE_NONE, &error) ||
-              !parse(keys, values);
+    const char* reason = nullptr;
+    if (!g_utf8_validate(data, static_cast<gssize>(size), nullptr))
+        reason = "not UTF-8";
+    else if (!g_key_file_load_from_data(keys, data, size, G_KEY_FILE_NONE, &error))
+        reason = error->message;
+    else if (!parse(keys, values))
+        reason = "unknown group, bad key or value";
+    damaged = reason != nullptr;
     if (damaged) {
         dlog_print(DLOG_ERROR, kTag, "preferences: damaged store %s (%s), treated as empty",
-                   file.c_str(), error ? error->message : "unknown group, key or value");
+                   file.c_str(), reason);
         values.clear();
     }
     return values;
