@@ -214,12 +214,11 @@ void plmsync_sync_reply_plm_id(const AppControl* request, const std::string& typ
     pelio::platform::replyToLaunchRequest(reply, *request, result);
 }
 
-void plmsync_handle_app_event(const AppControl& app_control, void* user_data) {
-    (void)user_data;
-    expectMainLoop("plmsync_handle_app_event");
-    LOGD("caller id matched");
-    std::string value;
+namespace {
 
+// The server address, port, certificate and locale a launch request may carry.
+void applyServerExtras(const AppControl& app_control) {
+    std::string value;
     if (readExtra(app_control, plm::EXTRA_SET_IP, value)) {
         setIP(value);
         LOGD("set the IP : [%s]", value.c_str());
@@ -246,7 +245,11 @@ void plmsync_handle_app_event(const AppControl& app_control, void* user_data) {
     } else {
         LOGD("SET_LOCALE type is NULL");
     }
+}
 
+// The force flag of the request (stored as "is_force"); false when the request has none.
+bool applyForceExtra(const AppControl& app_control) {
+    std::string value;
     bool isForce = false;
     if (readExtra(app_control, plm::EXTRA_SET_IS_FORCE, value)) {
         if (value == "true") {
@@ -262,7 +265,12 @@ void plmsync_handle_app_event(const AppControl& app_control, void* user_data) {
     } else {
         LOGD("SET_IS_FORCE type is NULL");
     }
+    return isForce;
+}
 
+// A request to clear the server: clears it, stops the workers and ends the service.
+void applyClearServerExtra(const AppControl& app_control) {
+    std::string value;
     if (readExtra(app_control, plm::EXTRA_CLEAR_SERVER, value)) {
         if (value.compare(0, 4, "true") == 0) {
             setClearServer(true);
@@ -278,7 +286,9 @@ void plmsync_handle_app_event(const AppControl& app_control, void* user_data) {
     } else {
         LOGD("CLEAR_SERVER type is NULL");
     }
+}
 
+void dispatchOperation(const AppControl& app_control, bool isForce) {
     std::string operation;
     if (!readExtra(app_control, plm::EXTRA_EVENT_TYPE, operation)) {
         LOGD("op type is NULL");
@@ -298,4 +308,16 @@ void plmsync_handle_app_event(const AppControl& app_control, void* user_data) {
     } else {
         LOGE("PLM service No allowed action");
     }
+}
+
+}  // namespace
+
+void plmsync_handle_app_event(const AppControl& app_control, void* user_data) {
+    (void)user_data;
+    expectMainLoop("plmsync_handle_app_event");
+    LOGD("caller id matched");
+    applyServerExtras(app_control);
+    const bool isForce = applyForceExtra(app_control);
+    applyClearServerExtra(app_control);
+    dispatchOperation(app_control, isForce);
 }

@@ -101,6 +101,19 @@ std::string memberText(JsonNode* node) {
     return toJsonText(node);
 }
 
+// The server names two refusals that change what the caller does next: its database is out of
+// reach ("<op>: PDSS DB Network Error"), or a forced sync must wait ("Force Sync Limit exceeded.
+// Retry after N").
+OrvaneErrorCode refusalCode(const std::string& op, const std::string& message) {
+    if (message == op + ": PDSS DB Network Error") {
+        return OrvaneErrorCode::DatabaseUnreachable;
+    }
+    if (message.find("Force Sync Limit exceeded. Retry after") != std::string::npos) {
+        return OrvaneErrorCode::ForceLimited;
+    }
+    return OrvaneErrorCode::Refused;
+}
+
 }  // namespace
 
 OrvaneReply orvaneReadReply(const std::string& op, long status, const std::string& answer,
@@ -206,7 +219,7 @@ struct Orvane::Impl {
         std::string answer;
         CurlList headers(curl_slist_append(nullptr, "Content-Type: application/json"));
         if (!headers || !curl_slist_append(headers.get(), "Accept: application/json")) {
-            throw OrvaneError(op + ": out of memory");
+            throw OrvaneError(OrvaneErrorCode::Setup, op + ": out of memory");
         }
 
         curl_easy_setopt(c, CURLOPT_URL, url.c_str());
@@ -246,7 +259,7 @@ struct Orvane::Impl {
             if (callbacks) {
                 callbacks->onSessionEvent(op, 0);
             }
-            throw OrvaneError(op + ": " + reason);
+            throw OrvaneError(OrvaneErrorCode::Transport, op + ": " + reason);
         }
         long status = 0;
         curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
@@ -261,10 +274,10 @@ struct Orvane::Impl {
                 break;
             case OrvaneReply::Refused:
                 log(2, op + ": refused: " + message);
-                throw OrvaneError(message);
+                throw OrvaneError(refusalCode(op, message), message);
             case OrvaneReply::Malformed:
                 log(1, op + ": answer is not a JSON object");
-                throw OrvaneError(op + ": malformed answer from server");
+                throw OrvaneError(OrvaneErrorCode::BadReply, op + ": malformed answer from server");
         }
         log(4, op + ": " + std::to_string(result.size()) + " result entries");
     }
@@ -284,7 +297,7 @@ Orvane::Orvane(const std::string& serverHost, int port, const std::string& devic
     impl_->proxyPort = proxyPort;
     impl_->curl.reset(curl_easy_init());
     if (!impl_->curl) {
-        throw OrvaneError("create: curl_easy_init failed");
+        throw OrvaneError(OrvaneErrorCode::Setup, "create: curl_easy_init failed");
     }
 }
 

@@ -42,15 +42,16 @@ std::mutex& writerMutex() {
     return m;
 }
 
-struct Existing {
+}  // namespace
+
+// A card the index already holds.
+struct ContactsIndex::Existing {
     int id = 0;
     bool deleted = false;
     std::string fingerprint;
     std::string sourceFile;
     int bookId = 0;
 };
-
-}  // namespace
 
 ContactsIndex::ContactsIndex(const std::string& dbPath) {
     db_ = openIndexDatabase(dbPath, "contacts");
@@ -221,39 +222,50 @@ int ContactsIndex::applyScan(const ContactsScan& scan, int& changed) {
     if (!exec("BEGIN IMMEDIATE"))
         return CONTACTS_ERROR_DB;
 
-    auto fail = [this]() {
+    std::map<std::string, Existing> existing;
+    int version = 0;
+    std::map<std::string, int> books;
+    Changes changes;
+    std::set<std::string> seen;
+    if (!readExisting(existing) || readVersion(version) != CONTACTS_ERROR_NONE ||
+        !readAddressBooks(scan.addressBooks, books) ||
+        !applyCards(scan, existing, books, seen, changes) ||
+        !markVanished(scan, existing, seen, changes) || !recordChanges(changes, version + 1) ||
+        !exec("COMMIT")) {
         exec("ROLLBACK");
         return CONTACTS_ERROR_DB;
-    };
-
-    std::map<std::string, Existing> existing;
-    {
-        SqliteStatement sel(db_.get(),
-                            "SELECT card_key, id, deleted, fingerprint, source_file, "
-                            "address_book_id FROM contacts");
-        int rc;
-        while ((rc = sel.step()) == SQLITE_ROW) {
-            existing[sel.columnText(0)] = {sel.columnInt(1), sel.columnInt(2) != 0,
-                                           sel.columnText(3), sel.columnText(4), sel.columnInt(5)};
-        }
-        if (rc != SQLITE_DONE)
-            return fail();
     }
-    int version = 0;
-    if (readVersion(version) != CONTACTS_ERROR_NONE)
-        return fail();
-    const int next = version + 1;
+    changed = static_cast<int>(changes.size());
+    return CONTACTS_ERROR_NONE;
+}
 
-    std::map<std::string, int> books;
-    for (const auto& path : scan.addressBooks) {
+bool ContactsIndex::readExisting(std::map<std::string, Existing>& existing) {
+    SqliteStatement sel(db_.get(),
+                        "SELECT card_key, id, deleted, fingerprint, source_file, "
+                        "address_book_id FROM contacts");
+    int rc;
+    while ((rc = sel.step()) == SQLITE_ROW) {
+        existing[sel.columnText(0)] = {sel.columnInt(1), sel.columnInt(2) != 0, sel.columnText(3),
+                                       sel.columnText(4), sel.columnInt(5)};
+    }
+    return rc == SQLITE_DONE;
+}
+
+bool ContactsIndex::readAddressBooks(const std::set<std::string>& paths,
+                                     std::map<std::string, int>& books) {
+    for (const auto& path : paths) {
         int id = 0;
         if (addressBookId(path, id) != CONTACTS_ERROR_NONE)
-            return fail();
+            return false;
         books[path] = id;
     }
+    return true;
+}
 
-    std::vector<std::pair<int, int>> changes;  // contact id, change type
-    std::set<std::string> seen;
+bool ContactsIndex::applyCards(const ContactsScan& scan,
+                               const std::map<std::string, Existing>& existing,
+                               std::map<std::string, int>& books, std::set<std::string>& seen,
+                               Changes& changes) {
     for (const ParsedCard& card : scan.cards) {
         if (!seen.insert(card.key).second)
             continue;
@@ -262,14 +274,14 @@ int ContactsIndex::applyScan(const ContactsScan& scan, int& changed) {
         int id = 0;
         if (it == existing.end()) {
             if (!writeContact(0, card, bookId, true, id))
-                return fail();
+                return false;
             changes.emplace_back(id, CONTACTS_CHANGE_INSERTED);
             continue;
         }
         const Existing& old = it->second;
         if (old.deleted || old.fingerprint != card.fingerprint()) {
             if (!writeContact(old.id, card, bookId, false, id))
-                return fail();
+                return false;
             changes.emplace_back(old.id,
                                  old.deleted ? CONTACTS_CHANGE_INSERTED : CONTACTS_CHANGE_UPDATED);
         } else if (old.sourceFile != card.file || old.bookId != bookId) {
@@ -277,9 +289,15 @@ int ContactsIndex::applyScan(const ContactsScan& scan, int& changed) {
             SqliteStatement mv(db_.get(),
                                "UPDATE contacts SET source_file=?, address_book_id=? WHERE id=?");
             if (!mv.bind(1, card.file).bind(2, bookId).bind(3, old.id).run())
-                return fail();
+                return false;
         }
     }
+    return true;
+}
+
+bool ContactsIndex::markVanished(const ContactsScan& scan,
+                                 const std::map<std::string, Existing>& existing,
+                                 const std::set<std::string>& seen, Changes& changes) {
     SqliteStatement markDeleted(db_.get(), "UPDATE contacts SET deleted=1 WHERE id=?");
     for (const auto& [key, old] : existing) {
         if (old.deleted || seen.count(key) != 0)
@@ -288,26 +306,24 @@ int ContactsIndex::applyScan(const ContactsScan& scan, int& changed) {
         if (scan.unreadableFiles.count(old.sourceFile) != 0)
             continue;
         if (!markDeleted.bind(1, old.id).run())
-            return fail();
+            return false;
         changes.emplace_back(old.id, CONTACTS_CHANGE_DELETED);
     }
+    return true;
+}
 
-    if (!changes.empty()) {
-        SqliteStatement log(db_.get(),
-                            "INSERT OR REPLACE INTO changes(contact_id, version, type) "
-                            "VALUES(?,?,?)");
-        for (const auto& [id, type] : changes) {
-            if (!log.bind(1, id).bind(2, next).bind(3, type).run())
-                return fail();
-        }
-        SqliteStatement bump(db_.get(), "UPDATE meta SET value=? WHERE key='version'");
-        if (!bump.bind(1, next).run())
-            return fail();
+bool ContactsIndex::recordChanges(const Changes& changes, int next) {
+    if (changes.empty())
+        return true;
+    SqliteStatement log(db_.get(),
+                        "INSERT OR REPLACE INTO changes(contact_id, version, type) "
+                        "VALUES(?,?,?)");
+    for (const auto& [id, type] : changes) {
+        if (!log.bind(1, id).bind(2, next).bind(3, type).run())
+            return false;
     }
-    if (!exec("COMMIT"))
-        return fail();
-    changed = static_cast<int>(changes.size());
-    return CONTACTS_ERROR_NONE;
+    SqliteStatement bump(db_.get(), "UPDATE meta SET value=? WHERE key='version'");
+    return bump.bind(1, next).run();
 }
 
 int ContactsIndex::currentVersion(int& version) {

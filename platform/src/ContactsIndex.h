@@ -16,8 +16,11 @@
 
 #include <pelio/platform/Contacts.h>
 
+#include <map>
 #include <mutex>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pelio::platform {
@@ -41,6 +44,20 @@ class ContactsIndex {
     int contactByPersonId(int personId, ContactRecord& record);
 
   private:
+    struct Existing;
+    using Changes = std::vector<std::pair<int, int>>;  // contact id, change type
+
+    // The steps of applyScan, inside its transaction; false when a statement fails.
+    bool readExisting(std::map<std::string, Existing>& existing);
+    bool readAddressBooks(const std::set<std::string>& paths, std::map<std::string, int>& books);
+    bool applyCards(const ContactsScan& scan, const std::map<std::string, Existing>& existing,
+                    std::map<std::string, int>& books, std::set<std::string>& seen,
+                    Changes& changes);
+    // Marks deleted the cards the scan no longer found (unless their file was unreadable).
+    bool markVanished(const ContactsScan& scan, const std::map<std::string, Existing>& existing,
+                      const std::set<std::string>& seen, Changes& changes);
+    // Logs every change under version `next` and raises the database version to it.
+    bool recordChanges(const Changes& changes, int next);
     bool exec(const char* sql);
     int readVersion(int& version);
     int addressBookId(const std::string& path, int& id);

@@ -1,97 +1,72 @@
 #include "LinuxPreferences.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <pelio/platform/AppPaths.h>
 #include <pelio/platform/Log.h>
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <iterator>
+#include <utility>
 
 namespace pelio::platform {
 namespace {
 
-constexpr const char* kHeader = "# pelio preferences 1";
 constexpr const char* kTag = "PelioPlatform";
 
-char typeLetter(PreferenceType type) {
-    switch (type) {
-        case PreferenceType::Int:
-            return 'i';
-        case PreferenceType::Double:
-            return 'd';
-        case PreferenceType::Boolean:
-            return 'b';
-        case PreferenceType::String:
-            break;
-    }
-    return 's';
+// One key-file group per type; a key lives in exactly one of them.
+constexpr std::pair<PreferenceType, const char*> kGroups[] = {
+    {PreferenceType::Int, "int"},
+    {PreferenceType::Double, "double"},
+    {PreferenceType::Boolean, "bool"},
+    {PreferenceType::String, "string"},
+};
+
+const char* groupOf(PreferenceType type) {
+    for (const auto& [groupType, name] : kGroups)
+        if (groupType == type)
+            return name;
+    return "string";
 }
 
-bool typeFromLetter(char c, PreferenceType& type) {
-    switch (c) {
-        case 'i':
-            type = PreferenceType::Int;
-            return true;
-        case 'd':
-            type = PreferenceType::Double;
-            return true;
-        case 'b':
-            type = PreferenceType::Boolean;
-            return true;
-        case 's':
-            type = PreferenceType::String;
-            return true;
-        default:
-            return false;
-    }
+// A key file cannot hold every key ("=", brackets, a leading "#" or blank, line breaks): such
+// bytes, and "%" itself, are written as %XX.
+bool needsEscape(unsigned char c) {
+    return c <= ' ' || c >= 0x7f || std::strchr("%=[]#", c) != nullptr;
 }
 
-std::string escape(const std::string& in, bool isKey) {
+std::string encodeKey(const std::string& key) {
     std::string out;
-    for (char c : in) {
-        if (c == '\\')
-            out += "\\\\";
-        else if (c == '\n')
-            out += "\\n";
-        else if (c == '=' && isKey)
-            out += "\\=";
-        else
-            out += c;
+    for (unsigned char c : key) {
+        if (needsEscape(c)) {
+            char buf[4];
+            std::snprintf(buf, sizeof buf, "%%%02X", c);
+            out += buf;
+        } else {
+            out += static_cast<char>(c);
+        }
     }
     return out;
 }
 
-// Unescapes in[pos..) up to an unescaped stopAt (or the end); false for a bad escape.
-bool unescape(const std::string& in, size_t& pos, char stopAt, std::string& out) {
-    while (pos < in.size()) {
-        char c = in[pos];
-        if (c == stopAt)
-            return true;
-        if (c == '\\') {
-            if (pos + 1 >= in.size())
-                return false;
-            char n = in[pos + 1];
-            if (n == '\\')
-                out += '\\';
-            else if (n == 'n')
-                out += '\n';
-            else if (n == '=')
-                out += '=';
-            else
-                return false;
-            pos += 2;
+// False for a bad %XX sequence.
+bool decodeKey(const std::string& in, std::string& out) {
+    for (size_t pos = 0; pos < in.size(); ++pos) {
+        if (in[pos] != '%') {
+            out += in[pos];
             continue;
         }
-        out += c;
-        ++pos;
+        const std::string hex = in.substr(pos + 1, 2);
+        if (hex.size() != 2 || !std::isxdigit(static_cast<unsigned char>(hex[0])) ||
+            !std::isxdigit(static_cast<unsigned char>(hex[1])))
+            return false;
+        out += static_cast<char>(std::strtol(hex.c_str(), nullptr, 16));
+        pos += 2;
     }
-    return true;
+    return !out.empty();
 }
 
 bool validValue(PreferenceType type, const std::string& text) {
@@ -103,34 +78,33 @@ bool validValue(PreferenceType type, const std::string& text) {
             return !text.empty() && *end == '\0' && errno == 0 && v >= INT32_MIN && v <= INT32_MAX;
         }
         case PreferenceType::Double:
-            std::strtod(text.c_str(), &end);
+            g_ascii_strtod(text.c_str(), &end);
             return !text.empty() && *end == '\0';
         case PreferenceType::Boolean:
             return text == "true" || text == "false";
         case PreferenceType::String:
-            return true;
+            return g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
     }
     return false;
 }
 
 std::string formatDouble(double value) {
-    char buf[64];
-    std::snprintf(buf, sizeof buf, "%.17g", value);
-    return buf;
+    char buf[G_ASCII_DTOSTR_BUF_SIZE];
+    return g_ascii_dtostr(buf, sizeof buf, value);
 }
 
-bool writeAll(int fd, const std::string& data) {
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
+// The value of group/key as text; false when it is not a valid value of the group's type.
+bool readValue(GKeyFile* file, PreferenceType type, const char* group, const char* key,
+               std::string& text) {
+    // A bad escape still returns a value, with an error beside it.
+    g_autoptr(GError) error = nullptr;
+    g_autofree gchar* raw = type == PreferenceType::String
+                                ? g_key_file_get_string(file, group, key, &error)
+                                : g_key_file_get_value(file, group, key, &error);
+    if (!raw || error)
+        return false;
+    text = raw;
+    return validValue(type, text);
 }
 
 }  // namespace
@@ -145,47 +119,52 @@ std::string LinuxPreferences::path() const {
 LinuxPreferences::Map LinuxPreferences::load(const std::string& file, bool& damaged) const {
     damaged = false;
     Map values;
-    std::ifstream in(file, std::ios::binary);
-    if (!in)
-        return values;  // no store yet
-    std::string line;
-    int lineNo = 0;
-    bool sawHeader = false;
-    while (std::getline(in, line)) {
-        ++lineNo;
-        if (lineNo == 1) {
-            sawHeader = line == kHeader;
-            if (!sawHeader)
-                break;
-            continue;
-        }
-        if (line.empty())
-            continue;
-        PreferenceType type;
-        std::string key, text;
-        size_t pos = 2;
-        if (line.size() < 3 || line[1] != ':' || !typeFromLetter(line[0], type) ||
-            !unescape(line, pos, '=', key) || pos >= line.size() || key.empty()) {
-            damaged = true;
-            break;
-        }
-        ++pos;
-        if (!unescape(line, pos, '\0', text) || !validValue(type, text)) {
-            damaged = true;
-            break;
-        }
-        values[key] = Value{type, text};
+    g_autoptr(GError) error = nullptr;
+    g_autofree gchar* data = nullptr;
+    gsize size = 0;
+    if (!g_file_get_contents(file.c_str(), &data, &size, &error)) {
+        if (g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT))
+            return values;  // no store yet
+        dlog_print(DLOG_ERROR, kTag, "preferences: cannot read %s (%s), treated as empty",
+                   file.c_str(), error->message);
+        damaged = true;
+        return values;
     }
-    if (!sawHeader && lineNo > 0)
-        damaged = true;
-    if (!sawHeader && lineNo == 0 && in.bad())
-        damaged = true;
+    g_autoptr(GKeyFile) keys = g_key_file_new();
+    const char* reason = nullptr;
+    if (!g_utf8_validate(data, static_cast<gssize>(size), nullptr))
+        reason = "not UTF-8";
+    else if (!g_key_file_load_from_data(keys, data, size, G_KEY_FILE_NONE, &error))
+        reason = error->message;
+    else if (!parse(keys, values))
+        reason = "unknown group, bad key or value";
+    damaged = reason != nullptr;
     if (damaged) {
-        dlog_print(DLOG_ERROR, kTag, "preferences: damaged store %s (line %d), treated as empty",
-                   file.c_str(), lineNo);
+        dlog_print(DLOG_ERROR, kTag, "preferences: damaged store %s (%s), treated as empty",
+                   file.c_str(), reason);
         values.clear();
     }
     return values;
+}
+
+bool LinuxPreferences::parse(GKeyFile* keys, Map& values) {
+    gsize groupCount = 0;
+    g_auto(GStrv) groups = g_key_file_get_groups(keys, &groupCount);
+    for (gsize g = 0; g < groupCount; ++g) {
+        const auto* known =
+            std::find_if(std::begin(kGroups), std::end(kGroups),
+                         [&](const auto& k) { return groups[g] == std::string(k.second); });
+        if (known == std::end(kGroups))
+            return false;
+        g_auto(GStrv) names = g_key_file_get_keys(keys, groups[g], nullptr, nullptr);
+        for (gchar** name = names; name && *name; ++name) {
+            std::string key, text;
+            if (!decodeKey(*name, key) || !readValue(keys, known->first, groups[g], *name, text) ||
+                !values.emplace(key, Value{known->first, text}).second)
+                return false;
+        }
+    }
+    return true;
 }
 
 int LinuxPreferences::save(const std::string& file, const Map& values, bool damaged) const {
@@ -194,38 +173,24 @@ int LinuxPreferences::save(const std::string& file, const Map& values, bool dama
         if (::rename(file.c_str(), aside.c_str()) == 0)
             dlog_print(DLOG_WARN, kTag, "preferences: damaged store kept as %s", aside.c_str());
     }
-    std::string data = std::string(kHeader) + "\n";
+    g_autoptr(GKeyFile) keys = g_key_file_new();
     for (const auto& [key, value] : values) {
-        data += typeLetter(value.type);
-        data += ':';
-        data += escape(key, true);
-        data += '=';
-        data += escape(value.text, false);
-        data += '\n';
+        const std::string name = encodeKey(key);
+        if (value.type == PreferenceType::String)
+            g_key_file_set_string(keys, groupOf(value.type), name.c_str(), value.text.c_str());
+        else
+            g_key_file_set_value(keys, groupOf(value.type), name.c_str(), value.text.c_str());
     }
-    const size_t slash = file.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : file.substr(0, slash + 1);
-    std::string tmp = file + ".XXXXXX";
-    int fd = ::mkstemp(tmp.data());
-    if (fd < 0) {
-        dlog_print(DLOG_ERROR, kTag, "preferences: cannot create %s (%s)", tmp.c_str(),
-                   std::strerror(errno));
-        return PREFERENCE_ERROR_IO_ERROR;
-    }
-    ::fchmod(fd, 0600);
-    const bool ok = writeAll(fd, data) && ::fsync(fd) == 0;
-    const int saved = errno;
-    ::close(fd);
-    if (!ok || ::rename(tmp.c_str(), file.c_str()) != 0) {
+    gsize size = 0;
+    g_autofree gchar* data = g_key_file_to_data(keys, &size, nullptr);
+    g_autoptr(GError) error = nullptr;
+    if (!g_file_set_contents_full(file.c_str(), data, static_cast<gssize>(size),
+                                  static_cast<GFileSetContentsFlags>(
+                                      G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE),
+                                  0600, &error)) {
         dlog_print(DLOG_ERROR, kTag, "preferences: cannot write %s (%s)", file.c_str(),
-                   std::strerror(ok ? errno : saved));
-        ::unlink(tmp.c_str());
+                   error->message);
         return PREFERENCE_ERROR_IO_ERROR;
-    }
-    int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dfd >= 0) {
-        ::fsync(dfd);
-        ::close(dfd);
     }
     return PREFERENCE_ERROR_NONE;
 }
@@ -235,6 +200,10 @@ int LinuxPreferences::set(const std::string& key, PreferenceType type, const std
         return PREFERENCE_ERROR_INVALID_PARAMETER;
     if (readOnly_)
         return PREFERENCE_ERROR_IO_ERROR;
+    if (!validValue(type, text)) {
+        dlog_print(DLOG_ERROR, kTag, "preferences: %s is not valid UTF-8, not stored", key.c_str());
+        return PREFERENCE_ERROR_INVALID_PARAMETER;
+    }
     std::lock_guard<std::mutex> guard(mutex_);
     const std::string file = path();
     if (file.empty())
@@ -278,7 +247,7 @@ int LinuxPreferences::getDouble(const std::string& key, double& value) {
     std::string text;
     int rc = get(key, PreferenceType::Double, text);
     if (rc == PREFERENCE_ERROR_NONE)
-        value = std::strtod(text.c_str(), nullptr);
+        value = g_ascii_strtod(text.c_str(), nullptr);
     return rc;
 }
 

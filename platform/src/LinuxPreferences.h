@@ -1,6 +1,8 @@
-// The Linux preference store: one text file, re-read on every call, replaced atomically on every
-// write. See pelio/platform/Preferences.h for the format and the failure behaviour.
+// The Linux preference store: one GLib key file, re-read on every call, replaced atomically on
+// every write. See pelio/platform/Preferences.h for the layout and the failure behaviour.
 #pragma once
+
+#include <glib.h>
 
 #include <pelio/platform/Preferences.h>
 #include <map>
@@ -37,6 +39,9 @@ class LinuxPreferences : public Preferences {
     std::string path() const;
     // Reads the file; a missing file is an empty store, a damaged one is logged and empty.
     Map load(const std::string& file, bool& damaged) const;
+    // Fills values from a loaded key file; false for an unknown group, a key that does not decode,
+    // a value not of its group's type, or a key in two groups.
+    static bool parse(GKeyFile* keys, Map& values);
     int save(const std::string& file, const Map& values, bool damaged) const;
     int set(const std::string& key, PreferenceType type, const std::string& text);
     int get(const std::string& key, PreferenceType type, std::string& text);

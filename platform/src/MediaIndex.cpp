@@ -198,25 +198,15 @@ bool MediaIndex::writePlaylist(const std::string& path, const FileStamp& stamp,
 }
 
 int MediaIndex::rescan(const std::string& root, int& changed) {
-    namespace fs = std::filesystem;
     changed = 0;
     std::error_code ec;
-    if (!fs::is_directory(root, ec)) {
+    if (!std::filesystem::is_directory(root, ec)) {
         dlog_print(DLOG_WARN, kTag, "media: music folder %s is missing; the library is kept",
                    root.c_str());
         return MEDIA_CONTENT_ERROR_NO_DATA;
     }
-    std::map<std::string, FileStamp> files;
-    for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
-                                             ec);
-         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        struct stat st {};
-        if (stat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode))
-            continue;
-        files[it->path().lexically_normal().string()] = {
-            0, static_cast<long long>(st.st_size),
-            static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
-    }
+    StampMap files;
+    ec = listFiles(root, files);
     if (ec) {
         // A walk cut short would look like removed files: keep the index as it is.
         dlog_print(DLOG_WARN, kTag, "media: reading %s failed (%s); the library is kept",
@@ -227,17 +217,46 @@ int MediaIndex::rescan(const std::string& root, int& changed) {
     std::lock_guard<std::mutex> guard(writerMutex());
     if (!exec("BEGIN IMMEDIATE"))
         return MEDIA_CONTENT_ERROR_DB_FAILED;
-    auto load = [this](const char* sql) {
-        std::map<std::string, FileStamp> known;
-        SqliteStatement st(db_.get(), sql);
-        while (st.step() == SQLITE_ROW)
-            known[st.columnText(0)] = {st.columnInt64(1), st.columnInt64(2), st.columnInt64(3)};
-        return known;
-    };
-    auto songs = load("SELECT path, id, size, mtime FROM songs");
-    auto lists = load("SELECT path, id, size, mtime FROM playlists");
-    auto ignored = load("SELECT path, 0, size, mtime FROM ignored");
+    auto songs = loadStamps("SELECT path, id, size, mtime FROM songs");
+    auto lists = loadStamps("SELECT path, id, size, mtime FROM playlists");
+    auto ignored = loadStamps("SELECT path, 0, size, mtime FROM ignored");
+    changed += updateFiles(files, songs, lists, ignored);
+    // What is left in the maps was not found in the folder.
+    changed += removeVanished(songs, lists, ignored);
+    if (!exec("COMMIT")) {
+        exec("ROLLBACK");
+        return MEDIA_CONTENT_ERROR_DB_FAILED;
+    }
+    return MEDIA_CONTENT_ERROR_NONE;
+}
 
+std::error_code MediaIndex::listFiles(const std::string& root, StampMap& files) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
+                                             ec);
+         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        struct stat st {};
+        if (stat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+            continue;
+        files[it->path().lexically_normal().string()] = {
+            0, static_cast<long long>(st.st_size),
+            static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
+    }
+    return ec;
+}
+
+MediaIndex::StampMap MediaIndex::loadStamps(const char* sql) {
+    StampMap known;
+    SqliteStatement st(db_.get(), sql);
+    while (st.step() == SQLITE_ROW)
+        known[st.columnText(0)] = {st.columnInt64(1), st.columnInt64(2), st.columnInt64(3)};
+    return known;
+}
+
+int MediaIndex::updateFiles(const StampMap& files, StampMap& songs, StampMap& lists,
+                            StampMap& ignored) {
+    int changed = 0;
     for (const auto& [path, stamp] : files) {
         const bool playlist = isPlaylist(path);
         auto& known = playlist ? lists : songs;
@@ -261,7 +280,12 @@ int MediaIndex::rescan(const std::string& root, int& changed) {
         if (playlist ? writePlaylist(path, stamp, id) : writeSong(path, stamp, id))
             ++changed;
     }
-    // What is left in the maps was not found in the folder.
+    return changed;
+}
+
+int MediaIndex::removeVanished(const StampMap& songs, const StampMap& lists,
+                               const StampMap& ignored) {
+    int changed = 0;
     for (const auto& [path, stamp] : songs) {
         SqliteStatement del(db_.get(), "DELETE FROM songs WHERE id = ?");
         if (del.bind(1, stamp.id).run())
@@ -278,11 +302,7 @@ int MediaIndex::rescan(const std::string& root, int& changed) {
         SqliteStatement del(db_.get(), "DELETE FROM ignored WHERE path = ?");
         del.bind(1, path).run();
     }
-    if (!exec("COMMIT")) {
-        exec("ROLLBACK");
-        return MEDIA_CONTENT_ERROR_DB_FAILED;
-    }
-    return MEDIA_CONTENT_ERROR_NONE;
+    return changed;
 }
 
 int MediaIndex::songsWhere(const std::string& where, long long id,

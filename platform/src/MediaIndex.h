@@ -15,7 +15,9 @@
 
 #include <pelio/platform/MediaContent.h>
 
+#include <map>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace pelio::platform {
@@ -46,6 +48,15 @@ class MediaIndex {
         long long size = -1;
         long long mtime = -1;
     };
+    using StampMap = std::map<std::string, FileStamp>;  // by path
+
+    // The steps of rescan. listFiles walks the folder (an error means the walk was cut short);
+    // the others run inside rescan's transaction and return how many items they changed.
+    static std::error_code listFiles(const std::string& root, StampMap& files);
+    StampMap loadStamps(const char* sql);
+    // Writes new and changed files; what it finds is erased from the known maps.
+    int updateFiles(const StampMap& files, StampMap& songs, StampMap& lists, StampMap& ignored);
+    int removeVanished(const StampMap& songs, const StampMap& lists, const StampMap& ignored);
     bool exec(const char* sql);
     long long nameId(const char* table, const std::string& name);
     long long albumId(const std::string& name, const std::string& artist);

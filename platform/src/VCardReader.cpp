@@ -134,6 +134,55 @@ int VCardReader::numberType(const std::vector<std::string>& types, bool& isDefau
     return type;
 }
 
+namespace {
+
+// A TEL line; only the card's first preferred number becomes its default one.
+void addNumber(EVCardAttribute* attr, ParsedCard& card, bool& haveDefaultNumber) {
+    ContactNumber number;
+    number.number = firstValue(attr);
+    if (number.number.empty())
+        return;
+    const auto types = paramValues(attr, "TYPE");
+    bool preferred = isPreferred(attr, types);
+    number.type = VCardReader::numberType(types, preferred, number.label);
+    // Only the first preferred number is the default one.
+    number.isDefault = preferred && !haveDefaultNumber;
+    haveDefaultNumber = haveDefaultNumber || preferred;
+    card.numbers.push_back(std::move(number));
+}
+
+void addEmail(EVCardAttribute* attr, ParsedCard& card) {
+    ContactEmail email;
+    email.email = firstValue(attr);
+    if (email.email.empty())
+        return;
+    const auto types = paramValues(attr, "TYPE");
+    email.type = simpleType(types);
+    email.isDefault = isPreferred(attr, types);
+    card.emails.push_back(std::move(email));
+}
+
+// An ADR line: its non-empty parts joined with ", ".
+void addAddress(EVCardAttribute* attr, ParsedCard& card) {
+    ContactAddress address;
+    for (const auto& part : values(attr)) {
+        const std::string p = trim(part);
+        if (p.empty())
+            continue;
+        if (!address.text.empty())
+            address.text += ", ";
+        address.text += p;
+    }
+    if (address.text.empty())
+        return;
+    const auto types = paramValues(attr, "TYPE");
+    address.type = simpleType(types);
+    address.isDefault = isPreferred(attr, types);
+    card.addresses.push_back(std::move(address));
+}
+
+}  // namespace
+
 bool VCardReader::parseCard(const std::string& text, ParsedCard& card) {
     GObjectPtr<EVCard> vcard(e_vcard_new_from_string(text.c_str()));
     if (!vcard || e_vcard_get_attributes(vcard.get()) == nullptr)
@@ -174,42 +223,11 @@ bool VCardReader::parseCard(const std::string& text, ParsedCard& card) {
                     card.favorite = true;
             }
         } else if (name == "tel") {
-            ContactNumber number;
-            number.number = firstValue(attr);
-            if (number.number.empty())
-                continue;
-            const auto types = paramValues(attr, "TYPE");
-            bool preferred = isPreferred(attr, types);
-            number.type = numberType(types, preferred, number.label);
-            // Only the first preferred number is the default one.
-            number.isDefault = preferred && !haveDefaultNumber;
-            haveDefaultNumber = haveDefaultNumber || preferred;
-            card.numbers.push_back(std::move(number));
+            addNumber(attr, card, haveDefaultNumber);
         } else if (name == "email") {
-            ContactEmail email;
-            email.email = firstValue(attr);
-            if (email.email.empty())
-                continue;
-            const auto types = paramValues(attr, "TYPE");
-            email.type = simpleType(types);
-            email.isDefault = isPreferred(attr, types);
-            card.emails.push_back(std::move(email));
+            addEmail(attr, card);
         } else if (name == "adr") {
-            ContactAddress address;
-            for (const auto& part : values(attr)) {
-                const std::string p = trim(part);
-                if (p.empty())
-                    continue;
-                if (!address.text.empty())
-                    address.text += ", ";
-                address.text += p;
-            }
-            if (address.text.empty())
-                continue;
-            const auto types = paramValues(attr, "TYPE");
-            address.type = simpleType(types);
-            address.isDefault = isPreferred(attr, types);
-            card.addresses.push_back(std::move(address));
+            addAddress(attr, card);
         }
     }
     card.hasName = !composeName(card.name).empty();

@@ -197,6 +197,99 @@ bool isRefusal(int status) {
     return status >= 400 && status < 500 && status != 401 && status != 403 && status != 404;
 }
 
+// What one round sends: every pending item, the owned ones on the revision the database holds
+// now. A deletion of a document the database does not hold is answered at once and not sent.
+json forwardRound(const std::vector<BulkGateway::Item*>& pending,
+                  const std::map<std::string, Current>& current, std::vector<json>& answers,
+                  std::vector<BulkGateway::Item*>& sent) {
+    json forward = json::array();
+    for (BulkGateway::Item* p : pending) {
+        if (p->owned) {
+            const auto found = current.find(p->id);
+            const bool live = found != current.end() && !found->second.deleted;
+            if (p->deletion) {
+                if (!live) {
+                    std::string rev = found != current.end() ? found->second.rev : std::string();
+                    if (rev.empty() && p->doc.contains("_rev")) {
+                        rev = p->doc["_rev"].get<std::string>();
+                    }
+                    answers[p->slot] = {
+                        {"id", p->id}, {"ok", true}, {"rev", rev.empty() ? "0-0" : rev}};
+                    continue;
+                }
+                forward.push_back(
+                    json{{"_id", p->id}, {"_rev", found->second.rev}, {"_deleted", true}});
+            } else {
+                json doc = p->doc;
+                if (live) {
+                    doc["_rev"] = found->second.rev;
+                } else {
+                    doc.erase("_rev");
+                }
+                forward.push_back(std::move(doc));
+            }
+        } else {
+            forward.push_back(p->doc);
+        }
+        sent.push_back(p);
+    }
+    return forward;
+}
+
+// Posts one round; `results` gets one answer per sent document. When the database refuses the
+// whole write, each document goes on its own so that each gets its answer.
+std::optional<BulkGateway::Answer> postRound(const CouchClient& couch, const std::string& dbPath,
+                                             const json& forward,
+                                             const std::vector<BulkGateway::Item*>& sent,
+                                             std::vector<json>& results) {
+    const CouchClient::Reply r = couch.post(dbPath + "/_bulk_docs", json{{"docs", forward}}.dump());
+    json parsed = isWriteAnswer(r.status) ? json::parse(r.body, nullptr, false) : json(nullptr);
+    if (isWriteAnswer(r.status) && parsed.is_array() && parsed.size() == sent.size()) {
+        results = matchResults(parsed, sent);
+    } else if (isRefusal(r.status)) {
+        // One document spoilt the write: each on its own, so that each gets its answer.
+        for (std::size_t k = 0; k < sent.size(); ++k) {
+            const CouchClient::Reply one = couch.post(
+                dbPath + "/_bulk_docs", json{{"docs", json::array({forward[k]})}}.dump());
+            const json p1 = json::parse(one.body, nullptr, false);
+            if (isWriteAnswer(one.status) && p1.is_array() && p1.size() == 1) {
+                results.push_back(p1[0]);
+            } else if (isRefusal(one.status)) {
+                results.push_back(docError(
+                    sent[k]->id,
+                    p1.is_object() ? p1.value("error", "bad_request") : std::string("bad_request"),
+                    p1.is_object() ? p1.value("reason", "Refused by the database.")
+                                   : std::string("Refused by the database.")));
+            } else {
+                return databaseTrouble(one.status, "_bulk_docs");
+            }
+        }
+    } else {
+        return databaseTrouble(isWriteAnswer(r.status) ? 502 : r.status, "_bulk_docs");
+    }
+    return std::nullopt;
+}
+
+// Conflicts carry the exact reason and the revision the database holds now.
+void explainConflicts(const CouchClient& couch, const std::string& dbPath,
+                      const std::vector<std::string>& conflicted, std::vector<json>& answers) {
+    int status = 0;
+    const auto now = currentRevisions(couch, dbPath, conflicted, status);
+    for (json& a : answers) {
+        if (!a.is_object() || a.value("error", "") != "conflict") {
+            continue;
+        }
+        a["reason"] = kConflictReason;
+        const auto idIt = a.find("id");
+        if (now && idIt != a.end() && idIt->is_string()) {
+            const auto it = now->find(idIt->get<std::string>());
+            if (it != now->end()) {
+                a["rev"] = it->second.rev;
+            }
+        }
+    }
+}
+
 }  // namespace
 
 BulkGateway::BulkGateway(const CouchClient& couch, const SessionToken& tokens,
@@ -318,68 +411,12 @@ std::optional<BulkGateway::Answer> BulkGateway::write(const std::string& dbPath,
         if (!current) {
             return databaseTrouble(status, "revision lookup");
         }
-        json forward = json::array();
         std::vector<Item*> sent;
-        for (Item* p : pending) {
-            if (p->owned) {
-                const auto found = current->find(p->id);
-                const bool live = found != current->end() && !found->second.deleted;
-                if (p->deletion) {
-                    if (!live) {
-                        std::string rev =
-                            found != current->end() ? found->second.rev : std::string();
-                        if (rev.empty() && p->doc.contains("_rev")) {
-                            rev = p->doc["_rev"].get<std::string>();
-                        }
-                        answers[p->slot] = {
-                            {"id", p->id}, {"ok", true}, {"rev", rev.empty() ? "0-0" : rev}};
-                        continue;
-                    }
-                    forward.push_back(
-                        json{{"_id", p->id}, {"_rev", found->second.rev}, {"_deleted", true}});
-                } else {
-                    json doc = p->doc;
-                    if (live) {
-                        doc["_rev"] = found->second.rev;
-                    } else {
-                        doc.erase("_rev");
-                    }
-                    forward.push_back(std::move(doc));
-                }
-            } else {
-                forward.push_back(p->doc);
-            }
-            sent.push_back(p);
-        }
+        const json forward = forwardRound(pending, *current, answers, sent);
         std::vector<json> results;
         if (!forward.empty()) {
-            const CouchClient::Reply r =
-                couch_.post(dbPath + "/_bulk_docs", json{{"docs", forward}}.dump());
-            json parsed =
-                isWriteAnswer(r.status) ? json::parse(r.body, nullptr, false) : json(nullptr);
-            if (isWriteAnswer(r.status) && parsed.is_array() && parsed.size() == sent.size()) {
-                results = matchResults(parsed, sent);
-            } else if (isRefusal(r.status)) {
-                // One document spoilt the write: each on its own, so that each gets its answer.
-                for (std::size_t k = 0; k < sent.size(); ++k) {
-                    const CouchClient::Reply one = couch_.post(
-                        dbPath + "/_bulk_docs", json{{"docs", json::array({forward[k]})}}.dump());
-                    const json p1 = json::parse(one.body, nullptr, false);
-                    if (isWriteAnswer(one.status) && p1.is_array() && p1.size() == 1) {
-                        results.push_back(p1[0]);
-                    } else if (isRefusal(one.status)) {
-                        results.push_back(
-                            docError(sent[k]->id,
-                                     p1.is_object() ? p1.value("error", "bad_request")
-                                                    : std::string("bad_request"),
-                                     p1.is_object() ? p1.value("reason", "Refused by the database.")
-                                                    : std::string("Refused by the database.")));
-                    } else {
-                        return databaseTrouble(one.status, "_bulk_docs");
-                    }
-                }
-            } else {
-                return databaseTrouble(isWriteAnswer(r.status) ? 502 : r.status, "_bulk_docs");
+            if (std::optional<Answer> trouble = postRound(couch_, dbPath, forward, sent, results)) {
+                return trouble;
             }
         }
         std::vector<Item*> again;
@@ -398,24 +435,8 @@ std::optional<BulkGateway::Answer> BulkGateway::write(const std::string& dbPath,
         }
         pending = std::move(again);
     }
-
-    // Conflicts carry the exact reason and the revision the database holds now.
     if (!conflicted.empty()) {
-        int status = 0;
-        const auto now = currentRevisions(couch_, dbPath, conflicted, status);
-        for (json& a : answers) {
-            if (!a.is_object() || a.value("error", "") != "conflict") {
-                continue;
-            }
-            a["reason"] = kConflictReason;
-            const auto idIt = a.find("id");
-            if (now && idIt != a.end() && idIt->is_string()) {
-                const auto it = now->find(idIt->get<std::string>());
-                if (it != now->end()) {
-                    a["rev"] = it->second.rev;
-                }
-            }
-        }
+        explainConflicts(couch_, dbPath, conflicted, answers);
     }
     return std::nullopt;
 }

@@ -97,6 +97,105 @@ bool splitHostPort(const std::string& text, std::string& host, int& port) {
     return true;
 }
 
+namespace {
+
+// Each option setter: nullopt when `arg` is not one of its options, "" when the value was taken,
+// else what is wrong with it.
+using OptionOutcome = std::optional<std::string>;
+
+OptionOutcome applyTextOption(ServerOptions& o, std::string_view arg, const std::string& value) {
+    if (arg == "--listen") {
+        if (!splitHostPort(value, o.listenHost, o.listenPort)) {
+            return "bad --listen address: " + value;
+        }
+    } else if (arg == "--tls-cert") {
+        o.tlsCert = value;
+    } else if (arg == "--tls-key") {
+        o.tlsKey = value;
+    } else if (arg == "--db-listen") {
+        if (!splitHostPort(value, o.dbListenHost, o.dbListenPort)) {
+            return "bad --db-listen address: " + value;
+        }
+    } else if (arg == "--db-tls-cert") {
+        o.dbTlsCert = value;
+    } else if (arg == "--db-tls-key") {
+        o.dbTlsKey = value;
+    } else if (arg == "--db-url-base") {
+        o.dbUrlBase = value;
+        while (!o.dbUrlBase.empty() && o.dbUrlBase.back() == '/') {
+            o.dbUrlBase.pop_back();
+        }
+    } else if (arg == "--couch") {
+        o.couchUrl = value;
+    } else if (arg == "--secret") {
+        o.secret = value;
+    } else if (arg == "--policy") {
+        o.policy = value;
+    } else if (arg == "--fail-open") {
+        o.failOpen = value;
+    } else if (arg == "--ports-file") {
+        o.portsFile = value;
+    } else {
+        return std::nullopt;
+    }
+    return "";
+}
+
+OptionOutcome applyNumberOption(ServerOptions& o, std::string_view arg, const std::string& value) {
+    long n = 0;
+    if (arg == "--session-ttl") {
+        if (!parseLong(value, 1, n)) {
+            return "bad --session-ttl: " + value;
+        }
+        o.sessionTtlSeconds = n;
+    } else if (arg == "--force-limit") {
+        if (!parseLong(value, 0, n) || n > 1000000) {
+            return "bad --force-limit: " + value;
+        }
+        o.forceLimit = static_cast<int>(n);
+    } else if (arg == "--force-window") {
+        if (!parseLong(value, 1, n)) {
+            return "bad --force-window: " + value;
+        }
+        o.forceWindowSeconds = n;
+    } else if (arg == "--max-body") {
+        if (!parseLong(value, 1024, n)) {
+            return "bad --max-body (at least 1024): " + value;
+        }
+        o.maxBodyBytes = static_cast<std::size_t>(n);
+    } else if (arg == "--request-timeout") {
+        if (!parseLong(value, 1, n)) {
+            return "bad --request-timeout: " + value;
+        }
+        o.requestTimeoutSeconds = n;
+    } else if (arg == "--workers" || arg == "--max-connections" || arg == "--max-per-client" ||
+               arg == "--journal") {
+        if (!parseLong(value, arg == "--journal" ? 0 : 1, n) || n > 100000) {
+            return "bad " + std::string(arg) + ": " + value;
+        }
+        std::size_t& field = arg == "--workers"           ? o.workers
+                             : arg == "--max-connections" ? o.maxConnections
+                             : arg == "--max-per-client"  ? o.maxPerClient
+                                                          : o.journalSize;
+        field = static_cast<std::size_t>(n);
+    } else if (arg == "--new-device-limit") {
+        if (!parseLong(value, 0, n) || n > 1000000) {
+            return "bad --new-device-limit: " + value;
+        }
+        o.newDeviceLimit = static_cast<int>(n);
+    } else if (arg == "--new-device-window") {
+        if (!parseLong(value, 1, n)) {
+            return "bad --new-device-window: " + value;
+        }
+        o.newDeviceWindowSeconds = n;
+    } else {
+        return std::nullopt;
+    }
+    return "";
+}
+
+}  // namespace
+
 std::optional<ServerOptions> parseServerOptions(int argc, char** argv, int& exitCode) {
     ServerOptions o;
     auto fail = [&](const std::string& why) -> std::optional<ServerOptions> {
@@ -123,85 +222,15 @@ std::optional<ServerOptions> parseServerOptions(int argc, char** argv, int& exit
             return fail("missing value or unknown option: " + std::string(arg));
         }
         const std::string value = argv[++i];
-        long n = 0;
-        if (arg == "--listen") {
-            if (!splitHostPort(value, o.listenHost, o.listenPort)) {
-                return fail("bad --listen address: " + value);
-            }
-        } else if (arg == "--tls-cert") {
-            o.tlsCert = value;
-        } else if (arg == "--tls-key") {
-            o.tlsKey = value;
-        } else if (arg == "--db-listen") {
-            if (!splitHostPort(value, o.dbListenHost, o.dbListenPort)) {
-                return fail("bad --db-listen address: " + value);
-            }
-        } else if (arg == "--db-tls-cert") {
-            o.dbTlsCert = value;
-        } else if (arg == "--db-tls-key") {
-            o.dbTlsKey = value;
-        } else if (arg == "--db-url-base") {
-            o.dbUrlBase = value;
-            while (!o.dbUrlBase.empty() && o.dbUrlBase.back() == '/') {
-                o.dbUrlBase.pop_back();
-            }
-        } else if (arg == "--couch") {
-            o.couchUrl = value;
-        } else if (arg == "--secret") {
-            o.secret = value;
-        } else if (arg == "--session-ttl") {
-            if (!parseLong(value, 1, n)) {
-                return fail("bad --session-ttl: " + value);
-            }
-            o.sessionTtlSeconds = n;
-        } else if (arg == "--force-limit") {
-            if (!parseLong(value, 0, n) || n > 1000000) {
-                return fail("bad --force-limit: " + value);
-            }
-            o.forceLimit = static_cast<int>(n);
-        } else if (arg == "--force-window") {
-            if (!parseLong(value, 1, n)) {
-                return fail("bad --force-window: " + value);
-            }
-            o.forceWindowSeconds = n;
-        } else if (arg == "--max-body") {
-            if (!parseLong(value, 1024, n)) {
-                return fail("bad --max-body (at least 1024): " + value);
-            }
-            o.maxBodyBytes = static_cast<std::size_t>(n);
-        } else if (arg == "--request-timeout") {
-            if (!parseLong(value, 1, n)) {
-                return fail("bad --request-timeout: " + value);
-            }
-            o.requestTimeoutSeconds = n;
-        } else if (arg == "--workers" || arg == "--max-connections" || arg == "--max-per-client" ||
-                   arg == "--journal") {
-            if (!parseLong(value, arg == "--journal" ? 0 : 1, n) || n > 100000) {
-                return fail("bad " + std::string(arg) + ": " + value);
-            }
-            std::size_t& field = arg == "--workers"           ? o.workers
-                                 : arg == "--max-connections" ? o.maxConnections
-                                 : arg == "--max-per-client"  ? o.maxPerClient
-                                                              : o.journalSize;
-            field = static_cast<std::size_t>(n);
-        } else if (arg == "--new-device-limit") {
-            if (!parseLong(value, 0, n) || n > 1000000) {
-                return fail("bad --new-device-limit: " + value);
-            }
-            o.newDeviceLimit = static_cast<int>(n);
-        } else if (arg == "--new-device-window") {
-            if (!parseLong(value, 1, n)) {
-                return fail("bad --new-device-window: " + value);
-            }
-            o.newDeviceWindowSeconds = n;
-        } else if (arg == "--policy") {
-            o.policy = value;
-        } else if (arg == "--fail-open") {
-            o.failOpen = value;
-        } else if (arg == "--ports-file") {
-            o.portsFile = value;
-        } else {
-            return fail("unknown option: " + std::string(arg));
+        OptionOutcome error = applyTextOption(o, arg, value);
+        if (!error) {
+            error = applyNumberOption(o, arg, value);
+        }
+        if (!error) {
+            error = "unknown option: " + std::string(arg);
+        }
+        if (!error->empty()) {
+            return fail(*error);
         }
     }
     if (o.listenPort < 0 || o.tlsCert.empty() || o.tlsKey.empty()) {

@@ -61,6 +61,23 @@ std::string prefString(const char* key) {
     return value;
 }
 
+// The open request: the ramp code and the device model.
+std::map<std::string, std::string> openRequest() {
+    return {{"rampcode", kRampCode}, {"serviceinfo", getDeviceModelName()}};
+}
+
+// What openPds returns for a failure of the transport library.
+int openResultOf(OrvaneErrorCode code) {
+    switch (code) {
+        case OrvaneErrorCode::DatabaseUnreachable:
+            return 13;
+        case OrvaneErrorCode::ForceLimited:
+            return 23;
+        default:
+            return -1;
+    }
+}
+
 void removeAll(std::string& text, char c) {
     text.erase(std::remove(text.begin(), text.end(), c), text.end());
 }
@@ -122,9 +139,6 @@ int DataUploadHandler::openPds(int syncDataType) {
     LOGD("syncDataType[%d]", syncDataType);
     setPdsOpened(false);
     int ret = -1;
-    bool succeeded = false;
-    StringMap request;
-    StringMap result;
     // Everything that can throw is inside this block: the library's errors, the service's own
     // exceptions and a malformed proxy port (std::stoi while the handle is created). Nothing
     // leaves openPds, so nothing reaches the sync worker thread's loop.
@@ -132,72 +146,78 @@ int DataUploadHandler::openPds(int syncDataType) {
         bool companion = _getCompanianMode();
         bool force = _getPrefForce();
         std::string locale = getLocalePreference();
-
-        if (force && mOrvane)
-            _clearOrvaneHandle();
-        if (!mOrvane) {
-            LOGD("Handle is Null");
-            if (!_createOrvaneHandle()) {
-                LOGE("Failed to create Handle");
-                return -1;
-            }
-        }
-
-        request["rampcode"] = kRampCode;
-        request["serviceinfo"] = getDeviceModelName();
-
-        if (mNetworkMgr != nullptr && !mNetworkMgr->getConnected()) {
-            throw OrvanePDSException("client: Network is not connected");
-        }
-
+        if (!_prepareOpenHandle(force))
+            return -1;
+        StringMap request = openRequest();
+        _requireNetwork();
+        StringMap result;
         mOrvane->Orvane_pds_open(locale, request, force, companion, result, !companion);
-
-        std::string reasonCode = valueOf(result, plm::UploadDataConstants::REASON);
-        std::string resultCode = valueOf(result, plm::UploadDataConstants::RESULT);
-        LOGD("reasonCode[%s]", reasonCode.c_str());
-        LOGD("resultCode[%s]", resultCode.c_str());
-
-        if (isSuccess(reasonCode, resultCode)) {
-            LOGD("Open Succedded");
-            ret = 0;
-            succeeded = true;
-            mCookie = valueOf(result, plm::UploadDataConstants::COOKIE);
-            mDbUrl = valueOf(result, plm::UploadDataConstants::DBURL);
-            mLatestPlmId = valueOf(result, plm::UploadDataConstants::PLMID);
-            _handleSyncPolicy(valueOf(result, plm::UploadDataConstants::POLICY));
-        } else if (resultCode == plm::UploadDataConstants::RESULT_13 ||
-                   resultCode == plm::UploadDataConstants::RESULT_15) {
-            LOGE("Open Failed - PDSS Error, Server");
-            (void)std::stoi(resultCode);
-            throw OrvanePDSNoDatabaseException(resultCode);
-        } else if (resultCode == plm::UploadDataConstants::RESULT_23) {
-            LOGE("Open Failed - Sync Blocked");
-            throw OrvanePDSException(resultCode);
-        } else {
-            LOGE("Open Failed");
-            ret = -1;
-        }
+        ret = _acceptOpenResult(result);
     } catch (const std::exception& e) {
         LOGE("");
         LOGE("errMsg[%s]", e.what());
-        std::string message = e.what();
-        if (dynamic_cast<const OrvanePDSNoDatabaseException*>(&e) != nullptr) {
-            LOGE("OrvanePDSNoDatabaseException trigger force");
-            message = "OrvanePDSNoDatabaseException";
-            _setPrefForce(true);
-            if (mClearQueue)
-                mClearQueue();
-        }
-        if (message == "open: PDSS DB Network Error") {
-            ret = 13;
-        } else if (message.find("Force Sync Limit exceeded. Retry after") != std::string::npos) {
-            ret = 23;
-        } else {
-            ret = -1;
+        ret = _openFailureResult(e);
+    }
+    setPdsOpened(ret == 0);
+    return ret;
+}
+
+bool DataUploadHandler::_prepareOpenHandle(bool force) {
+    if (force && mOrvane)
+        _clearOrvaneHandle();
+    if (!mOrvane) {
+        LOGD("Handle is Null");
+        if (!_createOrvaneHandle()) {
+            LOGE("Failed to create Handle");
+            return false;
         }
     }
-    setPdsOpened(succeeded);
-    return ret;
+    return true;
+}
+
+void DataUploadHandler::_requireNetwork() {
+    if (mNetworkMgr != nullptr && !mNetworkMgr->getConnected()) {
+        throw OrvanePDSException("client: Network is not connected");
+    }
+}
+
+int DataUploadHandler::_acceptOpenResult(const StringMap& result) {
+    std::string reasonCode = valueOf(result, plm::UploadDataConstants::REASON);
+    std::string resultCode = valueOf(result, plm::UploadDataConstants::RESULT);
+    LOGD("reasonCode[%s]", reasonCode.c_str());
+    LOGD("resultCode[%s]", resultCode.c_str());
+
+    if (isSuccess(reasonCode, resultCode)) {
+        LOGD("Open Succedded");
+        mCookie = valueOf(result, plm::UploadDataConstants::COOKIE);
+        mDbUrl = valueOf(result, plm::UploadDataConstants::DBURL);
+        mLatestPlmId = valueOf(result, plm::UploadDataConstants::PLMID);
+        _handleSyncPolicy(valueOf(result, plm::UploadDataConstants::POLICY));
+        return 0;
+    }
+    if (resultCode == plm::UploadDataConstants::RESULT_13 ||
+        resultCode == plm::UploadDataConstants::RESULT_15) {
+        LOGE("Open Failed - PDSS Error, Server");
+        (void)std::stoi(resultCode);
+        throw OrvanePDSNoDatabaseException(resultCode);
+    }
+    if (resultCode == plm::UploadDataConstants::RESULT_23) {
+        LOGE("Open Failed - Sync Blocked");
+        throw OrvanePDSException(resultCode);
+    }
+    LOGE("Open Failed");
+    return -1;
+}
+
+int DataUploadHandler::_openFailureResult(const std::exception& e) {
+    if (dynamic_cast<const OrvanePDSNoDatabaseException*>(&e) != nullptr) {
+        LOGE("OrvanePDSNoDatabaseException trigger force");
+        _setPrefForce(true);
+        if (mClearQueue)
+            mClearQueue();
+    }
+    const auto* transport = dynamic_cast<const OrvaneError*>(&e);
+    return transport ? openResultOf(transport->code()) : -1;
 }
 
 bool DataUploadHandler::closePds() {

@@ -9,7 +9,8 @@
 // in the SyncResult; library exceptions never leave these operations. Every exception raised
 // on the way (the service's Orvane*Exception classes, the library's OrvaneError, and the
 // std::invalid_argument / std::out_of_range of a malformed proxy port while the library handle is
-// built) is caught as std::exception inside openPds, closePds and wipePds themselves.
+// built) is caught as std::exception inside openPds, closePds and wipePds themselves; openPds
+// tells 13 and 23 from -1 by the OrvaneError's code, never by its text.
 //
 // Decisions of this implementation:
 // - Preferences are read and written through the platform preference store directly (typed
@@ -33,7 +34,9 @@
 
 #include <atomic>
 #include <cstddef>
+#include <exception>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -130,6 +133,13 @@ class DataUploadHandler : public OrvaneCallbacks {
     // app when the domain had no id before.
     void _storeDomainPlmId(const char* key, const std::string& plmId,
                            void (IntentMgr::*notifyFirst)(const std::string&));
+    // The steps of openPds. Each may throw; openPds catches.
+    bool _prepareOpenHandle(bool force);  // a forced open uses a fresh handle
+    void _requireNetwork();               // throws when the network is down
+    // 0 on success; throws the service's exceptions for results 13, 15 and 23; else -1.
+    int _acceptOpenResult(const std::map<std::string, std::string>& result);
+    // What openPds returns for an exception caught while opening (and the no-database reaction).
+    int _openFailureResult(const std::exception& e);
     bool _createOrvaneHandle();  // may throw as _getProxyAddress(host, port)
     void _clearOrvaneHandle();
     void _handleSyncPolicy(const std::string& policy);

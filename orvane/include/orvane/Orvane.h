@@ -15,7 +15,7 @@
 // (close sends no "force"; wipe sends none of "force", "companion", "standalone").
 // A 200 answer is a JSON object of strings, copied into `result`. Any other status carries
 // {"message": s} and the call throws OrvaneError with what() == s. A transport failure (no answer)
-// throws OrvaneError with "<op>: <libcurl error text>".
+// throws OrvaneError with "<op>: <libcurl error text>". OrvaneError::code() classifies each.
 //
 // Certificates: the server is verified against the CA bundle at `certificatePath` when that file
 // exists, else against the system's CA store.

@@ -33,14 +33,14 @@ int closedPort() {
     return port;
 }
 
-// The message of the OrvaneError the call throws, or "<no error>".
-std::string errorOf(const std::function<void()>& call) {
+using Error = std::pair<OrvaneErrorCode, std::string>;  // code and message of an OrvaneError
+Error errorOf(const std::function<void()>& call) {
     try {
         call();
     } catch (const OrvaneError& e) {
-        return e.what();
+        return {e.code(), e.what()};
     }
-    return "<no error>";
+    return {OrvaneErrorCode{}, "<no error>"};
 }
 
 class OrvaneThreadedTest : public ::testing::Test {
@@ -97,15 +97,15 @@ TEST_F(OrvaneThreadedTest, RefusalThrowsTheServerMessage) {
     StringMap result;
     pds.answer("open", 429, R"({"message":"Force Sync Limit exceeded. Retry after 120"})");
     EXPECT_EQ(errorOf([&] { orvane->Orvane_pds_open("en_US", {}, true, false, result, true); }),
-              "Force Sync Limit exceeded. Retry after 120");
+              Error(OrvaneErrorCode::ForceLimited, "Force Sync Limit exceeded. Retry after 120"));
     EXPECT_TRUE(result.empty());
     // Without a message the status names the failure; a 200 that is not an object is refused.
     pds.answer("close", 500, "oops");
     EXPECT_EQ(errorOf([&] { orvane->Orvane_pds_close("en_US", {}, false, result, true); }),
-              "close: HTTP 500");
+              Error(OrvaneErrorCode::Refused, "close: HTTP 500"));
     pds.answer("wipe", 200, "[1,2]");
     EXPECT_EQ(errorOf([&] { orvane->Orvane_pds_wipe("en_US", {}, result); }),
-              "wipe: malformed answer from server");
+              Error(OrvaneErrorCode::BadReply, "wipe: malformed answer from server"));
     EXPECT_EQ(callbacks.events, (std::vector<std::string>{"open:429", "close:500", "wipe:200"}));
 }
 
@@ -120,8 +120,8 @@ TEST_F(OrvaneThreadedTest, TransportFailureNamesTheOperation) {
         {"wipe: ", [&] { orvane.Orvane_pds_wipe("en_US", {}, result); }},
     };
     for (const auto& [prefix, call] : calls) {
-        const std::string what = errorOf(call);
-        EXPECT_EQ(what.rfind(prefix, 0), 0u) << what;
+        const auto [code, what] = errorOf(call);
+        EXPECT_TRUE(code == OrvaneErrorCode::Transport && what.rfind(prefix, 0) == 0) << what;
         EXPECT_GT(what.size(), prefix.size() + 3) << what;
     }
     EXPECT_EQ(cb.events, (std::vector<std::string>{"open:0", "close:0", "wipe:0"}));
@@ -138,7 +138,7 @@ TEST_F(OrvaneThreadedTest, MissingCaFileFallsBackToTheSystemStoreAndProxyNeedsAP
     auto open = [&](const std::string& ca) {
         make(ca)->Orvane_pds_open("en_US", {}, false, false, result, true);
     };
-    EXPECT_EQ(errorOf([&] { open(cert.dir() + "/no-such-bundle.pem"); }).rfind("open: ", 0), 0u);
+    EXPECT_EQ(errorOf([&] { open(cert.dir() + "/no-such-bundle.pem"); }).second.find("open:"), 0u);
     EXPECT_TRUE(pds.calls().empty());
     // ... while naming the certificate as the bundle lets the same call through.
     open(cert.certPath());

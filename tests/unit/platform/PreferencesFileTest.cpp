@@ -37,9 +37,10 @@ TEST_F(PreferencesFileTest, TypedValuesPersistAcrossInstancesAndTypesAreChecked)
         EXPECT_EQ(0, prefs->setInt("port", -8443));
         EXPECT_EQ(0, prefs->setDouble("ratio", 0.1));
         EXPECT_EQ(0, prefs->setBoolean("is_force", true));
-        EXPECT_EQ(0, prefs->setString("odd key=x", "line1\nline2 \\ = end"));
+        EXPECT_EQ(0, prefs->setString("#odd [key]=x\n%", "line1\nline2 \\ = end"));
         EXPECT_EQ(0, prefs->setString("empty", ""));
         EXPECT_EQ(PREFERENCE_ERROR_INVALID_PARAMETER, prefs->setString("", "v"));
+        EXPECT_EQ(PREFERENCE_ERROR_INVALID_PARAMETER, prefs->setString("bytes", "\xff\xfe"));
     }
     auto prefs = openPreferencesFile(file_, false);
     int port = 0;
@@ -52,7 +53,7 @@ TEST_F(PreferencesFileTest, TypedValuesPersistAcrossInstancesAndTypesAreChecked)
     EXPECT_EQ(0.1, ratio);
     EXPECT_EQ(0, prefs->getBoolean("is_force", force));
     EXPECT_TRUE(force);
-    EXPECT_EQ(0, prefs->getString("odd key=x", text));
+    EXPECT_EQ(0, prefs->getString("#odd [key]=x\n%", text));
     EXPECT_EQ("line1\nline2 \\ = end", text);
     EXPECT_EQ(0, prefs->getString("empty", text));
     EXPECT_EQ("", text);
@@ -77,12 +78,12 @@ TEST_F(PreferencesFileTest, TypedValuesPersistAcrossInstancesAndTypesAreChecked)
 
     const auto items = prefs->items();
     ASSERT_EQ(4u, items.size());
-    EXPECT_EQ("empty", items[0].key);
-    EXPECT_EQ("is_force", items[1].key);
-    EXPECT_EQ(PreferenceType::Boolean, items[1].type);
-    EXPECT_EQ("true", items[1].value);
-    EXPECT_STREQ("bool", preferenceTypeName(items[1].type));
-    EXPECT_EQ("odd key=x", items[2].key);
+    EXPECT_EQ("empty", items[1].key);
+    EXPECT_EQ("is_force", items[2].key);
+    EXPECT_EQ(PreferenceType::Boolean, items[2].type);
+    EXPECT_EQ("true", items[2].value);
+    EXPECT_STREQ("bool", preferenceTypeName(items[2].type));
+    EXPECT_EQ("#odd [key]=x\n%", items[0].key);
     EXPECT_EQ("port", items[3].key);
 
     struct stat st;
@@ -94,7 +95,7 @@ TEST_F(PreferencesFileTest, TypedValuesPersistAcrossInstancesAndTypesAreChecked)
 TEST_F(PreferencesFileTest, ReadOnlyStoreNeverWritesAndWritesFailWithIoError) {
     EXPECT_EQ(PREFERENCE_ERROR_IO_ERROR,
               openPreferencesFile(dir_ + "/no/such/dir/prefs.ini", false)->setInt("a", 1));
-    EXPECT_TRUE(log_.contains("preferences: cannot create"));
+    EXPECT_TRUE(log_.contains("preferences: cannot write"));
 
     auto missing = openPreferencesFile(file_, true);
     EXPECT_TRUE(missing->items().empty());
@@ -114,12 +115,11 @@ TEST_F(PreferencesFileTest, ReadOnlyStoreNeverWritesAndWritesFailWithIoError) {
 
 TEST_F(PreferencesFileTest, DamagedFileIsLoggedTreatedAsEmptyAndKeptAside) {
     const std::vector<std::string> damaged = {
-        "garbage without header\n",
-        "# pelio preferences 1\ni:port=notanumber\n",
-        "# pelio preferences 1\nx:key=1\n",
-        "# pelio preferences 1\ns:noequals\n",
-        "# pelio preferences 1\nb:flag=maybe\n",
-        "# pelio preferences 1\ns:k=bad escape \\q\n",
+        "garbage without group\n",      "[int]\nport=notanumber\n",
+        "[int]\nport=99999999999\n",    "[other]\nkey=1\n",
+        "[string]\nnoequals\n",         "[bool]\nflag=maybe\n",
+        "[string]\nk=bad escape \\q\n", "[string]\nk=\xff\n",
+        "[string]\nbad%4=1\n",          "[int]\nk=1\n[string]\nk=1\n",
         std::string("\0\1\2\3", 4),
     };
     for (const auto& text : damaged) {
@@ -139,6 +139,17 @@ TEST_F(PreferencesFileTest, DamagedFileIsLoggedTreatedAsEmptyAndKeptAside) {
         EXPECT_EQ(0, prefs->getInt("port", port));
         EXPECT_EQ(1, port);
     }
+    // An unreadable store (here a folder in its place) is handled the same way.
+    std::filesystem::remove_all(file_ + ".damaged");
+    std::filesystem::remove(file_);
+    std::filesystem::create_directory(file_);
+    auto prefs = openPreferencesFile(file_, false);
+    EXPECT_TRUE(prefs->items().empty());
+    EXPECT_TRUE(log_.contains("preferences: cannot read"));
+    EXPECT_EQ(0, prefs->setInt("port", 2));
+    EXPECT_TRUE(std::filesystem::is_directory(file_ + ".damaged"));
+    EXPECT_EQ(1u, prefs->items().size());
+    std::filesystem::remove(file_);
     // An empty file is an empty store, not damage.
     std::ofstream(file_, std::ios::trunc).close();
     log_.clear();

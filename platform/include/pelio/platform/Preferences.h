@@ -1,15 +1,17 @@
 // Preferences: typed values (int, double, bool, string) under string keys, one store per
 // application, persisted in the application's data directory.
 //
-// Every write replaces the store file atomically (write a temporary file in the same directory,
-// fsync, rename, fsync the directory), so a crash mid-write leaves the old or the new store. A
-// damaged store file is logged and treated as empty; the next write first moves it aside to
-// "<file>.damaged" so that its contents are not lost. The Linux implementation is thread-safe
-// (one mutex per store) and reads the file on every call, so another process (pelioctl) always
-// sees the last completed write. Writers in two processes are not serialised against each other.
+// Every write replaces the store file atomically (GLib writes a temporary file in the same
+// directory, fsyncs it and renames it over the store), so a crash mid-write leaves the old or the
+// new store. A damaged or unreadable store file is logged and treated as empty; the next write
+// first moves it aside to "<file>.damaged" so that its contents are not lost. The Linux
+// implementation is thread-safe (one mutex per store) and reads the file on every call, so another
+// process (pelioctl) always sees the last completed write. Writers in two processes are not
+// serialised against each other.
 //
-// File format (UTF-8 text): a first line "# pelio preferences 1", then one line per value
-// "<t>:<key>=<value>" with t one of i d b s; "\\", "\n" and "\=" (key only) escape.
+// File format: a GLib key file (UTF-8) with one group per type, [int], [double], [bool] and
+// [string]; a key that a key file cannot hold as it is is written with %XX escapes. A string
+// value that is not valid UTF-8 is refused with PREFERENCE_ERROR_INVALID_PARAMETER.
 #pragma once
 
 #include <memory>
