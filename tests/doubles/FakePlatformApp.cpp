@@ -4,28 +4,6 @@ namespace pelio::test {
 
 namespace pp = pelio::platform;
 
-int FakeServiceApp::main(int, char**, const pp::ServiceAppLifecycleCallbacks& callbacks,
-                         void* userData) {
-    if (!callbacks.create || callbacks.create(userData)) {
-        if (callbacks.terminate)
-            callbacks.terminate(userData);
-    }
-    return pp::APP_ERROR_NONE;
-}
-
-int FakeServiceApp::addEventHandler(pp::AppEventType, pp::AppEventCallback cb, void*,
-                                    pp::AppEventHandlerId& id) {
-    if (!cb)
-        return pp::APP_ERROR_INVALID_PARAMETER;
-    id = ++lastId_;
-    handlers_.insert(id);
-    return pp::APP_ERROR_NONE;
-}
-
-int FakeServiceApp::removeEventHandler(pp::AppEventHandlerId id) {
-    return handlers_.erase(id) ? pp::APP_ERROR_NONE : pp::APP_ERROR_INVALID_PARAMETER;
-}
-
 namespace {
 class ManualTimer : public pp::Timer {
   public:

@@ -9,8 +9,6 @@ namespace pp = pelio::platform;
 namespace pelio::test {
 
 int FakeSystemSettings::getString(const std::string& key, std::string& value) {
-    if (key.empty())
-        return pp::SETTINGS_ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> guard(mutex_);
     auto it = values_.find(key);
     if (it == values_.end())
@@ -50,10 +48,6 @@ int FakeSystemSettings::setBool(const std::string& key, bool value) {
 }
 
 int FakeSystemSettings::setString(const std::string& key, const std::string& value) {
-    if (key.empty() || key.find_first_of("[]=\n") != std::string::npos ||
-        value.find('\n') != std::string::npos) {
-        return pp::SETTINGS_ERROR_INVALID_PARAMETER;
-    }
     {
         std::lock_guard<std::mutex> guard(mutex_);
         auto it = values_.find(key);
@@ -67,8 +61,6 @@ int FakeSystemSettings::setString(const std::string& key, const std::string& val
 
 int FakeSystemSettings::addChangedCallback(const std::string& key, pp::SettingChangedCallback cb,
                                            void* userData) {
-    if (key.empty() || !cb)
-        return pp::SETTINGS_ERROR_INVALID_PARAMETER;
     std::lock_guard<std::mutex> guard(mutex_);
     watchers_.push_back({key, cb, userData});
     return pp::SETTINGS_ERROR_NONE;

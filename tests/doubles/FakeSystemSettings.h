@@ -1,8 +1,6 @@
-// In-memory system settings for unit tests: values kept as text in a map (as the Linux key file
-// keeps them), typed reads with the same errors as the Linux store, and change callbacks that
-// run at once, on the setting thread, after a set that changed a value (a set to the same value
-// calls nobody, as on Linux). Get and set are thread-safe; callbacks run without the lock held,
-// so they may read or write settings.
+// In-memory system settings for unit tests: values kept as text (as the Linux key file keeps
+// them), typed reads with the Linux store's errors, and change callbacks run at once on the
+// setting thread, without the lock, after a set that changed a value. Thread-safe.
 #pragma once
 
 #include <pelio/platform/SystemSettings.h>

@@ -37,15 +37,14 @@ gz_header() { grep -i '^content-encoding:' "$W/h" | tr -d '\r' | awk '{print tol
 
 # --- open ---------------------------------------------------------------------------------
 A=$(stack_open device-A false)
-check "open answers success" "success 0" "$(echo "$A" | js 'j.reason+" "+j.result')"
+check "open answers success, every member a string" "success 0 true" \
+    "$(echo "$A" | js 'j.reason+" "+j.result+" "+Object.values(j).every(v => typeof v === "string")')"
 COOKIE_A=$(echo "$A" | js j.cookie)
 URL_A=$(echo "$A" | js j.dburl)
 DB_A=${URL_A##*/}
 check "dburl lies under the gateway's base" "$STACK_DB_URL_BASE/$DB_A" "$URL_A"
 check "policy carries the eight factors" "D,E,F,G,H,M,R,T" \
     "$(echo "$A" | js 'Object.keys(JSON.parse(j.policy).syncpolicy.parameters).sort().join()')"
-check "every answer member is a string" "true" \
-    "$(echo "$A" | js 'Object.values(j).every(v => typeof v === "string")')"
 check "open created the device database" "0" "$(stack_couch "/$DB_A" | js j.doc_count)"
 A2=$(stack_open device-A false)
 check "each open hands out a fresh plmid" "true" \
@@ -57,8 +56,8 @@ check "devices get their own databases" "true" "$([ "$URL_A" != "$URL_B" ] && ec
 
 # --- 250 documents, gzip both ways ------------------------------------------------------------
 node -e 'const d=[];for(let i=0;i<250;i++)d.push({_id:"c"+i,name:"Person "+i,n:i});console.log(JSON.stringify({docs:d}))' >"$W/250.json"
-check "250 documents: status" "201" "$(post_docs "$COOKIE_A" "$URL_A" "$W/250.json")"
-check "250 documents: reply is gzip-encoded" "gzip" "$(gz_header)"
+check "250 documents: status, reply gzip-encoded" "201 gzip" \
+    "$(post_docs "$COOKIE_A" "$URL_A" "$W/250.json") $(gz_header)"
 check "250 documents: one ok per document, in order" "250 true" \
     "$(reply | js 'j.length+" "+j.every((r,i)=>r.ok===true && r.id==="c"+i && /^1-/.test(r.rev))')"
 check "250 documents are in the database" "250" "$(stack_couch "/$DB_A" | js j.doc_count)"
@@ -67,8 +66,8 @@ check "250 documents are in the database" "250" "$(stack_couch "/$DB_A" | js j.d
 echo '{"docs":[{"_id":"tiny","v":1}]}' >"$W/tiny.json"
 gzip -c "$W/tiny.json" >"$W/tiny.gz"
 send "$URL_A/_bulk_docs" "$W/tiny.gz" -H "cookie: $COOKIE_A" -H 'Content-Encoding: gzip' >/dev/null
-check "small reply without Accept-Encoding: gzip" "gzip" "$(gz_header)"
-check "small reply decompresses once to JSON" "tiny" "$(reply | js 'j[0].id')"
+check "small reply without Accept-Encoding: gzip, decompresses once to JSON" "gzip tiny" \
+    "$(gz_header) $(reply | js 'j[0].id')"
 send "$URL_A/_bulk_docs" "$W/tiny.json" -H "cookie: $COOKIE_A" >/dev/null
 check "plain (not gzip'd) request body is accepted" "2" "$(reply | js 'j[0].rev.split("-")[0]')"
 
@@ -101,8 +100,8 @@ check "a deleted document can be created again without _rev" "true" "$(reply | j
 # --- cookies ----------------------------------------------------------------------------------
 COUNT_A=$(stack_couch "/$DB_A" | js j.doc_count)
 echo '{"docs":[{"_id":"intruder","v":1}]}' >"$W/i.json"
-check "no cookie: 401" "401" "$(post_docs "" "$URL_A" "$W/i.json")"
-check "401 answer is gzip'd JSON" "unauthorized" "$(reply | js j.error)"
+check "no cookie: 401, answered in gzip'd JSON" "401 unauthorized" \
+    "$(post_docs "" "$URL_A" "$W/i.json") $(reply | js j.error)"
 check "another device's cookie: 401" "401" "$(post_docs "$COOKIE_B" "$URL_A" "$W/i.json")"
 b64url() { openssl base64 -A | tr '+/' '-_' | tr -d '='; }
 make_token() {  # DEVICE DB EXPIRY SECRET
@@ -115,18 +114,16 @@ check "a token signed elsewhere with the shared secret is accepted" "201" \
     "$(post_docs "$(make_token device-A "$DB_A" $((NOW + 60)) "$SECRET")" "$URL_A" "$W/tiny.json")"
 check "expired cookie: 401" "401" \
     "$(post_docs "$(make_token device-A "$DB_A" $((NOW - 1)) "$SECRET")" "$URL_A" "$W/i.json")"
-check "expired cookie: reason" "session expired" "$(reply | js j.reason)"
 check "refused posts touched nothing" "$COUNT_A not_found" \
     "$(stack_couch "/$DB_A" | js j.doc_count) $(stack_couch "/$DB_A/intruder" | js j.error)"
 
 # --- bad bodies -------------------------------------------------------------------------------
 printf 'this is not json' >"$W/bad"
-check "non-JSON body: 400" "400" "$(post_docs "$COOKIE_A" "$URL_A" "$W/bad")"
-check "non-JSON body: clear reason" "Request body is not valid JSON." "$(reply | js j.reason)"
+check "non-JSON body: 400 with a clear reason" "400 Request body is not valid JSON." \
+    "$(post_docs "$COOKIE_A" "$URL_A" "$W/bad") $(reply | js j.reason)"
 echo '{"docs":[{"_id":"trunc1","v":1},{"_id":"trunc2","v":2}]}' | gzip -c | head -c 30 >"$W/trunc.gz"
-check "truncated gzip body: 400" "400" \
-    "$(send "$URL_A/_bulk_docs" "$W/trunc.gz" -H "cookie: $COOKIE_A" -H 'Content-Encoding: gzip')"
-check "truncated gzip: answer is gzip'd JSON" "bad_request" "$(reply | js j.error)"
+check "truncated gzip body: 400, answered in gzip'd JSON" "400 bad_request" \
+    "$(send "$URL_A/_bulk_docs" "$W/trunc.gz" -H "cookie: $COOKIE_A" -H 'Content-Encoding: gzip') $(reply | js j.error)"
 head -c 2000000 /dev/zero | tr '\0' 'x' >"$W/huge"
 check "body over --max-body: 413" "413" "$(send "$URL_A/_bulk_docs" "$W/huge" -H "cookie: $COOKIE_A")"
 check "gateway still serves after bad bodies" "201" "$(post_docs "$COOKIE_A" "$URL_A" "$W/tiny.json")"
@@ -137,9 +134,8 @@ for i in 1 2 3; do
     check "forced open $i within the limit" "0" "$(stack_open device-F true | js j.result)"
 done
 R=$(stack_pds open '{"device_id":"device-F","device_secret":"secret-of-device-F","locale":"en_US","force":true,"companion":false,"standalone":true,"request":{}}')
-check "fourth forced open: 429" "429" "${R%% *}"
-check "fourth forced open: retry message" "true" \
-    "$(echo "${R#* }" | js '/^Force Sync Limit exceeded\. Retry after [1-9][0-9]*$/.test(j.message)')"
+check "fourth forced open: 429 with the retry message" "429 true" \
+    "${R%% *} $(echo "${R#* }" | js '/^Force Sync Limit exceeded\. Retry after [1-9][0-9]*$/.test(j.message)')"
 check "unforced open of the same device still works" "0" "$(stack_open device-F false | js j.result)"
 
 # --- close and wipe ---------------------------------------------------------------------------
@@ -180,12 +176,9 @@ check "the server survived the nesting" "yes" "$(alive)"
 
 # --- sizes ----------------------------------------------------------------------------------
 head -c 60000000 /dev/zero | gzip -c >"$W/bomb.gz"
-check "gzip bomb to /pds/open: 413" "413" "$(pds_raw open "$W/bomb.gz" -H 'Content-Encoding: gzip')"
-check "gzip bomb to the gateway: 413" "413" "$(post "$W/bomb.gz" -H 'Content-Encoding: gzip')"
 head -c 10000000 /dev/zero | tr '\0' ' ' >"$W/big"
-check "10 MB chunked to /pds/open: 413" "413" \
-    "$(pds_raw open "$W/big" -H 'Transfer-Encoding: chunked')"
-check "10 MB chunked to the gateway: 413" "413" "$(post "$W/big" -H 'Transfer-Encoding: chunked')"
+check "gzip bomb and 10 MB chunked, to /pds/open and to the gateway: 413" "413 413 413 413" \
+    "$(pds_raw open "$W/bomb.gz" -H 'Content-Encoding: gzip') $(post "$W/bomb.gz" -H 'Content-Encoding: gzip') $(pds_raw open "$W/big" -H 'Transfer-Encoding: chunked') $(post "$W/big" -H 'Transfer-Encoding: chunked')"
 
 # --- slow clients ---------------------------------------------------------------------------
 # Ten clients from 127.0.0.2 send one header line every 2 s to each listener.
@@ -209,10 +202,9 @@ wait "$SLOW"
 
 # --- one id many times ----------------------------------------------------------------------
 node -e 'const d=[];for(let i=0;i<400;i++)d.push({_id:"same",n:i});process.stdout.write(JSON.stringify({docs:d}))' >"$W/same.json"
-check "400 copies of one id: 201" "201" "$(post "$W/same.json")"
+check "400 copies of one id: 201, every copy answered, the last one stored" "201 400 true 399" \
+    "$(post "$W/same.json") $(js 'j.length+" "+j.every(r=>r.ok===true)' <"$W/reply") $(stack_couch "/$DB/same" | js j.n)"
 check "  ... within a second ($(cat "$W/ms") ms)" "yes" "$([ "$(cat "$W/ms")" -lt 1000 ] && echo yes)"
-check "  ... every copy answered, the last one stored" "400 true 399" \
-    "$(js 'j.length+" "+j.every(r=>r.ok===true)' <"$W/reply") $(stack_couch "/$DB/same" | js j.n)"
 
 R=$(stack_pds open '{"device_id":"device-H","device_secret":"secret-of-device-H","locale":"en_US","force":"true","request":{}}')
 check "\"force\": \"true\" on open: 400" "400" "${R%% *}"

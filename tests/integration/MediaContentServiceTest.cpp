@@ -72,20 +72,16 @@ TEST_F(MediaContentServiceTest, IndexesTaggedFilesOfEveryFormatAndPlaylists) {
 
     auto lib = songs();
     ASSERT_EQ(lib.size(), 7u);
-    EXPECT_EQ(lib["One"].artist, "Ann");
-    EXPECT_EQ(lib["One"].album, "First");
-    EXPECT_EQ(lib["One"].genre, "Rock");
-    EXPECT_EQ(lib["One"].displayName, "one.mp3");
-    EXPECT_EQ(lib["One"].mimeType, "audio/mpeg");
-    EXPECT_EQ(lib["Two"].genre, "Jazz");
-    EXPECT_EQ(lib["Two"].albumId, lib["One"].albumId);
-    EXPECT_EQ(lib["Three"].mimeType, "audio/ogg");
-    EXPECT_EQ(lib["Misnamed"].mimeType, "audio/mpeg");
+    const MediaInfoRecord& one = lib["One"];
+    EXPECT_EQ(one.artist + "|" + one.album + "|" + one.genre + "|" + one.displayName + "|" +
+                  one.mimeType + "|" + lib["Two"].genre + "|" + lib["Three"].mimeType + "|" +
+                  lib["Misnamed"].mimeType + "|" + lib["Café"].artist + "|" +
+                  lib["Ünï 日本"].artist,
+              "Ann|First|Rock|one.mp3|audio/mpeg|Jazz|audio/ogg|audio/mpeg|Señor|Ärt");
+    EXPECT_EQ(lib["Two"].albumId, one.albumId);
     EXPECT_EQ(lib["Untagged Song"].artistId, 0);
-    EXPECT_EQ(lib["Café"].artist, "Señor");
-    EXPECT_EQ(lib["Ünï 日本"].artist, "Ärt");
-    EXPECT_TRUE(log_.contains("notes.mp3 ignored: not an audio file"));
-    EXPECT_TRUE(log_.contains("names a missing file " + music_ + "/missing.mp3"));
+    EXPECT_TRUE(log_.contains("notes.mp3 ignored: not an audio file") &&
+                log_.contains("names a missing file " + music_ + "/missing.mp3"));
 
     auto& media = mediaContentService();
     ASSERT_EQ(media.connect(), MEDIA_CONTENT_ERROR_NONE);
@@ -99,12 +95,10 @@ TEST_F(MediaContentServiceTest, IndexesTaggedFilesOfEveryFormatAndPlaylists) {
     EXPECT_EQ(media.getMediaList("MEDIA_TYPE=0", photos), MEDIA_CONTENT_ERROR_NONE);
     EXPECT_TRUE(photos.empty());
     ASSERT_EQ(albums.size(), 2u);  // First (Ann), Second (Bob)
-    EXPECT_EQ(albums[0].name, "First");
-    EXPECT_EQ(albums[0].artist, "Ann");
+    EXPECT_EQ(albums[0].name + "|" + albums[0].artist, "First|Ann");
     EXPECT_EQ(artists.size(), 4u);  // Ann, Bob, Señor, Ärt
     ASSERT_EQ(playlists.size(), 1u);
-    EXPECT_EQ(playlists[0].name, "mix");
-    EXPECT_EQ(playlists[0].songCount, 2);
+    EXPECT_EQ(playlists[0].name + "|" + std::to_string(playlists[0].songCount), "mix|2");
 
     MediaInfoRecord byId;
     EXPECT_EQ(media.getMediaFromDb(lib["Three"].mediaId, byId), MEDIA_CONTENT_ERROR_NONE);
@@ -132,10 +126,10 @@ TEST_F(MediaContentServiceTest, IdsStayAcrossRescansAndRestartsAndAreNeverReused
     // Damage an indexed file, then take the whole folder away: the library stays as it was.
     write("one.mp3", "ID3");
     EXPECT_EQ(songs().size(), 2u);
-    EXPECT_TRUE(log_.contains("one.mp3 cannot be read"));
     fs::remove_all(music_);
     EXPECT_EQ(songs().size(), 2u);
-    EXPECT_TRUE(log_.contains("is missing; the library is kept"));
+    EXPECT_TRUE(log_.contains("one.mp3 cannot be read") &&
+                log_.contains("is missing; the library is kept"));
 }
 
 }  // namespace

@@ -77,16 +77,14 @@ TEST(PackageManagerOnLinuxTest, ListsEntriesOfUserAndSystemFoldersWithTheirPrope
               pp::PACKAGE_MANAGER_ERROR_NONE);
     auto all = byId(apps);
     ASSERT_EQ(all.size(), 5u);
-    EXPECT_EQ(all["org.example.editor"].label, "Bearbeiter");
-    EXPECT_EQ(all["org.example.editor"].version, "1.2");
-    EXPECT_FALSE(all["org.example.editor"].preloaded);
-    EXPECT_TRUE(all["com.quorvin.wlocate"].preloaded);
-    EXPECT_EQ(all["com.quorvin.wlocate"].version, "");
-    EXPECT_TRUE(all["hidden"].noDisplay);
-    EXPECT_TRUE(all["gone"].noDisplay);
-    EXPECT_EQ(all["kde-tool"].label, "Tool");
-    EXPECT_TRUE(log.contains("noname.desktop has no name"));
-    EXPECT_TRUE(log.contains("broken.desktop is not a valid desktop entry"));
+    const pp::AppInfo &editor = all["org.example.editor"], &locate = all["com.quorvin.wlocate"];
+    EXPECT_EQ(
+        editor.label + "|" + editor.version + "|" + locate.version + "|" + all["kde-tool"].label,
+        "Bearbeiter|1.2||Tool");
+    EXPECT_TRUE(!editor.preloaded && locate.preloaded && all["hidden"].noDisplay &&
+                all["gone"].noDisplay);
+    EXPECT_TRUE(log.contains("noname.desktop has no name") &&
+                log.contains("broken.desktop is not a valid desktop entry"));
 
     ASSERT_EQ(pm.listApplications(pp::AppDisplayFilter::VisibleOnly, "en_US", apps), 0);
     all = byId(apps);
@@ -127,15 +125,14 @@ TEST(PackageManagerOnLinuxTest, InstallUpdateAndRemovalArriveAsCompletedEvents) 
     pm.unsetEventCallback();
 
     ASSERT_EQ(events.size(), 3u);
-    EXPECT_EQ(events[0].package, "b");
-    EXPECT_EQ(events[0].type, pp::PACKAGE_MANAGER_EVENT_TYPE_INSTALL);
-    EXPECT_EQ(events[1].package, "a");
-    EXPECT_EQ(events[1].type, pp::PACKAGE_MANAGER_EVENT_TYPE_UPDATE);
-    EXPECT_EQ(events[2].package, "b");
-    EXPECT_EQ(events[2].type, pp::PACKAGE_MANAGER_EVENT_TYPE_UNINSTALL);
-    for (const auto& e : events) {
-        EXPECT_EQ(e.state, pp::PACKAGE_MANAGER_EVENT_STATE_COMPLETED);
-        EXPECT_EQ(e.progress, 100);
+    const std::pair<std::string, int> expected[] = {
+        {"b", pp::PACKAGE_MANAGER_EVENT_TYPE_INSTALL},
+        {"a", pp::PACKAGE_MANAGER_EVENT_TYPE_UPDATE},
+        {"b", pp::PACKAGE_MANAGER_EVENT_TYPE_UNINSTALL}};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(std::pair(events[i].package, events[i].type), expected[i]) << i;
+        EXPECT_TRUE(events[i].state == pp::PACKAGE_MANAGER_EVENT_STATE_COMPLETED &&
+                    events[i].progress == 100);
     }
     pp::installPackageManager(nullptr);
 }

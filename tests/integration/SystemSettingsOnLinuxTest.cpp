@@ -39,23 +39,29 @@ TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks)
     pp::SystemSettings& settings = pp::systemSettings();
     const std::string file = home.configHome() + "/pelio-platform/settings.ini";
 
-    // Typed values, their errors, and keys and values a key file cannot hold refused.
+    // Typed values, their errors, and keys and values a key file cannot hold refused. A read
+    // gives "<error code>" or the value.
     int i = 0;
     bool b = false;
     std::string s;
-    EXPECT_EQ(settings.getInt("memory/dnet/status", i), pp::SETTINGS_ERROR_NO_KEY);
+    const auto text = [&](const char* key) {
+        const int rc = settings.getString(key, s);
+        return rc ? "<" + std::to_string(rc) + ">" : s;
+    };
+    const auto number = [&](const char* key) {
+        const int rc = settings.getInt(key, i);
+        return rc ? "<" + std::to_string(rc) + ">" : std::to_string(i);
+    };
+    EXPECT_EQ(number("memory/dnet/status"), "<" + std::to_string(pp::SETTINGS_ERROR_NO_KEY) + ">");
     EXPECT_EQ(settings.setInt("memory/dnet/status", -3), pp::SETTINGS_ERROR_NONE);
     EXPECT_EQ(settings.setBool("test/flag", true), pp::SETTINGS_ERROR_NONE);
     EXPECT_EQ(settings.setString("memory/dnet/proxy", "127.0.0.1:3128"), pp::SETTINGS_ERROR_NONE);
     EXPECT_EQ(settings.setString("test/empty", ""), pp::SETTINGS_ERROR_NONE);
-    EXPECT_EQ(settings.getInt("memory/dnet/status", i), pp::SETTINGS_ERROR_NONE);
-    EXPECT_EQ(i, -3);
+    EXPECT_EQ(number("memory/dnet/status") + "|" + text("memory/dnet/proxy") + "|" +
+                  text("test/empty") + "|",
+              "-3|127.0.0.1:3128||");
     EXPECT_EQ(settings.getBool("test/flag", b), pp::SETTINGS_ERROR_NONE);
     EXPECT_TRUE(b);
-    EXPECT_EQ(settings.getString("memory/dnet/proxy", s), pp::SETTINGS_ERROR_NONE);
-    EXPECT_EQ(s, "127.0.0.1:3128");
-    EXPECT_EQ(settings.getString("test/empty", s), pp::SETTINGS_ERROR_NONE);
-    EXPECT_EQ(s, "");
     EXPECT_EQ(settings.getInt("memory/dnet/proxy", i), pp::SETTINGS_ERROR_BAD_VALUE);
     EXPECT_EQ(settings.getBool("memory/dnet/status", b), pp::SETTINGS_ERROR_BAD_VALUE);
     EXPECT_EQ(settings.setString("bad=key", "v"), pp::SETTINGS_ERROR_INVALID_PARAMETER);
@@ -65,10 +71,8 @@ TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks)
     // On disk, in the key file another process reads.
     std::stringstream onDisk;
     onDisk << std::ifstream(file).rdbuf();
-    const std::string text = onDisk.str();
-    EXPECT_NE(text.find("[settings]"), std::string::npos) << text;
-    EXPECT_NE(text.find("memory/dnet/status=-3"), std::string::npos) << text;
-    EXPECT_NE(text.find("test/flag=true"), std::string::npos) << text;
+    for (const char* line : {"[settings]", "memory/dnet/status=-3", "test/flag=true"})
+        EXPECT_NE(onDisk.str().find(line), std::string::npos) << onDisk.str();
     EXPECT_EQ(std::system((kPelioctl + " setting get memory/dnet/proxy >/dev/null").c_str()), 0);
 
     Seen cellular, proxy;
@@ -82,8 +86,7 @@ TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks)
     waitFor(cellular, 1);
     ASSERT_EQ(cellular.keys, std::vector<std::string>{"memory/dnet/cellular"});
     EXPECT_TRUE(proxy.keys.empty());
-    EXPECT_EQ(settings.getInt("memory/dnet/cellular", i), pp::SETTINGS_ERROR_NONE);
-    EXPECT_EQ(i, 1);
+    EXPECT_EQ(number("memory/dnet/cellular"), "1");
 
     // The file written by hand (no rename): the proxy changed, the cellular state did not.
     {
@@ -94,8 +97,7 @@ TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks)
     waitFor(proxy, 1);
     ASSERT_EQ(proxy.keys, std::vector<std::string>{"memory/dnet/proxy"});
     EXPECT_EQ(cellular.keys.size(), 1u);
-    EXPECT_EQ(settings.getString("memory/dnet/proxy", s), pp::SETTINGS_ERROR_NONE);
-    EXPECT_EQ(s, "");
+    EXPECT_EQ(text("memory/dnet/proxy"), "");
 
     // A set from this process reaches the callback the same way; a removed one is not called.
     EXPECT_EQ(settings.removeChangedCallback("memory/dnet/proxy", &onChanged),
@@ -112,7 +114,8 @@ TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks)
     std::remove(file.c_str());
     waitFor(cellular, 3);
     EXPECT_EQ(cellular.keys.size(), 3u);
-    EXPECT_EQ(settings.getInt("memory/dnet/cellular", i), pp::SETTINGS_ERROR_NO_KEY);
+    EXPECT_EQ(number("memory/dnet/cellular"),
+              "<" + std::to_string(pp::SETTINGS_ERROR_NO_KEY) + ">");
 
     // The last callback removed ends the watch before the main loop does.
     EXPECT_EQ(settings.removeChangedCallback("memory/dnet/cellular", &onChanged),

@@ -12,6 +12,7 @@
 #include <pelio/platform/Timer.h>
 
 #include "PLMConstants.h"
+#include "doubles/FakeContactsService.h"
 #include "doubles/FakeMediaContentService.h"
 #include "doubles/FakePackageManager.h"
 #include "doubles/FakePlatformApp.h"

@@ -35,10 +35,9 @@ TEST_F(PlmSyncAppEventTest, ConfigurationExtrasGoToPreferences) {
                        {"SET_CERT_PATH", "/tmp/ca.pem"},
                        {"SET_LOCALE", "ko-KR"}});
     EXPECT_FALSE(reply.replied);
-    EXPECT_EQ(stringPref("server_ip"), "127.0.0.1");
-    EXPECT_EQ(intPref("port"), 8443);
-    EXPECT_EQ(stringPref("cert_path"), "/tmp/ca.pem");
-    EXPECT_EQ(stringPref("locale"), "ko-KR");
+    EXPECT_EQ(stringPref("server_ip") + "|" + std::to_string(intPref("port")) + "|" +
+                  stringPref("cert_path") + "|" + stringPref("locale"),
+              "127.0.0.1|8443|/tmp/ca.pem|ko-KR");
     bool existing = true;
     prefs_->isExisting("is_force", existing);
     EXPECT_FALSE(existing);
@@ -94,16 +93,14 @@ TEST_F(PlmSyncAppEventTest, ClearServerComparesFourCharactersAndEndsTheService) 
 TEST_F(PlmSyncAppEventTest, CheckPlmIdRepliesPerSelection) {
     start(false);
     auto all = send({{"EVENT_TYPE", "CHECK_PLM_ID"}, {"TYPE", "ALL"}});
-    ASSERT_TRUE(all.replied);
-    EXPECT_EQ(all.result, pp::APP_CONTROL_RESULT_SUCCEEDED);
+    EXPECT_TRUE(all.replied && all.result == pp::APP_CONTROL_RESULT_SUCCEEDED);
     EXPECT_EQ(
         all.extras,
         (pp::Extras{
             {"PLM_ID_RESULT", "ALL"}, {"APPLICATION", "-1"}, {"CONTACT", "-1"}, {"MEDIA", "-1"}}));
 
     auto none = send({{"EVENT_TYPE", "CHECK_PLM_ID"}, {"TYPE", "NONE"}});
-    ASSERT_TRUE(none.replied);
-    EXPECT_EQ(none.result, pp::APP_CONTROL_RESULT_FAILED);
+    EXPECT_TRUE(none.replied && none.result == pp::APP_CONTROL_RESULT_FAILED);
     EXPECT_EQ(none.extras, (pp::Extras{{"PLM_ID_RESULT", "NONE"}}));
 
     prefs_->setString("contact_synced_plm_id", "plm-c");

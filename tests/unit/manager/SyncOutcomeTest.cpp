@@ -36,19 +36,16 @@ class SyncOutcomeTest : public ManagerFixture {
 
 TEST_F(SyncOutcomeTest, AnswersApplyOnlyToTheRowsAsSentAndOnlyToIdsThatWereSent) {
     PLMSyncManager* manager = startWithSession();
-    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('42', 2, '1-old', 5)");
-    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('43', 3, '1-old', 5)");
-    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('44', 1, NULL, 5)");
-    // Collected again while the upload ran: new version, or deleted after being sent as an edit.
-    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('45', 3, '1-old', 6)");
-    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('46', 3, '1-old', 6)");
-    // Not part of this upload: a reply must not reach it, however its id is written.
-    exec("INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('99', 2, '1-old', 5)");
-    SentRows sent{{"con_00000042", contactRow("42", 2, 5)},
-                  {"con_00000043", contactRow("43", 3, 5)},
-                  {"con_00000044", contactRow("44", 1, 5)},
-                  {"con_00000045", contactRow("45", 3, 5)},
-                  {"con_00000046", contactRow("46", 2, 5)}};
+    // 45 and 46 were collected again while the upload ran: a new version, or deleted after being
+    // sent as an edit. 99 is not part of this upload: a reply must not reach it, however its id
+    // is written.
+    exec(
+        "INSERT INTO contacts(_id, dirty, rev_id, version) VALUES('42', 2, '1-old', 5), "
+        "('43', 3, '1-old', 5), ('44', 1, NULL, 5), ('45', 3, '1-old', 6), "
+        "('46', 3, '1-old', 6), ('99', 2, '1-old', 5)");
+    SentRows sent;
+    for (auto [id, dirty] : {std::pair{42, 2}, {43, 3}, {44, 1}, {45, 3}, {46, 2}})
+        sent["con_000000" + std::to_string(id)] = contactRow(std::to_string(id), dirty, 5);
     closeWithAnswer(manager, 3,
                     "[{\"id\":\"con_00000042\",\"rev\":\"3-x\"},"
                     "{\"id\":\"con_00000043\",\"rev\":\"2-y\"},"

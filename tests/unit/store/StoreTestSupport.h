@@ -59,10 +59,10 @@ inline std::string strOf(const pelio::platform::Bundle& b, const std::string& ke
     return b.getStr(key, v) == 0 ? v : std::string("<absent>");
 }
 
-// Runs SQL on the shadow database directly.
-inline void exec(const std::string& sql) {
+// Runs SQL on the shadow database (or another database file) directly.
+inline void exec(const std::string& sql, const std::string& path = DbManager::databasePath()) {
     sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(DbManager::databasePath().c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
     char* err = nullptr;
     const int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
     const std::string message = err ? err : "";

@@ -39,9 +39,7 @@ TEST_F(AppJsonComposerTest, LiveUpdatedAndDeletionDocumentsWithTheirRows) {
 
     auto data = AppJsonComposer().makeUploadJSON();
     ASSERT_EQ(data->itemType, plm::SYNC_ITEM_APPLICATION);
-    EXPECT_EQ(data->insertedCount, 1);
-    EXPECT_EQ(data->updatedCount, 1);
-    EXPECT_EQ(data->deletedCount, 1);
+    EXPECT_EQ(counts(*data), "1/1/1");
     ASSERT_EQ(data->documents.size(), 1u);
     Body body(data->documents[0]);
     EXPECT_EQ(body.size(), 3u);

@@ -1,9 +1,13 @@
-// The application collector's decisions on a fake package manager and a real shadow table:
-// insert, ignore, update, removal, and the two applications every device has.
+// The application collector's decisions on desktop entries read by the Linux package manager and
+// a real shadow table: insert, ignore, update, removal, and the two applications every device has.
+
+#include <pelio/platform/PackageManager.h>
+
+#include <filesystem>
+#include <fstream>
 
 #include "PLMConstants.h"
 #include "SyncHandlers/AppSyncHandler.h"
-#include "doubles/FakePackageManager.h"
 #include "unit/sync/SyncTestSupport.h"
 #include "upload/PLMSyncMasterTable.h"
 
@@ -26,17 +30,37 @@ class AppSyncHandlerTest : public SyncStoreTest {
     // What an accepted upload leaves: every row in step, with a revision.
     void markUploaded() { exec("UPDATE application SET dirty = 4, rev_id = '1-a'"); }
 
-    Installed<FakePackageManager, &pelio::platform::installPackageManager> packages_;
+    // A desktop entry of the user's, or of the system's (a preinstalled application).
+    void put(const std::string& package, const std::string& name, bool system = false,
+             bool hidden = false) {
+        const std::string dir = folder(system);
+        std::filesystem::create_directories(dir);
+        std::ofstream(dir + package + ".desktop")
+            << "[Desktop Entry]\nType=Application\nExec=true\nName=" << name << "\n"
+            << (hidden ? "NoDisplay=true\n" : "");
+    }
+    void remove(const std::string& package) {
+        for (bool system : {false, true})
+            std::filesystem::remove(folder(system) + package + ".desktop");
+    }
+    std::string folder(bool system) {
+        return (system ? home_.path() + "/system/share" : home_.dataHome()) + "/applications/";
+    }
+
+    struct FreshPackageManager {  // the Linux one, reading this home
+        FreshPackageManager() { pelio::platform::installPackageManager(nullptr); }
+        ~FreshPackageManager() { pelio::platform::installPackageManager(nullptr); }
+    } packages_;
     RecordingHost host_;
 };
 
 }  // namespace
 
 TEST_F(AppSyncHandlerTest, InsertsVisibleApplicationsAndTheTwoEveryDeviceHas) {
-    packages_->put("org.example.editor", "Edit'or");
-    packages_->put("com.quorvin.wlocate", "Locate", true);
-    packages_->put("hidden", "Hidden", true, true);
-    packages_->put("com.quorvin.w-taskmanager", "Tasks", true, true);  // no-display: looked up
+    put("org.example.editor", "Edit'or");
+    put("com.quorvin.wlocate", "Locate", true);
+    put("hidden", "Hidden", true, true);
+    put("com.quorvin.w-taskmanager", "Tasks", true, true);  // no-display: looked up
 
     AppSyncHandler handler(&host_);
     EXPECT_EQ(handler.syncData(98), 0);
@@ -54,11 +78,11 @@ TEST_F(AppSyncHandlerTest, InsertsVisibleApplicationsAndTheTwoEveryDeviceHas) {
 }
 
 TEST_F(AppSyncHandlerTest, UpdatesRemovalsAndReturnsFollowTheServerState) {
-    packages_->put("com.quorvin.w-contacts2", "Contacts", true);
-    packages_->put("com.quorvin.w-taskmanager", "Tasks", true);
-    packages_->put("kept", "Kept");
-    packages_->put("renamed", "Old name");
-    packages_->put("removed", "Removed");
+    put("com.quorvin.w-contacts2", "Contacts", true);
+    put("com.quorvin.w-taskmanager", "Tasks", true);
+    put("kept", "Kept");
+    put("renamed", "Old name");
+    put("removed", "Removed");
     AppSyncHandler handler(&host_);
     ASSERT_EQ(handler.syncData(98), 0);
     markUploaded();
@@ -66,9 +90,9 @@ TEST_F(AppSyncHandlerTest, UpdatesRemovalsAndReturnsFollowTheServerState) {
     EXPECT_EQ(handler.syncData(98), 2);  // nothing changed and in step: nothing to do
     EXPECT_EQ(master_get_value(plm::APP_SYNC_STATUS_P), "2");
 
-    packages_->put("renamed", "New name");
-    packages_->remove("removed");
-    packages_->put("fresh", "Fresh");
+    put("renamed", "New name");
+    remove("removed");
+    put("fresh", "Fresh");
     EXPECT_EQ(handler.syncData(98), 0);
     auto rows = table();
     EXPECT_EQ(rows["kept"], "4|Kept|0||1-a");
@@ -78,9 +102,9 @@ TEST_F(AppSyncHandlerTest, UpdatesRemovalsAndReturnsFollowTheServerState) {
 
     // Never uploaded and gone: removed locally, nothing to send. Back before its removal was
     // confirmed: an update of the document the server still has. A pending update stays one.
-    packages_->remove("fresh");
-    packages_->put("removed", "Removed");
-    packages_->put("renamed", "Newer name");
+    remove("fresh");
+    put("removed", "Removed");
+    put("renamed", "Newer name");
     EXPECT_EQ(handler.syncData(98), 0);
     rows = table();
     EXPECT_EQ(rows.count("fresh"), 0u);
@@ -89,7 +113,7 @@ TEST_F(AppSyncHandlerTest, UpdatesRemovalsAndReturnsFollowTheServerState) {
 
     // A forced collection sends every row again as an insert, keeping what the server has: an
     // application removed since the last sync still ends as a deletion.
-    packages_->remove("renamed");
+    remove("renamed");
     EXPECT_EQ(handler.syncData(99), 0);
     rows = table();
     EXPECT_EQ(rows.size(), 5u);

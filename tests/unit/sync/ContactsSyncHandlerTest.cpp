@@ -6,7 +6,6 @@
 #include "upload/PLMSyncMasterTable.h"
 
 using namespace pelio::test;
-using pelio::platform::CONTACTS_NUMBER_TYPE_CELL;
 
 namespace {
 
@@ -27,7 +26,7 @@ class InterruptedContactsHandler : public ContactsSyncHandler {
 class ContactsSyncHandlerTest : public SyncStoreTest {
   protected:
     std::string addPerson(const std::string& name) {
-        return std::to_string(contacts_->addContact(FakeContactsService::person(name, name)));
+        return std::to_string(contacts_.put(name, name));
     }
     // What an upload leaves behind: every row in step with the server, the version recorded.
     void markUploaded(ContactsSyncHandler& handler) {
@@ -52,15 +51,15 @@ TEST_F(ContactsSyncHandlerTest, FirstRunThenNothingRequiredThenADelta) {
     const auto ann = addPerson("Ann");
     const auto bob = addPerson("Bob");
     const auto cid = addPerson("Cid");
-    contacts_->addContact(FakeContactsService::person(""));  // no display name: never entered
-    prefs_->setInt(plm::PREF_CONTACTS_DB_VERSION, 1);        // ignored while "is_force" is absent
+    contacts_.put("noname", "");                       // no display name: never entered
+    prefs_->setInt(plm::PREF_CONTACTS_DB_VERSION, 1);  // ignored while "is_force" is absent
 
     ContactsSyncHandler handler(&host_);
     EXPECT_EQ(handler.syncData(98), 0);
     using Dirty = std::map<std::string, std::vector<int>>;
     EXPECT_EQ(dirtyById(), (Dirty{{ann, {1}}, {bob, {1}}, {cid, {1}}}));
     EXPECT_EQ(query("SELECT DISTINCT version FROM contacts"),
-              std::vector<std::string>{std::to_string(contacts_->version())});
+              std::vector<std::string>{std::to_string(contacts_.version())});
     int stored = 0;
     EXPECT_NE(prefs_->getInt(plm::PREF_CONTACTS_DB_VERSION, stored), 0);  // removed
     EXPECT_EQ(status(), "0");
@@ -74,18 +73,17 @@ TEST_F(ContactsSyncHandlerTest, FirstRunThenNothingRequiredThenADelta) {
     EXPECT_EQ(handler.syncData(98), 0);
     EXPECT_EQ(status(), "0");
 
-    contacts_->beginBatch();
-    contacts_->updateContact(
-        std::stoi(ann),
-        FakeContactsService::person("Ann", "Anna").withNumber("555", CONTACTS_NUMBER_TYPE_CELL));
-    contacts_->deleteContact(std::stoi(bob));
-    const auto dee = addPerson("Dee");
-    contacts_->commitBatch();
+    contacts_.begin();
+    contacts_.put("Ann", "Ann", "N:;Anna;;;\r\nTEL;TYPE=CELL:555\r\n");
+    contacts_.remove("Bob");
+    addPerson("Dee");
+    contacts_.commit();
+    const auto dee = std::to_string(contacts_.idOf("Dee"));
     EXPECT_EQ(handler.syncData(98), 0);
     // Cid is unchanged: left alone (and at its old version).
     EXPECT_EQ(dirtyById(), (Dirty{{ann, {3}}, {bob, {2}}, {cid, {4}}, {dee, {1}}}));
     EXPECT_EQ(query("SELECT DISTINCT version FROM contacts WHERE _id != '" + cid + "'"),
-              std::vector<std::string>{std::to_string(contacts_->version())});
+              std::vector<std::string>{std::to_string(contacts_.version())});
 }
 
 TEST_F(ContactsSyncHandlerTest, ReplayedChangesKeepPendingFlagsAndUnsyncedRemovalsSendNothing) {
@@ -101,9 +99,9 @@ TEST_F(ContactsSyncHandlerTest, ReplayedChangesKeepPendingFlagsAndUnsyncedRemova
     // Pending at the version they were collected at: an update stays an update, a confirmed row
     // stays confirmed, when the same changes are read again (a retry after a failed upload).
     exec("DELETE FROM contacts");
+    const std::string v = std::to_string(contacts_.version());
     exec("INSERT INTO contacts (_id, contact_id, dirty, version) VALUES ('" + ann + "', " + ann +
-         ", 3, " + std::to_string(contacts_->version()) + "), ('" + bob + "', " + bob + ", 4, " +
-         std::to_string(contacts_->version()) + ")");
+         ", 3, " + v + "), ('" + bob + "', " + bob + ", 4, " + v + ")");
     log_.clear();
     EXPECT_EQ(handler.syncData(98), 0);
     EXPECT_EQ(dirtyById().at(ann), std::vector<int>{3});
@@ -113,9 +111,8 @@ TEST_F(ContactsSyncHandlerTest, ReplayedChangesKeepPendingFlagsAndUnsyncedRemova
 
     // Added and removed between two syncs: never on the server, so nothing is entered.
     const auto cy = addPerson("Cy");
-    ASSERT_TRUE(contacts_->deleteContact(std::stoi(cy)));
-    // Removed after it was synced: a deletion.
-    ASSERT_TRUE(contacts_->deleteContact(std::stoi(bob)));
+    contacts_.remove("Cy");
+    contacts_.remove("Bob");  // removed after it was synced: a deletion
     EXPECT_EQ(handler.syncData(98), 0);
     EXPECT_EQ(dirtyById().count(cy), 0u);
     EXPECT_EQ(dirtyById().at(bob), std::vector<int>{2});
@@ -124,7 +121,7 @@ TEST_F(ContactsSyncHandlerTest, ReplayedChangesKeepPendingFlagsAndUnsyncedRemova
 TEST_F(ContactsSyncHandlerTest, ForcedSyncStartsFromAnEmptyTableAndSendsEveryRemoval) {
     const auto ann = addPerson("Ann");
     const auto bob = addPerson("Bob");
-    ASSERT_TRUE(contacts_->deleteContact(std::stoi(bob)));  // removed since the last sync
+    contacts_.remove("Bob");  // removed since the last sync
     exec("INSERT INTO contacts (_id, contact_id, dirty, version) VALUES ('999', 999, 4, 1)");
     ContactsSyncHandler handler(&host_);
     EXPECT_EQ(handler.syncData(99), 0);
@@ -179,10 +176,7 @@ TEST_F(ContactsSyncHandlerTest, ForcedRequestWhileCollectingIsTakenNextThreaded)
 }
 
 TEST_F(ContactsSyncHandlerTest, LargeAddressBookIsReadBackCompletely) {
-    contacts_->beginBatch();
-    for (int i = 0; i < 5200; ++i)
-        addPerson("P" + std::to_string(i));
-    contacts_->commitBatch();
+    contacts_.putMany("P", 5200);
     ContactsSyncHandler handler(&host_);
     ASSERT_EQ(handler.syncData(98), 0);
     exec("UPDATE contacts SET dirty = 4");
@@ -204,7 +198,7 @@ TEST_F(ContactsSyncHandlerTest, StoredVersionIsTheOneCollectedAndFailuresEndWith
     EXPECT_NE(handler.readSyncContactsDbVersion(version), 0);
 
     ASSERT_EQ(handler.syncData(98), 0);  // uses up the store's first (always committed) transaction
-    const int collected = contacts_->version();
+    const int collected = contacts_.version();
     addPerson("Bob");  // changed while the upload runs
     EXPECT_EQ(handler.writeNewSyncContactsDbVersion(false), 0);
     EXPECT_EQ(storedVersion(handler), collected);
@@ -221,10 +215,10 @@ TEST_F(ContactsSyncHandlerTest, StoredVersionIsTheOneCollectedAndFailuresEndWith
     EXPECT_EQ(handler.writeNewSyncContactsDbVersion(false), 0);
     EXPECT_EQ(storedVersion(handler), stored);
 
-    // The contacts service failing.
+    // The contacts service failing: its change log cannot be read.
     exec("DROP TRIGGER refuse");
-    contacts_->failNext(FakeContactsService::Op::GetChangesByVersion,
-                        pelio::platform::CONTACTS_ERROR_DB);
+    exec("ALTER TABLE changes RENAME COLUMN type TO kind",
+         home_.dataHome() + "/pelio-platform/contacts.db");
     EXPECT_EQ(handler.syncData(98), 1);
     EXPECT_TRUE(log_.hasMessage("syncData failed for Contacts"));
     EXPECT_EQ(dirtyById().count(cy), 0u);

@@ -1,6 +1,6 @@
-// Shared set-up of the sync unit tests: a throw-away home with in-memory preferences, app paths
-// and contacts service, a fresh DbManager on a real SQLite file, a recording sync-manager host
-// and direct SQLite access to the shadow table.
+// Shared set-up of the sync unit tests: a throw-away home with in-memory preferences and app
+// paths, contacts on vCard files, a fresh DbManager on a real SQLite file, a recording sync-manager
+// host and direct SQLite access to the shadow table.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,13 +19,14 @@
 
 #include "SyncHandlers/SyncHandlerHost.h"
 #include "doubles/FakeAppPaths.h"
-#include "doubles/FakeContactsService.h"
 #include "doubles/FakePreferences.h"
 #include "support/Eventually.h"
 #include "support/Installed.h"
 #include "support/LogCapture.h"
 #include "support/TempHome.h"
+#include "support/VCardBook.h"
 #include "unit/store/StoreTestSupport.h"
+#include "upload/SyncData.h"
 
 namespace pelio::test {
 
@@ -98,6 +99,11 @@ inline std::string str(JsonObject* object, const char* key) {
 inline JsonObject* meta(JsonObject* doc) {
     return json_object_get_object_member(doc, "meta_data");
 }
+// The counts of a composed upload: "inserted/updated/deleted".
+inline std::string counts(const SyncData& d) {
+    return std::to_string(d.insertedCount) + "/" + std::to_string(d.updatedCount) + "/" +
+           std::to_string(d.deletedCount);
+}
 
 class SyncStoreTest : public ::testing::Test {
   protected:
@@ -121,7 +127,7 @@ class SyncStoreTest : public ::testing::Test {
     LogCapture log_;
     Installed<FakePreferences, &pelio::platform::installPreferences> prefs_;
     Installed<FakeAppPaths, &pelio::platform::installAppPaths> paths_;
-    Installed<FakeContactsService, &pelio::platform::installContactsService> contacts_;
+    VCardBook contacts_;
 };
 
 }  // namespace pelio::test
