@@ -9,20 +9,20 @@
 
 #include "database/DbManager.h"
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
 namespace pelio::bench {
 
 namespace pp = pelio::platform;
-using pelio::test::FakeContactsService;
 
 BenchHome::BenchHome() {
     auto prefs = std::make_unique<pelio::test::FakePreferences>();
     prefs_ = prefs.get();
     pp::installPreferences(std::move(prefs));
     pp::installAppPaths(std::make_unique<pelio::test::FakeAppPaths>());
-    auto contacts = std::make_unique<FakeContactsService>();
-    contacts->setRequireConnection(false);
-    contacts_ = contacts.get();
-    pp::installContactsService(std::move(contacts));
+    pp::installContactsService(nullptr);  // the Linux contacts service, on this home's folder
     DbManager::resetInstanceForTesting();
     DbManager::getInstance();
 }
@@ -65,13 +65,15 @@ int BenchHome::rowCount(const std::string& table) {
 }
 
 void BenchHome::addPersons(int count) {
-    contacts_->beginBatch();
+    const std::string folder = std::string(std::getenv("XDG_DATA_HOME")) + "/contacts/book";
+    std::filesystem::create_directories(folder);
+    std::ofstream out(folder + "/persons.vcf", std::ios::trunc);
     for (int i = 0; i < count; ++i) {
         const std::string n = std::to_string(i);
-        contacts_->addContact(FakeContactsService::person("Person " + n, "First" + n, "Last" + n)
-                                  .withNumber("010-555-" + n, pp::CONTACTS_NUMBER_TYPE_CELL, true));
+        out << "BEGIN:VCARD\r\nVERSION:3.0\r\nUID:person-" << n << "\r\nFN:Person " << n
+            << "\r\nN:Last" << n << ";First" << n << ";;;\r\nTEL;TYPE=CELL:010-555-" << n
+            << "\r\nEND:VCARD\r\n";
     }
-    contacts_->commitBatch();
 }
 
 }  // namespace pelio::bench

@@ -1,5 +1,6 @@
-// Shared set-up of the benchmarks: a throw-away home with in-memory preferences, app paths and
-// contacts service, and a fresh DbManager on a real SQLite file below it. One BenchHome lives for
+// Shared set-up of the benchmarks: a throw-away home with in-memory preferences and app paths, the
+// Linux contacts service on the home's vCard folder, and a fresh DbManager on a real SQLite file
+// below it. One BenchHome lives for
 // the duration of one benchmark function (all its iterations); it is not thread-safe.
 #pragma once
 
@@ -8,7 +9,6 @@
 
 #include "SyncHandlers/SyncHandlerHost.h"
 #include "doubles/FakeAppPaths.h"
-#include "doubles/FakeContactsService.h"
 #include "doubles/FakePreferences.h"
 #include "support/TempHome.h"
 
@@ -21,7 +21,6 @@ class BenchHome {
     BenchHome(const BenchHome&) = delete;
     BenchHome& operator=(const BenchHome&) = delete;
 
-    pelio::test::FakeContactsService& contacts() { return *contacts_; }
     pelio::test::FakePreferences& prefs() { return *prefs_; }
 
     // Runs SQL on the database directly (outside DbManager); false on an engine error.
@@ -29,13 +28,13 @@ class BenchHome {
     // count(*) of a table, -1 on error.
     int rowCount(const std::string& table);
 
-    // Adds count named persons with one mobile number each, in one version of the fake.
+    // Writes count named persons with one mobile number each into one vCard file; the contacts
+    // service reads them (ids 1..count in a fresh home) when it next connects.
     void addPersons(int count);
 
   private:
     pelio::test::TempHome home_;
     pelio::test::FakePreferences* prefs_ = nullptr;
-    pelio::test::FakeContactsService* contacts_ = nullptr;
 };
 
 // A sync-manager host that only hands out the domain locks.

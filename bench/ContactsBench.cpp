@@ -1,5 +1,5 @@
 // Contacts: composition of 5,000 dirty rows into upload documents (JSONComposer::makeSyncData(3))
-// and the collector's pass over 5,000 contacts of the in-memory contacts service.
+// and the collector's pass over 5,000 contacts read from vCard files.
 #include <benchmark/benchmark.h>
 
 #include <string>
