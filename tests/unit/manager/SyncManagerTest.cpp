@@ -108,7 +108,7 @@ TEST_F(SyncManagerTest, OpenFailuresRetryOnceAndPauseOnlyForGenericErrors) {
 }
 
 // The part never answered leaves the domain failed after the close, so it is sent again.
-TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainKeepsEarlierResultsAndFailsItAfterTheClose) {
+TEST_F(SyncManagerTest, EmptyAnswerStopsComposingKeepsEarlierResultsAndFailsItAfterTheClose) {
     PLMSyncManager* manager = start(false);
     bodies_[3] = {"a", "b", "c"};
     configureUploader_ = [](FakeUploader& u) {
@@ -118,6 +118,8 @@ TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainKeepsEarlierResultsAndFailsItAf
     EXPECT_FALSE(manager->composeAndSync(3));
     EXPECT_TRUE(log.hasMessage("syncResult->jsonResponse has no length"));
     EXPECT_EQ(uploader_->posted, (std::vector<std::string>{"a", "b"}));
+    // Each body was posted before the next was composed; none after the failed one.
+    EXPECT_EQ(composedBeforePost_, (std::vector<size_t>{0, 1}));
     EXPECT_EQ(manager->syncResultCount(), 1u);
     manager->closeSessionAndApplyOutcomes();
     EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
