@@ -358,12 +358,6 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
 
     _setLocaleForJsonFields();
 
-    for (auto& record : mRecords) {
-        if (record.dirty != plm::DIRTY_DELETED) {
-            record.readable = getFirstNameFromContactId(std::to_string(record.contactId), record);
-        }
-    }
-
     LOGD("list size is : [%d]", static_cast<int>(mRecords.size()));
     const Counts counts = _composeRecords();
 
@@ -392,6 +386,10 @@ ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
     SentRows& sent = *mResult->sentRows;
     for (auto& record : mRecords) {
         const std::string idText = std::to_string(record.contactId);
+        // Looked up as its document is made, and released after: memory does not grow with the
+        // size of the address book.
+        if (record.dirty != plm::DIRTY_DELETED)
+            record.readable = getFirstNameFromContactId(idText, record);
         if (!record.readable) {
             // Never an empty document: the row stays dirty and the next collection sees what
             // became of the person.

@@ -109,7 +109,8 @@ class ContactsJsonComposer : public JSONComposer {
     bool _appendDocument(JsonObjectPtr document);
     bool _flushBatch();
     bool _readRows();
-    // One document per record, in bodies of kBatchSize; stops early when the sink says so.
+    // Looks each record up and makes its document, in bodies of kBatchSize; stops early when
+    // the sink says so.
     Counts _composeRecords();
 
     int mItemCounter = 0;
