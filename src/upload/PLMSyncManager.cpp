@@ -879,6 +879,11 @@ bool PLMSyncManager::composeAndSync(int item) {
     if (nothingComposed && !run.sessionTried) {
         _nothingToSync(item, syncData.get());
     } else {
+        if (nothingComposed && run.allPosted) {
+            // The composition was aborted after some of its bodies went up.
+            LOGE("composition of item [%d] ended early", item);
+            run.allPosted = false;
+        }
         result = _finishUpload(run, syncData.get());
     }
     syncData.reset();

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <deque>
+#include <set>
 
 #include <pelio/platform/MediaContent.h>
 #include <pelio/platform/PackageManager.h>
@@ -149,6 +150,8 @@ class ManagerFixture : public ::testing::Test {
                     break;
                 }
             }
+            if (abortedItems_.count(item) != 0)  // as a composition cut short by an error
+                data->insertedCount = data->deletedCount = data->updatedCount = -1;
             return data;
         };
         hooks.requestDomainSync = [this](int domain, int code) {
@@ -206,6 +209,7 @@ class ManagerFixture : public ::testing::Test {
     std::map<int, std::vector<std::string>> bodies_;
     std::map<int, SentRows> sent_;  // what the bodies of an item were composed from
     std::vector<size_t> composedBeforePost_;
+    std::set<int> abortedItems_;  // items whose composition ends with counts of -1
     Requests domainRequests_;
     std::vector<bool> versionWrites_;
     std::atomic<int> stopCalls_{0};

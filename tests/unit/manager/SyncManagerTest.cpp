@@ -123,6 +123,16 @@ TEST_F(SyncManagerTest, EmptyAnswerStopsComposingKeepsEarlierResultsAndFailsItAf
     EXPECT_EQ(manager->syncResultCount(), 1u);
     manager->closeSessionAndApplyOutcomes();
     EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
+
+    // A composition aborted after its first body went up: that body's result is kept, the
+    // domain is not in step.
+    bodies_[1] = {"x"};
+    abortedItems_ = {1};
+    EXPECT_FALSE(manager->composeAndSync(1));
+    EXPECT_TRUE(log.hasMessage("composition of item [1] ended early"));
+    EXPECT_EQ(manager->syncResultCount(), 1u);
+    manager->closeSessionAndApplyOutcomes();
+    EXPECT_EQ(status(plm::APP_SYNC_STATUS_P), "1");
 }
 
 TEST_F(SyncManagerTest, CloseRetriesWithPausesThenMarksEveryPostedDomainFailed) {
