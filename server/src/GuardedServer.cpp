@@ -56,6 +56,9 @@ GuardedServer::GuardedServer(const std::string& name, Limits limits, const std::
     const std::size_t maxConnections = limits_.maxConnections;
     // The HTTP layer owns and deletes the task queue it gets here.
     new_task_queue = [workers, maxConnections] { return new WorkerPool(workers, maxConnections); };
+    // Answers go out as soon as they are written: without this, a reply written in two pieces
+    // (headers, then body) waits for the client's delayed acknowledgement of the first.
+    set_tcp_nodelay(true);
     if (!certFile.empty()) {
         ctx_.reset(SSL_CTX_new(TLS_server_method()));
         valid_ = ctx_ && SSL_CTX_set_min_proto_version(ctx_.get(), TLS1_2_VERSION) == 1 &&

@@ -147,9 +147,7 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
         result->insertedCount = inserted;
         result->deletedCount = deleted;
         result->updatedCount = updated;
-        JsonObjectPtr body(json_object_new());
-        json_object_set_array_member(body.get(), plm::DOC_DOCS, docs.release());
-        result->documents.push_back(jsonToString(body.get()));
+        _emitBody(std::move(docs), *result);
     } else {
         result->sentRows->clear();
     }

@@ -316,27 +316,28 @@ JsonObjectPtr ContactsJsonComposer::_makeLiveDocument(const ContactComposeRecord
     return doc;
 }
 
-void ContactsJsonComposer::_flushBatch() {
-    JsonObjectPtr body(json_object_new());
-    json_object_set_array_member(body.get(), plm::DOC_DOCS, mJsonArr.release());
-    LOGD("after setting mJsonArr");
-    mBodies.push_back(jsonToString(body.get()));
-    mItemCounter = 0;
+bool ContactsJsonComposer::_flushBatch() {
+    JsonArrayPtr docs = std::move(mJsonArr);
     mJsonArr.reset(json_array_new());
+    mItemCounter = 0;
+    const bool go = _emitBody(std::move(docs), *mResult);
+    LOGD("after setting mJsonArr");
+    return go;
 }
 
-void ContactsJsonComposer::_appendDocument(JsonObjectPtr document) {
+bool ContactsJsonComposer::_appendDocument(JsonObjectPtr document) {
     json_array_add_object_element(mJsonArr.get(), document.release());
     if (mItemCounter == kBatchSize) {
         LOGD("here in 1000");
-        _flushBatch();
+        return _flushBatch();
     }
+    return true;
 }
 
 std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
     mItemCounter = 0;
     mJsonArr.reset(json_array_new());
-    mBodies.clear();
+    mResult = std::make_unique<SyncData>();
     mRecords.clear();
 
     _readRows();
@@ -357,64 +358,72 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
 
     _setLocaleForJsonFields();
 
-    for (auto& record : mRecords) {
-        if (record.dirty != plm::DIRTY_DELETED) {
-            record.readable = getFirstNameFromContactId(std::to_string(record.contactId), record);
-        }
-    }
-
     LOGD("list size is : [%d]", static_cast<int>(mRecords.size()));
-    int inserted = 0, deleted = 0, updated = 0;
-    auto sent = std::make_shared<SentRows>();
-    bool complete = true;
-    for (const auto& record : mRecords) {
+    const Counts counts = _composeRecords();
+
+    if (counts.inserted > 0 || counts.deleted > 0 || counts.updated != 0) {
+        LOGD("Has some info to sync at server");
+        mResult->itemType = plm::SYNC_ITEM_CONTACTS;
+        mResult->insertedCount = counts.inserted;
+        mResult->deletedCount = counts.deleted;
+        mResult->updatedCount = counts.updated;
+        if (mItemCounter != 0 && mResult->complete)
+            _flushBatch();
+    }
+    std::unique_ptr<SyncData> result = std::move(mResult);
+    if (result->insertedCount == -1)
+        result->sentRows = std::make_shared<SentRows>();  // nothing was sent
+    if (!counts.complete)
+        result->complete = false;
+
+    LOGD("mItemCounter is : [%d]", mItemCounter);
+    mRecords.clear();
+    return result;
+}
+
+ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
+    Counts counts;
+    SentRows& sent = *mResult->sentRows;
+    for (auto& record : mRecords) {
         const std::string idText = std::to_string(record.contactId);
+        // Looked up as its document is made, and released after: memory does not grow with the
+        // size of the address book.
+        if (record.dirty != plm::DIRTY_DELETED)
+            record.readable = getFirstNameFromContactId(idText, record);
         if (!record.readable) {
             // Never an empty document: the row stays dirty and the next collection sees what
             // became of the person.
             LOGE("person[%s] not readable, not sent", idText.c_str());
-            complete = false;
+            counts.complete = false;
             continue;
         }
         const std::string documentId =
             BaseSyncHandler::formatFixedWidthId(kIdPrefix, idText, kIdWidth);
-        SentRow& sentRow = (*sent)[documentId];
+        SentRow& sentRow = sent[documentId];
         sentRow.table = "contacts";
         sentRow.key = {{"_id", record.rowId}};
         sentRow.state = {{"dirty", std::to_string(record.dirty)}};
         if (record.version != "NULL" && !record.version.empty())
             sentRow.state.emplace_back("version", record.version);
         ++mItemCounter;
+        JsonObjectPtr document;
         if (record.dirty == plm::DIRTY_DELETED) {
-            _appendDocument(makeDeletedDocument(documentId, record.revision));
-            ++deleted;
-            continue;
-        }
-        JsonObjectPtr document = _makeLiveDocument(record);
-        if (record.dirty == plm::DIRTY_UPDATED && !record.revision.empty()) {
-            json_object_set_string_member(document.get(), plm::DOC_REV, record.revision.c_str());
-            ++updated;
+            document = makeDeletedDocument(documentId, record.revision);
+            ++counts.deleted;
         } else {
-            ++inserted;
+            document = _makeLiveDocument(record);
+            if (record.dirty == plm::DIRTY_UPDATED && !record.revision.empty()) {
+                json_object_set_string_member(document.get(), plm::DOC_REV,
+                                              record.revision.c_str());
+                ++counts.updated;
+            } else {
+                ++counts.inserted;
+            }
         }
-        _appendDocument(std::move(document));
+        // What this record looked up is no longer needed once its document exists.
+        record = ContactComposeRecord();
+        if (!_appendDocument(std::move(document)))
+            break;
     }
-
-    auto result = std::make_unique<SyncData>();
-    if (inserted > 0 || deleted > 0 || updated != 0) {
-        LOGD("Has some info to sync at server");
-        result->itemType = plm::SYNC_ITEM_CONTACTS;
-        result->insertedCount = inserted;
-        result->deletedCount = deleted;
-        result->updatedCount = updated;
-        if (mItemCounter != 0)
-            _flushBatch();
-        result->documents = mBodies;
-        result->sentRows = std::move(sent);
-    }
-    result->complete = complete;
-
-    LOGD("mItemCounter is : [%d]", mItemCounter);
-    mRecords.clear();
-    return result;
+    return counts;
 }

@@ -13,6 +13,7 @@
 // Errors: nothing stops composition; failed queries and look-ups only reduce what is written.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -94,16 +95,27 @@ class ContactsJsonComposer : public JSONComposer {
     static int lastDocumentNumber();
 
   private:
+    struct Counts {
+        int inserted = 0;
+        int deleted = 0;
+        int updated = 0;
+        bool complete = true;  // false when a row could not be composed
+    };
+
     void _setLocaleForJsonFields();
     JsonObjectPtr _makeContactObject(const ContactComposeRecord& record);
     JsonObjectPtr _makeLiveDocument(const ContactComposeRecord& record);
-    void _appendDocument(JsonObjectPtr document);
-    void _flushBatch();
+    // Both false when the sink stopped the upload.
+    bool _appendDocument(JsonObjectPtr document);
+    bool _flushBatch();
     bool _readRows();
+    // Looks each record up and makes its document, in bodies of kBatchSize; stops early when
+    // the sink says so.
+    Counts _composeRecords();
 
     int mItemCounter = 0;
     JsonArrayPtr mJsonArr;
-    std::vector<std::string> mBodies;
+    std::unique_ptr<SyncData> mResult;  // the record being filled
     std::vector<ContactComposeRecord> mRecords;
     std::string mLocale;  // device locale with "_" ("en_US")
 };

@@ -13,10 +13,15 @@
 #include "composer/MediaJsonComposer.h"
 
 std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item) {
+    return makeSyncData(item, nullptr);
+}
+
+std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item, BodySink sink) {
     switch (item) {
         case plm::SYNC_ITEM_CONTACTS: {
             try {
                 auto contacts = std::make_unique<ContactsJsonComposer>();
+                contacts->setBodySink(std::move(sink));
                 auto result = contacts->makeUploadJSON();
                 contacts.reset();
                 return result;
@@ -26,11 +31,16 @@ std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item) {
             }
             break;
         }
-        case plm::SYNC_ITEM_APPLICATION:
-            return std::make_unique<AppJsonComposer>()->makeUploadJSON();
+        case plm::SYNC_ITEM_APPLICATION: {
+            AppJsonComposer apps;
+            apps.setBodySink(std::move(sink));
+            return apps.makeUploadJSON();
+        }
         case plm::SYNC_ITEM_MEDIA: {
             try {
-                return MediaJsonComposer().makeUploadJSON();
+                MediaJsonComposer media;
+                media.setBodySink(std::move(sink));
+                return media.makeUploadJSON();
             } catch (const std::logic_error& e) {
                 LOGE("composition of item[%d] aborted: %s", item, e.what());
             }
@@ -47,6 +57,24 @@ std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item) {
     result->deletedCount = -1;
     result->updatedCount = -1;
     return result;
+}
+
+bool JSONComposer::_emitBody(JsonArrayPtr docs, SyncData& record) {
+    std::string text;
+    {
+        JsonObjectPtr body(json_object_new());
+        json_object_set_array_member(body.get(), plm::DOC_DOCS, docs.release());
+        text = jsonToString(body.get());
+    }
+    if (!mSink) {
+        record.documents.push_back(std::move(text));
+        return true;
+    }
+    if (mSink(std::move(text), record.sentRows))
+        return true;
+    LOGE("upload stopped, the rows not yet composed are left for the next sync");
+    record.complete = false;
+    return false;
 }
 
 JsonObjectPtr JSONComposer::makeDeletedDocument(const std::string& id, const std::string& rev) {

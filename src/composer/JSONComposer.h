@@ -3,10 +3,15 @@
 // SyncData record. It also provides the parts every domain composer shares: the deletion
 // document, serialisation and the two timestamps.
 //
+// Bodies either stay in the record (`documents`) or, with a sink, are handed to it one at a time
+// as each is complete and released before the next is built, so memory does not grow with the
+// number of bodies.
+//
 // Threads: runs on the thread that calls it (the sync manager's worker); one composer object is
-// used by one thread. Ownership: makeSyncData()'s record and makeDeletedDocument()'s object belong
-// to the caller. Errors: none of these fail; an item without a composer gives a record whose
-// counts are -1 (nothing composed).
+// used by one thread; the sink is called on that thread. Ownership: makeSyncData()'s record and
+// makeDeletedDocument()'s object belong to the caller. Errors: none of these fail; an item
+// without a composer gives a record whose counts are -1 (nothing composed); a sink that returns
+// false ends the composition early with the record marked incomplete.
 #pragma once
 
 #include <json-glib/json-glib.h>
@@ -30,6 +35,8 @@ class JSONComposer {
     // Composes one sync item (3 contacts, 2 media; other items have no composer here and give a
     // record with that item, no bodies and counts -1).
     virtual std::unique_ptr<SyncData> makeSyncData(int item);
+    // The same, handing each body to sink (when set) instead of keeping it in the record.
+    std::unique_ptr<SyncData> makeSyncData(int item, BodySink sink);
 
     // {"_id": id, "_rev": rev, "_deleted": true}, in that order; the caller owns the object.
     virtual JsonObjectPtr makeDeletedDocument(const std::string& id, const std::string& rev);
@@ -40,4 +47,18 @@ class JSONComposer {
     static std::string getTimestampString();
     // Whole milliseconds since the Unix epoch, as a double.
     static double getCurrentTimeMillis();
+
+    // Where the bodies go: the sink when one is set, else record.documents.
+    void setBodySink(BodySink sink) { mSink = std::move(sink); }
+
+  protected:
+    // Wraps docs as {"docs": docs}, serialises it and hands it on (sink, or record.documents);
+    // the tree is released before the text leaves. False when the sink asked to stop (the record
+    // is then marked incomplete).
+    bool _emitBody(JsonArrayPtr docs, SyncData& record);
+    // Whether a sink takes the bodies (composers may then cut a body they would keep whole).
+    bool _streaming() const { return static_cast<bool>(mSink); }
+
+  private:
+    BodySink mSink;
 };

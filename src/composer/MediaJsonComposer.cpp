@@ -143,6 +143,7 @@ void MediaJsonComposer::_append(const MediaComposeRecord& record, const char* pr
         json_array_add_object_element(mDocs.get(),
                                       makeDeletedDocument(docId, record.revision).release());
         ++mDeleted;
+        _emitFullBody();
         return;
     }
     JsonObjectPtr doc(json_object_new());
@@ -162,6 +163,24 @@ void MediaJsonComposer::_append(const MediaComposeRecord& record, const char* pr
         ++mInserted;
     }
     json_array_add_object_element(mDocs.get(), doc.release());
+    _emitFullBody();
+}
+
+void MediaJsonComposer::_emitFullBody() {
+    if (mRecord == nullptr || !_streaming() || json_array_get_length(mDocs.get()) < kStreamBodyDocs)
+        return;
+    JsonArrayPtr docs = std::move(mDocs);
+    mDocs.reset(json_array_new());
+    mStopped = !_emitBody(std::move(docs), *mRecord);
+}
+
+void MediaJsonComposer::_composeAll(const std::vector<MediaComposeRecord>& list,
+                                    void (MediaJsonComposer::*make)(const MediaComposeRecord&)) {
+    for (const auto& record : list) {
+        if (mStopped)
+            return;
+        (this->*make)(record);
+    }
 }
 
 void MediaJsonComposer::makeSongItemJson(const MediaComposeRecord& record) {
@@ -275,6 +294,9 @@ void MediaJsonComposer::_readPlaylistRows() {
 
 std::unique_ptr<SyncData> MediaJsonComposer::makeUploadJSON() {
     auto result = std::make_unique<SyncData>();
+    result->itemType = plm::SYNC_ITEM_MEDIA;
+    mRecord = result.get();
+    mStopped = false;
     mSentRows = result->sentRows;
     mDocs.reset(json_array_new());
     mInserted = mUpdated = mDeleted = 0;
@@ -290,19 +312,14 @@ std::unique_ptr<SyncData> MediaJsonComposer::makeUploadJSON() {
     _readPlaylistRows();
 
     LOGD("compose json for playlist ");
-    for (const auto& r : mPlaylists)
-        makePlaylistItemJson(r);
+    _composeAll(mPlaylists, &MediaJsonComposer::makePlaylistItemJson);
     LOGD("compose json for audio ");
-    for (const auto& r : mSongs)
-        makeSongItemJson(r);
+    _composeAll(mSongs, &MediaJsonComposer::makeSongItemJson);
     LOGD("compose json for album ");
-    for (const auto& r : mAlbums)
-        makeAlbumItemJson(r);
+    _composeAll(mAlbums, &MediaJsonComposer::makeAlbumItemJson);
     LOGD("compose json for artist ");
-    for (const auto& r : mArtists)
-        makeArtistItemJson(r);
+    _composeAll(mArtists, &MediaJsonComposer::makeArtistItemJson);
 
-    result->itemType = plm::SYNC_ITEM_MEDIA;
     if (mInserted < 1 && mUpdated < 1 && mDeleted < 1) {
         LOGD("there is nothing to sync");
         result->sentRows->clear();
@@ -311,11 +328,12 @@ std::unique_ptr<SyncData> MediaJsonComposer::makeUploadJSON() {
         result->insertedCount = mInserted;
         result->updatedCount = mUpdated;
         result->deletedCount = mDeleted;
-        JsonObjectPtr body(json_object_new());
-        json_object_set_array_member(body.get(), plm::DOC_DOCS, mDocs.release());
-        result->documents.push_back(jsonToString(body.get()));
+        // The last (streamed) or only body; a streamed upload that stopped sends no more.
+        if (!mStopped && json_array_get_length(mDocs.get()) > 0)
+            _emitBody(std::move(mDocs), *result);
         mDocs.reset(json_array_new());
     }
+    mRecord = nullptr;
 
     if (ret == pp::MEDIA_CONTENT_ERROR_NONE) {
         ret = media.disconnect();

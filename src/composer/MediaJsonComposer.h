@@ -37,6 +37,9 @@ class MediaJsonComposer : public JSONComposer {
   public:
     static constexpr size_t kIdWidth = 12;
     static constexpr int kSelectPageRows = 400;
+    // Documents per body when a sink takes the bodies: a multiple of both part sizes, so the
+    // server receives the same parts as from one body holding everything.
+    static constexpr guint kStreamBodyDocs = 1000;
 
     MediaJsonComposer();
     ~MediaJsonComposer() override;
@@ -69,9 +72,16 @@ class MediaJsonComposer : public JSONComposer {
     void _readPlaylistRows();
     void _append(const MediaComposeRecord& record, const char* prefix, const char* type,
                  JsonObjectPtr meta);
+    // Hands the documents so far to the sink once a streamed body is full.
+    void _emitFullBody();
+    // Every record of list through make, until the sink stops the upload.
+    void _composeAll(const std::vector<MediaComposeRecord>& list,
+                     void (MediaJsonComposer::*make)(const MediaComposeRecord&));
 
     JsonArrayPtr mDocs;
     std::vector<MediaComposeRecord> mSongs, mAlbums, mArtists, mPlaylists;
     int mInserted = 0, mUpdated = 0, mDeleted = 0;
     std::shared_ptr<SentRows> mSentRows;
+    SyncData* mRecord = nullptr;  // the record makeUploadJSON fills
+    bool mStopped = false;        // the sink asked to stop
 };

@@ -24,6 +24,8 @@ const char* const kCreateStatements[] = {
     ",device_mode "
     "INTEGER,contact_id   LONG,confirmed_alias TEXT ,confirmed_phonetic_alias   TEXT ,version   "
     "INTEGER ); ",
+    // Answers to contact documents, and the collector's look-ups, find their row by id.
+    "CREATE INDEX if not exists contacts_id ON contacts(_id);",
     "CREATE TABLE if not exists audio(_id INTEGER PRIMARY KEY AUTOINCREMENT,rev_id TEXT,dirty "
     "INTEGER,device_mode INTEGER,audio_id LONG ,date_added LONG ,type INTEGER,artist_name "
     "TEXT,album_name TEXT) ;",
@@ -36,6 +38,7 @@ const char* const kCreateStatements[] = {
     "CREATE TABLE if not exists application(_id  TEXT NOT NULL,rev_id TEXT,version "
     "TEXT,device_mode "
     "INTEGER,name TEXT,custom_id TEXT,package TEXT NOT NULL,pre_installed INT,dirty INTEGER);",
+    "CREATE INDEX if not exists application_id ON application(_id);",
 };
 
 using pelio::platform::SqliteStatement;

@@ -860,7 +860,9 @@ std::set<int> PLMSyncManager::_takeIncompleteItems() {
 
 bool PLMSyncManager::composeAndSync(int item) {
     LOGD("syncActionType[%d]", item);
-    DataUploadHandler* handler = _ensureUploader();
+    UploadRun run;
+    run.item = item;
+    run.handler = _ensureUploader();
 
     std::mutex* domainLock = getDomainLock(item);
     if (domainLock == nullptr)
@@ -869,97 +871,20 @@ bool PLMSyncManager::composeAndSync(int item) {
     if (domainLock != nullptr)
         domainGuard = std::unique_lock<std::mutex>(*domainLock);
 
-    std::unique_ptr<SyncData> syncData;
-    if (mHooks.makeSyncData) {
-        syncData = mHooks.makeSyncData(item);
-    } else {
-        JSONComposer composer;
-        syncData = composer.makeSyncData(item);
-    }
-
+    std::unique_ptr<SyncData> syncData = _composeAndPost(run);
     bool result = false;
-    if (!syncData || (syncData->insertedCount == -1 && syncData->deletedCount == -1 &&
-                      syncData->updatedCount == -1)) {
-        LOGE("NoThing to sync for Domain[%d]", item);
-        if (syncData && !syncData->complete) {
-            // Rows are waiting that could not be composed: not in step.
-            update_preference_status_on_sync_fail(item);
-        } else {
-            update_preference_status_on_pds_close(item, false);
-        }
-        handleSyncError();
+    const bool nothingComposed =
+        !syncData || (syncData->insertedCount == -1 && syncData->deletedCount == -1 &&
+                      syncData->updatedCount == -1);
+    if (nothingComposed && !run.sessionTried) {
+        _nothingToSync(item, syncData.get());
     } else {
-        if (handler->getPdsOpened()) {
-            mPdsOpened.store(true);
-        } else {
-            bool opened = false;
-            for (int attempt = 1; attempt <= kPdsAttempts && !_workerShouldStop(); ++attempt) {
-                int rc = -1;
-                try {
-                    rc = handler->openPds(item);
-                } catch (const std::exception& e) {
-                    LOGE("pds open exception [%s]", e.what());
-                    rc = -1;
-                }
-                if (rc == 0) {
-                    LOGD("pds open success with retry time [%d]", attempt);
-                    opened = true;
-                    break;
-                }
-                if (rc == kPdsResultBlocked) {
-                    LOGE("PDSS error");
-                } else if (rc == kPdsResultSyncBlocked) {
-                    LOGE("Sync blocked");
-                } else {
-                    LOGE("pds open failed with retry time [%d]!! sleeping 10 secs and retyr",
-                         attempt);
-                    _sleep(kOpenRetryPauseSeconds);
-                }
-            }
-            mPdsOpened.store(opened);
+        if (nothingComposed && run.allPosted) {
+            // The composition was aborted after some of its bodies went up.
+            LOGE("composition of item [%d] ended early", item);
+            run.allPosted = false;
         }
-        pdsUploadStarted();
-        if (!mPdsOpened.load()) {
-            LOGE("PDS Open Failed");
-            handleSyncError();
-            clearSyncResultList();
-            update_preference_status_on_sync_fail(item);
-        } else {
-            bool allPosted = true;
-            for (const std::string& document : syncData->documents) {
-                syncData->message = document;
-                if (_uploader() == nullptr) {
-                    LOGD("reset sync is called");
-                    allPosted = false;
-                    break;
-                }
-                LOGD("mDataUploadHandler is alive");
-                auto syncResult = std::make_unique<SyncResult>();
-                syncResult->itemType = item;
-                syncResult->syncType = syncData->syncType;
-                syncResult->sentRows = syncData->sentRows;
-                handler->performSync(syncData.get(), syncResult.get());
-                LOGD("Post request done display response in sync manager");
-                if (syncResult->jsonResponse.empty()) {
-                    LOGE("syncResult->jsonResponse has no length");
-                    allPosted = false;
-                    break;
-                }
-                std::lock_guard<std::mutex> guard(mSyncResultsMutex);
-                mSyncResults.push_back(std::move(syncResult));
-            }
-            if (!syncData->complete) {
-                LOGE("some rows of item [%d] could not be composed", item);
-                allPosted = false;
-            }
-            if (allPosted) {
-                result = true;
-                LOGD("reset sync is called");
-                syncData->documents.clear();
-            } else {
-                _markIncomplete(item);
-            }
-        }
+        result = _finishUpload(run, syncData.get());
     }
     syncData.reset();
 
@@ -969,4 +894,115 @@ bool PLMSyncManager::composeAndSync(int item) {
         domainGuard.unlock();
     LOGD("Job's done");
     return result;
+}
+
+std::unique_ptr<SyncData> PLMSyncManager::_composeAndPost(UploadRun& run) {
+    const BodySink sink = [this, &run](std::string body, const std::shared_ptr<SentRows>& sent) {
+        return _postBody(run, std::move(body), sent);
+    };
+    if (mHooks.makeSyncData)
+        return mHooks.makeSyncData(run.item, sink);
+    JSONComposer composer;
+    return composer.makeSyncData(run.item, sink);
+}
+
+void PLMSyncManager::_nothingToSync(int item, const SyncData* syncData) {
+    LOGE("NoThing to sync for Domain[%d]", item);
+    if (syncData != nullptr && !syncData->complete) {
+        // Rows are waiting that could not be composed: not in step.
+        update_preference_status_on_sync_fail(item);
+    } else {
+        update_preference_status_on_pds_close(item, false);
+    }
+    handleSyncError();
+}
+
+bool PLMSyncManager::_openSessionFor(UploadRun& run) {
+    run.sessionTried = true;
+    if (run.handler->getPdsOpened()) {
+        mPdsOpened.store(true);
+    } else {
+        bool opened = false;
+        for (int attempt = 1; attempt <= kPdsAttempts && !_workerShouldStop(); ++attempt) {
+            int rc = -1;
+            try {
+                rc = run.handler->openPds(run.item);
+            } catch (const std::exception& e) {
+                LOGE("pds open exception [%s]", e.what());
+                rc = -1;
+            }
+            if (rc == 0) {
+                LOGD("pds open success with retry time [%d]", attempt);
+                opened = true;
+                break;
+            }
+            if (rc == kPdsResultBlocked) {
+                LOGE("PDSS error");
+            } else if (rc == kPdsResultSyncBlocked) {
+                LOGE("Sync blocked");
+            } else {
+                LOGE("pds open failed with retry time [%d]!! sleeping 10 secs and retyr", attempt);
+                _sleep(kOpenRetryPauseSeconds);
+            }
+        }
+        mPdsOpened.store(opened);
+    }
+    pdsUploadStarted();
+    run.sessionOpen = mPdsOpened.load();
+    if (!run.sessionOpen) {
+        LOGE("PDS Open Failed");
+        handleSyncError();
+        clearSyncResultList();
+        update_preference_status_on_sync_fail(run.item);
+    }
+    return run.sessionOpen;
+}
+
+bool PLMSyncManager::_postBody(UploadRun& run, std::string body,
+                               const std::shared_ptr<SentRows>& sent) {
+    if (!run.sessionTried && !_openSessionFor(run))
+        return false;
+    if (!run.sessionOpen)
+        return false;
+    if (_uploader() == nullptr) {
+        LOGD("reset sync is called");
+        run.allPosted = false;
+        return false;
+    }
+    LOGD("mDataUploadHandler is alive");
+    SyncData post;
+    post.itemType = run.item;
+    post.message = std::move(body);
+    auto syncResult = std::make_unique<SyncResult>();
+    syncResult->itemType = run.item;
+    syncResult->syncType = post.syncType;
+    syncResult->sentRows = sent;
+    run.handler->performSync(&post, syncResult.get());
+    LOGD("Post request done display response in sync manager");
+    if (syncResult->jsonResponse.empty()) {
+        LOGE("syncResult->jsonResponse has no length");
+        run.allPosted = false;
+        return false;
+    }
+    std::lock_guard<std::mutex> guard(mSyncResultsMutex);
+    mSyncResults.push_back(std::move(syncResult));
+    return true;
+}
+
+bool PLMSyncManager::_finishUpload(UploadRun& run, const SyncData* syncData) {
+    // Counts without a body (nothing handed over): the session is opened all the same.
+    if (!run.sessionTried)
+        _openSessionFor(run);
+    if (!run.sessionOpen)
+        return false;
+    if (run.allPosted && syncData != nullptr && !syncData->complete) {
+        LOGE("some rows of item [%d] could not be composed", run.item);
+        run.allPosted = false;
+    }
+    if (!run.allPosted) {
+        _markIncomplete(run.item);
+        return false;
+    }
+    LOGD("reset sync is called");
+    return true;
 }

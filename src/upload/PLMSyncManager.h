@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "SyncHandlers/SyncHandlerHost.h"
+#include "upload/SyncData.h"
 
 class BaseSyncHandler;
 class DataUploadHandler;
@@ -42,7 +43,6 @@ class MainObserver;
 class NetworkMgr;
 class PLMSyncManager;
 class PrefMgr;
-class SyncData;
 class SyncQueue;
 class SyncLock;
 class SyncResult;
@@ -54,8 +54,10 @@ struct PLMSyncManagerHooks {
     std::function<void(int seconds)> sleep;
     // The upload handler, made on first use by composeAndSync. Default: a DataUploadHandler.
     std::function<std::unique_ptr<DataUploadHandler>(PLMSyncManager&)> makeUploadHandler;
-    // A domain's upload record (null: nothing to send). Default: JSONComposer::makeSyncData(item).
-    std::function<std::unique_ptr<SyncData>(int item)> makeSyncData;
+    // Composes a domain: hands each body to sink as it is complete (stopping when the sink says
+    // so) and returns the record (null: nothing to send). Default:
+    // JSONComposer::makeSyncData(item, sink).
+    std::function<std::unique_ptr<SyncData>(int item, const BodySink& sink)> makeSyncData;
     // requestSync(code) on a domain handler (3 contacts, 1 applications, 2 media). Default: the
     // contacts, application and media handlers.
     std::function<void(int domain, int code)> requestDomainSync;
@@ -125,7 +127,8 @@ class PLMSyncManager : public SyncHandlerHost {
     void stopHandlerThreads();
 
     // Worker steps (the worker thread; tests call them directly with the worker off).
-    // composeAndSync: true when every document of the item was posted and answered.
+    // composeAndSync: true when every document of the item was posted and answered. Bodies are
+    // composed, posted and released one at a time; the session is opened for the first one.
     bool composeAndSync(int item);
     // The idle work of the worker: close an open PDS session (with retries), apply the outcomes,
     // move a pending item back to syncQueue or run the exit check. The caller holds the sync lock.
@@ -152,6 +155,23 @@ class PLMSyncManager : public SyncHandlerHost {
     void _sleep(int seconds);
     void _requestDomainSync(int domain, int code);
     void _processSyncResults();
+
+    // The steps of composeAndSync. One run per call, on the worker thread.
+    struct UploadRun {
+        int item = 0;
+        DataUploadHandler* handler = nullptr;
+        bool sessionTried = false;  // the open step ran (for the first body)
+        bool sessionOpen = false;
+        bool allPosted = true;  // every body so far posted and answered
+    };
+    std::unique_ptr<SyncData> _composeAndPost(UploadRun& run);
+    // Opens the PDS session unless it is open (two attempts); on failure the item is failed.
+    bool _openSessionFor(UploadRun& run);
+    // Posts one body and keeps its result; false stops the composition.
+    bool _postBody(UploadRun& run, std::string body, const std::shared_ptr<SentRows>& sent);
+    // Nothing was composed: the item is in step, or failed when rows could not be composed.
+    void _nothingToSync(int item, const SyncData* syncData);
+    bool _finishUpload(UploadRun& run, const SyncData* syncData);
     // Items of this session with a part not posted or a row not composed.
     void _markIncomplete(int item);
     std::set<int> _takeIncompleteItems();

@@ -3,6 +3,7 @@
 // one thread (the sync worker) uses it at a time.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -31,13 +32,19 @@ struct SentRow {
 // Document id -> the row it came from. Answers for ids that are not in the map are ignored.
 using SentRows = std::unordered_map<std::string, SentRow>;
 
+// Takes one composed upload body as soon as it is complete, in order, together with the rows
+// composed so far (the map goes on filling while later bodies are composed). Returning false
+// stops the composition: the rows not yet composed stay dirty for the next sync.
+using BodySink = std::function<bool(std::string body, const std::shared_ptr<SentRows>& sent)>;
+
 class SyncData {
   public:
     SyncData() = default;
     virtual ~SyncData() = default;
 
     std::string message;                 // the JSON document being posted now
-    std::vector<std::string> documents;  // the composed upload bodies, in order
+    std::vector<std::string> documents;  // the composed upload bodies, in order (when no sink
+                                         // took them one at a time)
     int itemType = -1;                   // sync item (domain)
     int syncType = 1;                    // kind of sync
     int insertedCount = -1;

@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "PelioLog.h"
@@ -18,6 +19,8 @@ namespace {
 constexpr const char* kConflictReason = "Document update conflict.";
 
 using ParserPtr = pelio::GObjectPtr<JsonParser>;
+// The statements of one transaction by SQL text: each is prepared once and reset between rows.
+using StatementCache = std::unordered_map<std::string, pelio::SqliteStmt>;
 
 // Which domain an id belongs to: the first prefix found anywhere in it, in this order.
 enum class Domain { None, Contacts, Application, Song, Playlist, Artist, Album, CallLog };
@@ -66,14 +69,22 @@ bool whereText(const SentRow::Columns& columns, std::string& text) {
 
 // Runs sql with the leading values then the columns' values bound in order; the number of rows
 // changed, or -1 on failure.
-int run(sqlite3* db, const std::string& sql, const std::vector<std::string>& leading,
+int run(sqlite3* db, StatementCache& cache, const std::string& sql,
+        const std::vector<std::string>& leading,
         const std::vector<const SentRow::Columns*>& columns) {
-    sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) {
-        LOGE("prepare failed [%s]", sqlite3_errmsg(db));
-        return -1;
+    pelio::SqliteStmt& statement = cache[sql];
+    if (!statement) {
+        sqlite3_stmt* raw = nullptr;
+        if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) {
+            LOGE("prepare failed [%s]", sqlite3_errmsg(db));
+            cache.erase(sql);
+            return -1;
+        }
+        statement.reset(raw);
     }
-    pelio::SqliteStmt statement(raw);
+    sqlite3_stmt* raw = statement.get();
+    sqlite3_reset(raw);
+    sqlite3_clear_bindings(raw);
     int index = 1;
     for (const std::string& value : leading)
         sqlite3_bind_text(raw, index++, value.c_str(), -1, SQLITE_TRANSIENT);
@@ -81,7 +92,9 @@ int run(sqlite3* db, const std::string& sql, const std::vector<std::string>& lea
         for (const auto& column : *list)
             sqlite3_bind_text(raw, index++, column.second.c_str(), -1, SQLITE_TRANSIENT);
     }
-    if (sqlite3_step(raw) != SQLITE_DONE) {
+    const int rc = sqlite3_step(raw);
+    sqlite3_reset(raw);
+    if (rc != SQLITE_DONE) {
         LOGE("step failed [%s]", sqlite3_errmsg(db));
         return -1;
     }
@@ -89,31 +102,31 @@ int run(sqlite3* db, const std::string& sql, const std::vector<std::string>& lea
 }
 
 // Stores the revision on the row without touching its flag.
-bool storeRevision(sqlite3* db, const SentRow& row, const std::string& rev) {
+bool storeRevision(sqlite3* db, StatementCache& cache, const SentRow& row, const std::string& rev) {
     std::string where;
     if (!whereText(row.key, where))
         return false;
-    return run(db, "UPDATE " + row.table + " SET rev_id = ? WHERE " + where, {rev}, {&row.key}) >=
-           0;
+    return run(db, cache, "UPDATE " + row.table + " SET rev_id = ? WHERE " + where, {rev},
+               {&row.key}) >= 0;
 }
 
 // An accepted document: confirmed deletion removes the row, anything else is marked in step,
 // both only while the row is as it was sent. A row changed since only learns the revision.
-bool applyAccepted(sqlite3* db, const Outcome& outcome) {
+bool applyAccepted(sqlite3* db, StatementCache& cache, const Outcome& outcome) {
     const SentRow& row = *outcome.row;
     std::string where;
     if (!whereText(row.key, where) || !whereText(row.state, where))
         return false;
     int changed = 0;
     if (row.deletion()) {
-        changed =
-            run(db, "DELETE FROM " + row.table + " WHERE " + where, {}, {&row.key, &row.state});
+        changed = run(db, cache, "DELETE FROM " + row.table + " WHERE " + where, {},
+                      {&row.key, &row.state});
         if (changed < 0) {
             LOGE("error in delete");
             return false;
         }
     } else {
-        changed = run(db,
+        changed = run(db, cache,
                       "UPDATE " + row.table + " SET rev_id = ?, dirty = " +
                           plm::dirtyText(plm::DIRTY_SYNCED) + " WHERE " + where,
                       {outcome.rev}, {&row.key, &row.state});
@@ -124,7 +137,7 @@ bool applyAccepted(sqlite3* db, const Outcome& outcome) {
     }
     if (changed == 0) {
         LOGD("[%s] changed since it was sent, kept for the next sync", outcome.id.c_str());
-        if (!storeRevision(db, row, outcome.rev)) {
+        if (!storeRevision(db, cache, row, outcome.rev)) {
             LOGE("error in update");
             return false;
         }
@@ -226,9 +239,10 @@ bool SyncOutcomeProcessor::applyResponse(const std::string& jsonResponse, const 
         return false;
 
     const bool stored = DbManager::getInstance()->runInTransaction([&outcomes](sqlite3* db) {
+        StatementCache cache;
         for (const Outcome& outcome : outcomes) {
-            const bool ok = outcome.conflict ? storeRevision(db, *outcome.row, outcome.rev)
-                                             : applyAccepted(db, outcome);
+            const bool ok = outcome.conflict ? storeRevision(db, cache, *outcome.row, outcome.rev)
+                                             : applyAccepted(db, cache, outcome);
             if (!ok) {
                 LOGE("error in update");
                 return false;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <deque>
+#include <set>
 
 #include <pelio/platform/MediaContent.h>
 #include <pelio/platform/PackageManager.h>
@@ -126,18 +127,32 @@ class ManagerFixture : public ::testing::Test {
                 configureUploader_(*uploader);
             return std::unique_ptr<DataUploadHandler>(std::move(uploader));
         };
-        hooks.makeSyncData = [this](int item) -> std::unique_ptr<SyncData> {
-            std::lock_guard<std::mutex> g(mutex_);
-            auto it = bodies_.find(item);
-            if (it == bodies_.end())
-                return nullptr;
+        // Hands the item's bodies over one at a time, as the composers do; composedBeforePost_
+        // records, per body, how many posts the uploader had seen when it was handed over.
+        hooks.makeSyncData = [this](int item, const BodySink& sink) -> std::unique_ptr<SyncData> {
+            std::vector<std::string> bodies;
+            {
+                std::lock_guard<std::mutex> g(mutex_);
+                auto it = bodies_.find(item);
+                if (it == bodies_.end())
+                    return nullptr;
+                bodies = it->second;
+            }
             auto data = std::make_unique<SyncData>();
             data->itemType = item;
-            data->documents = it->second;
-            data->insertedCount = static_cast<int>(data->documents.size());
+            data->insertedCount = static_cast<int>(bodies.size());
             data->deletedCount = data->updatedCount = 0;
             if (auto sent = sent_.find(item); sent != sent_.end())
                 data->sentRows = std::make_shared<SentRows>(sent->second);
+            for (std::string& body : bodies) {
+                composedBeforePost_.push_back(uploader_ ? uploader_->posted.size() : 0);
+                if (!sink(std::move(body), data->sentRows)) {
+                    data->complete = false;
+                    break;
+                }
+            }
+            if (abortedItems_.count(item) != 0)  // as a composition cut short by an error
+                data->insertedCount = data->deletedCount = data->updatedCount = -1;
             return data;
         };
         hooks.requestDomainSync = [this](int domain, int code) {
@@ -194,6 +209,8 @@ class ManagerFixture : public ::testing::Test {
     std::vector<int> sleeps_;
     std::map<int, std::vector<std::string>> bodies_;
     std::map<int, SentRows> sent_;  // what the bodies of an item were composed from
+    std::vector<size_t> composedBeforePost_;
+    std::set<int> abortedItems_;  // items whose composition ends with counts of -1
     Requests domainRequests_;
     std::vector<bool> versionWrites_;
     std::atomic<int> stopCalls_{0};

@@ -108,7 +108,7 @@ TEST_F(SyncManagerTest, OpenFailuresRetryOnceAndPauseOnlyForGenericErrors) {
 }
 
 // The part never answered leaves the domain failed after the close, so it is sent again.
-TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainKeepsEarlierResultsAndFailsItAfterTheClose) {
+TEST_F(SyncManagerTest, EmptyAnswerStopsComposingKeepsEarlierResultsAndFailsItAfterTheClose) {
     PLMSyncManager* manager = start(false);
     bodies_[3] = {"a", "b", "c"};
     configureUploader_ = [](FakeUploader& u) {
@@ -118,9 +118,21 @@ TEST_F(SyncManagerTest, EmptyAnswerStopsTheDomainKeepsEarlierResultsAndFailsItAf
     EXPECT_FALSE(manager->composeAndSync(3));
     EXPECT_TRUE(log.hasMessage("syncResult->jsonResponse has no length"));
     EXPECT_EQ(uploader_->posted, (std::vector<std::string>{"a", "b"}));
+    // Each body was posted before the next was composed; none after the failed one.
+    EXPECT_EQ(composedBeforePost_, (std::vector<size_t>{0, 1}));
     EXPECT_EQ(manager->syncResultCount(), 1u);
     manager->closeSessionAndApplyOutcomes();
     EXPECT_EQ(status(plm::CONTACTS_SYNC_STATUS_P), "1");
+
+    // A composition aborted after its first body went up: that body's result is kept, the
+    // domain is not in step.
+    bodies_[1] = {"x"};
+    abortedItems_ = {1};
+    EXPECT_FALSE(manager->composeAndSync(1));
+    EXPECT_TRUE(log.hasMessage("composition of item [1] ended early"));
+    EXPECT_EQ(manager->syncResultCount(), 1u);
+    manager->closeSessionAndApplyOutcomes();
+    EXPECT_EQ(status(plm::APP_SYNC_STATUS_P), "1");
 }
 
 TEST_F(SyncManagerTest, CloseRetriesWithPausesThenMarksEveryPostedDomainFailed) {
