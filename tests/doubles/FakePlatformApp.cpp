@@ -38,6 +38,8 @@ bool ManualTimers::tickLatest() {
 
 int FakeAppManager::isRunning(const std::string& appId, bool& running) {
     std::lock_guard<std::mutex> guard(mutex_);
+    if (failIsRunning)
+        return failIsRunning;
     auto it = apps_.find(appId);
     running = it != apps_.end() && it->second.first;
     return pp::APP_MANAGER_ERROR_NONE;

@@ -51,7 +51,7 @@ class ManualTimers : public pelio::platform::TimerFactory {
     std::vector<std::shared_ptr<State>> created;
 };
 
-// Applications with a set running flag and state.
+// Applications with a set running flag and state; counts how often each call failed.
 class FakeAppManager : public pelio::platform::AppManager {
   public:
     int isRunning(const std::string& appId, bool& running) override;
@@ -60,6 +60,7 @@ class FakeAppManager : public pelio::platform::AppManager {
     int getAppState(const pelio::platform::AppContext& context, int& state) override;
 
     void setApp(const std::string& appId, bool running, int state);
+    int failIsRunning = 0;  // error code returned by isRunning when non-zero
 
   private:
     std::mutex mutex_;

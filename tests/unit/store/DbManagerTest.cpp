@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "StoreTestSupport.h"
+#include "support/StoreFixture.h"
 
 using pelio::platform::Bundle;
 using pelio::platform::BundleType;
@@ -11,7 +11,7 @@ using namespace pelio::test;
 
 namespace {
 
-class DbManagerTest : public StoreTest {
+class DbManagerTest : public StoreFixture {
   protected:
     int rowCount(const std::string& table) {
         auto rows = query("SELECT count(*) FROM " + table);

@@ -4,13 +4,13 @@
 
 #include <cstdlib>
 
-#include "StoreTestSupport.h"
+#include "support/StoreFixture.h"
 
 using namespace pelio::test;
 
 namespace {
 
-class MasterTableTest : public StoreTest {
+class MasterTableTest : public StoreFixture {
   protected:
     std::string get(const char* key, int* rc = nullptr) {
         char* value = nullptr;
