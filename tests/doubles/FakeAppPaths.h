@@ -6,21 +6,17 @@
 
 #include <pelio/platform/AppPaths.h>
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
-#include <stdexcept>
 #include <string>
+
+#include "support/TempHome.h"
 
 namespace pelio::test {
 
 class FakeAppPaths : public pelio::platform::AppPaths {
   public:
     FakeAppPaths() {
-        std::string templ =
-            (std::filesystem::temp_directory_path() / "pelio-paths-XXXXXX").string();
-        if (mkdtemp(templ.data()) == nullptr)
-            throw std::runtime_error("mkdtemp failed");
-        root_ = templ + "/";
+        root_ = makeTempDir("pelio-paths") + "/";
         for (const char* dir : {"data", "shared/data", "shared/trusted", "res/shared"})
             std::filesystem::create_directories(root_ + dir);
     }

@@ -4,22 +4,21 @@
 #pragma once
 
 #include <pelio/platform/Preferences.h>
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 
+#include "support/TempHome.h"
+
 namespace pelio::test {
 
 class FakePreferences : public pelio::platform::Preferences {
   public:
     FakePreferences() {
-        std::string templ =
-            (std::filesystem::temp_directory_path() / "pelio-prefs-XXXXXX").string();
-        dir_ = mkdtemp(templ.data()) ? templ : std::string();
-        store_ = pelio::platform::openPreferencesFile(dir_ + "/.preferences.ini", dir_.empty());
+        dir_ = makeTempDir("pelio-prefs");
+        store_ = pelio::platform::openPreferencesFile(dir_ + "/.preferences.ini", false);
     }
     ~FakePreferences() override {
         std::error_code ec;

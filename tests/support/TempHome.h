@@ -11,13 +11,18 @@
 
 namespace pelio::test {
 
+// A fresh folder below the temporary directory, named after name; throws when none can be made.
+inline std::string makeTempDir(const std::string& name) {
+    std::string templ = (std::filesystem::temp_directory_path() / (name + "-XXXXXX")).string();
+    if (mkdtemp(templ.data()) == nullptr)
+        throw std::runtime_error("mkdtemp failed for " + templ);
+    return templ;
+}
+
 class TempHome {
   public:
     TempHome() {
-        std::string templ = (std::filesystem::temp_directory_path() / "pelio-home-XXXXXX").string();
-        if (mkdtemp(templ.data()) == nullptr)
-            throw std::runtime_error("mkdtemp failed");
-        root_ = templ;
+        root_ = makeTempDir("pelio-home");
         const std::map<std::string, std::string> vars = {
             {"HOME", root_},
             {"XDG_DATA_HOME", dataHome()},
