@@ -37,9 +37,9 @@ class StoreOnLinuxTest : public ::testing::Test {
 TEST_F(StoreOnLinuxTest, AppPathsFollowXdgAndAreCreated) {
     const std::string appRoot = home_.dataHome() + "/com.quorvin.plmsvc/";
     EXPECT_EQ("com.quorvin.plmsvc", currentAppId());
-    EXPECT_EQ(appRoot + "data/", appPaths().dataPath());
-    EXPECT_EQ(appRoot + "shared/data/", appPaths().sharedDataPath());
-    EXPECT_EQ(appRoot + "shared/trusted/", appPaths().sharedTrustedPath());
+    EXPECT_EQ(appRoot + "data/|" + appRoot + "shared/data/|" + appRoot + "shared/trusted/",
+              appPaths().dataPath() + "|" + appPaths().sharedDataPath() + "|" +
+                  appPaths().sharedTrustedPath());
     for (const char* dir : {"data", "shared/data", "shared/trusted"})
         EXPECT_TRUE(std::filesystem::is_directory(appRoot + dir)) << dir;
     EXPECT_EQ('/', appPaths().resourcePath().back());

@@ -63,12 +63,10 @@ TEST_F(PreferencesFileTest, TypedValuesPersistAcrossInstancesAndTypesAreChecked)
     EXPECT_EQ(0, prefs->setString("port", "x"));
     EXPECT_EQ(PREFERENCE_ERROR_NO_KEY, prefs->getInt("port", port));
 
-    bool existing = false;
-    EXPECT_EQ(0, prefs->isExisting("ratio", existing));
-    EXPECT_TRUE(existing);
-    EXPECT_EQ(0, prefs->remove("ratio"));
-    EXPECT_EQ(0, prefs->isExisting("ratio", existing));
-    EXPECT_FALSE(existing);
+    bool before = false, after = true;
+    EXPECT_EQ(0, prefs->isExisting("ratio", before) | prefs->remove("ratio") |
+                     prefs->isExisting("ratio", after));
+    EXPECT_TRUE(before && !after);
     EXPECT_EQ(PREFERENCE_ERROR_NO_KEY, prefs->remove("ratio"));
 
     std::string listed;
@@ -101,8 +99,7 @@ TEST_F(PreferencesFileTest, ReadOnlyStoreNeverWritesAndWritesFailWithIoError) {
     EXPECT_EQ(PREFERENCE_ERROR_IO_ERROR, ro->setString("b", "x"));
     EXPECT_EQ(PREFERENCE_ERROR_IO_ERROR, ro->remove("a"));
     int a = 0;
-    EXPECT_EQ(0, ro->getInt("a", a));
-    EXPECT_EQ(1, a);
+    EXPECT_TRUE(ro->getInt("a", a) == 0 && a == 1);
     EXPECT_EQ(before, contents(file_));
 }
 
@@ -121,16 +118,13 @@ TEST_F(PreferencesFileTest, DamagedFileIsLoggedTreatedAsEmptyAndKeptAside) {
         log_.clear();
         auto prefs = openPreferencesFile(file_, false);
         bool existing = true;
-        EXPECT_EQ(0, prefs->isExisting("port", existing));
-        EXPECT_FALSE(existing);
-        EXPECT_TRUE(prefs->items().empty());
-        EXPECT_TRUE(log_.contains("damaged store")) << text;
-        // The next write starts a fresh store and keeps the damaged one for inspection.
-        EXPECT_EQ(0, prefs->setInt("port", 1));
-        EXPECT_EQ(text, contents(file_ + ".damaged"));
         int port = 0;
-        EXPECT_EQ(0, prefs->getInt("port", port));
-        EXPECT_EQ(1, port);
+        EXPECT_TRUE(prefs->isExisting("port", existing) == 0 && !existing &&
+                    prefs->items().empty() && log_.contains("damaged store"))
+            << text;
+        // The next write starts a fresh store and keeps the damaged one for inspection.
+        EXPECT_EQ(0, prefs->setInt("port", 1) | prefs->getInt("port", port));
+        EXPECT_TRUE(port == 1 && contents(file_ + ".damaged") == text) << text;
     }
     // An unreadable store (here a folder in its place) is handled the same way.
     std::filesystem::remove_all(file_ + ".damaged");

@@ -251,9 +251,8 @@ TEST_F(DbManagerTest, OnlyTheFirstTransactionCommitsWithoutBeingMarked) {
 
     // Outside multi-query mode the direct calls have no connection.
     Bundle req = makeRequest({{"OPERATION_KEY", "UPDATE"}}), res;
-    EXPECT_EQ(-1, db_->updateDb(&req, &res));
-    EXPECT_EQ(-1, db_->insertDb(&req, &res));
-    EXPECT_EQ(-1, db_->deleteDb(&req, &res));
+    EXPECT_TRUE(db_->updateDb(&req, &res) == -1 && db_->insertDb(&req, &res) == -1 &&
+                db_->deleteDb(&req, &res) == -1);
     EXPECT_TRUE(log_.hasMessage("deleteDb fail : DB isn't opened."));
     // Marking outside a connection does nothing: the next transaction still rolls back.
     db_->setDbTransactionSuccessful();
