@@ -78,7 +78,6 @@ class VCardBook {
             ids.push_back(n.id);
         return ids;
     }
-    const std::string& folder() const { return root_; }
 
     // One card: UID (none when uid is empty), FN (none when fn is empty), then the extra lines.
     static std::string card(const std::string& uid, const std::string& fn,
