@@ -164,7 +164,7 @@ TEST_F(ContactsJsonComposerTest, UnreadablePersonIsNotSentAndLeavesTheDomainInco
     // What each document was composed from, for the outcome of its answer.
     ASSERT_EQ(data->sentRows->size(), 1u);
     const SentRow& row = data->sentRows->at("con_00000057");
-    EXPECT_TRUE(row.deletion() && row.key == SentRow::Columns{{"_id", "57"}});
+    EXPECT_TRUE(row.deletion() && (row.key == SentRow::Columns{{"_id", "57"}}));
     EXPECT_EQ(row.state, (SentRow::Columns{{"dirty", "2"}, {"version", "1"}}));
 }
 
