@@ -6,14 +6,26 @@
 
 #include <pelio/platform/AppPaths.h>
 #include <atomic>
+#include <filesystem>
 #include <string>
+
+#include "support/TempHome.h"
 
 namespace pelio::test {
 
 class FakeAppPaths : public pelio::platform::AppPaths {
   public:
-    FakeAppPaths();
-    ~FakeAppPaths() override;
+    FakeAppPaths() {
+        root_ = makeTempDir("pelio-paths") + "/";
+        for (const char* dir : {"data", "shared/data", "shared/trusted", "res/shared"})
+            std::filesystem::create_directories(root_ + dir);
+    }
+    ~FakeAppPaths() override {
+        std::error_code ec;
+        std::filesystem::permissions(root_ + "shared/trusted", std::filesystem::perms::owner_all,
+                                     std::filesystem::perm_options::add, ec);
+        std::filesystem::remove_all(root_, ec);
+    }
 
     std::string dataPath() override { return answer("data/"); }
     std::string sharedDataPath() override { return answer("shared/data/"); }

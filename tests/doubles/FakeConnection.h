@@ -6,6 +6,7 @@
 #include <pelio/platform/Connection.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -13,9 +14,19 @@ namespace pelio::test {
 
 class FakeConnection : public pelio::platform::Connection {
   public:
-    static FakeConnection& install();
+    static FakeConnection& install() {
+        auto fake = std::make_unique<FakeConnection>();
+        FakeConnection& ref = *fake;
+        pelio::platform::installConnection(std::move(fake));
+        return ref;
+    }
 
-    int create(std::unique_ptr<pelio::platform::ConnectionHandle>& handle) override;
+    int create(std::unique_ptr<pelio::platform::ConnectionHandle>& handle) override {
+        if (failCreate)
+            return pelio::platform::CONNECTION_ERROR_OUT_OF_MEMORY;
+        handle = std::make_unique<Handle>(*this);
+        return pelio::platform::CONNECTION_ERROR_NONE;
+    }
 
     void setType(int type) { type_ = type; }
     void setProxy(const std::string& proxy) {
@@ -33,6 +44,25 @@ class FakeConnection : public pelio::platform::Connection {
     std::atomic<int> proxyReads{0};
 
   private:
+    class Handle : public pelio::platform::ConnectionHandle {
+      public:
+        explicit Handle(FakeConnection& owner) : owner_(owner) {}
+        int getType(int& type) override {
+            type = owner_.type();
+            return pelio::platform::CONNECTION_ERROR_NONE;
+        }
+        int getProxy(pelio::platform::ConnectionAddressFamily, std::string& proxy) override {
+            ++owner_.proxyReads;
+            if (owner_.failGetProxy)
+                return pelio::platform::CONNECTION_ERROR_OPERATION_FAILED;
+            proxy = owner_.proxy();
+            return pelio::platform::CONNECTION_ERROR_NONE;
+        }
+
+      private:
+        FakeConnection& owner_;
+    };
+
     mutable std::mutex mutex_;
     std::atomic<int> type_{pelio::platform::CONNECTION_TYPE_WIFI};
     std::string proxy_;

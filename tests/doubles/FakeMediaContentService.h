@@ -4,6 +4,9 @@
 
 #include <pelio/platform/MediaContent.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <string>
 #include <vector>
 
 namespace pelio::test {
@@ -21,10 +24,32 @@ class FakeMediaContentService : public pelio::platform::MediaContentService {
 
     // Adds a song whose media id is id in the platform's hexadecimal form.
     void addSong(long long id, const std::string& title, const std::string& album,
-                 const std::string& artist, const std::string& genre);
+                 const std::string& artist, const std::string& genre) {
+        char hex[40];
+        std::snprintf(hex, sizeof hex, "00000000-0000-0000-0000-%012llx", id);
+        pelio::platform::MediaInfoRecord s;
+        s.id = id;
+        s.mediaId = hex;
+        s.displayName = title + ".mp3";
+        s.filePath = "/music/" + s.displayName;
+        s.mimeType = "audio/mpeg";
+        s.title = title;
+        s.album = album;
+        s.artist = artist;
+        s.genre = genre;
+        songs.push_back(s);
+    }
 
-    int connect() override;
-    int disconnect() override;
+    int connect() override {
+        ++connections;
+        return pelio::platform::MEDIA_CONTENT_ERROR_NONE;
+    }
+    int disconnect() override {
+        if (connections == 0)
+            return pelio::platform::MEDIA_CONTENT_ERROR_NOT_CONNECTED;
+        --connections;
+        return pelio::platform::MEDIA_CONTENT_ERROR_NONE;
+    }
     int getMediaList(const std::string&,
                      std::vector<pelio::platform::MediaInfoRecord>& out) override {
         return list(out, songs);
@@ -40,9 +65,22 @@ class FakeMediaContentService : public pelio::platform::MediaContentService {
     int getPlaylistList(std::vector<pelio::platform::MediaPlaylistRecord>& out) override {
         return list(out, playlists);
     }
-    int getMediaFromDb(const std::string& mediaId, pelio::platform::MediaInfoRecord& out) override;
-    int setDbUpdatedCallback(pelio::platform::MediaDbUpdatedCallback cb, void* data) override;
-    int unsetDbUpdatedCallback() override;
+    int getMediaFromDb(const std::string& mediaId, pelio::platform::MediaInfoRecord& out) override {
+        const long long id = std::strtoll(mediaId.c_str(), nullptr, 16);
+        for (const auto& s : songs) {
+            if (s.id == id) {
+                out = s;
+                return pelio::platform::MEDIA_CONTENT_ERROR_NONE;
+            }
+        }
+        return pelio::platform::MEDIA_CONTENT_ERROR_NO_DATA;
+    }
+    int setDbUpdatedCallback(pelio::platform::MediaDbUpdatedCallback cb, void* data) override {
+        callback = cb;
+        userData = data;
+        return pelio::platform::MEDIA_CONTENT_ERROR_NONE;
+    }
+    int unsetDbUpdatedCallback() override { return setDbUpdatedCallback(nullptr, nullptr); }
 
   private:
     template <typename Record>

@@ -21,15 +21,30 @@ class FakePackageManager : public pelio::platform::PackageManager {
     int getApplication(const std::string&, const std::string&, pelio::platform::AppInfo&) override {
         return pelio::platform::PACKAGE_MANAGER_ERROR_NO_SUCH_PACKAGE;
     }
-    int setEventCallback(pelio::platform::PackageEventCallback cb, void* userData) override;
+    int setEventCallback(pelio::platform::PackageEventCallback cb, void* userData) override {
+        std::lock_guard<std::mutex> guard(mutex_);
+        cb_ = cb;
+        userData_ = userData;
+        return pelio::platform::PACKAGE_MANAGER_ERROR_NONE;
+    }
     int unsetEventCallback() override { return setEventCallback(nullptr, nullptr); }
 
     void fireEvent(const std::string& package, pelio::platform::PackageEventType type,
-                   pelio::platform::PackageEventState state, int progress, int error = 0);
-    bool hasCallback() const;
+                   pelio::platform::PackageEventState state, int progress, int error = 0) {
+        std::unique_lock<std::mutex> guard(mutex_);
+        const auto cb = cb_;
+        void* userData = userData_;
+        guard.unlock();
+        if (cb != nullptr)
+            cb("desktop", package.c_str(), type, state, progress, error, userData);
+    }
+    bool hasCallback() {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return cb_ != nullptr;
+    }
 
   private:
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     pelio::platform::PackageEventCallback cb_ = nullptr;
     void* userData_ = nullptr;
 };

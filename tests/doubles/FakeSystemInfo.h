@@ -11,15 +11,35 @@ namespace pelio::test {
 
 class FakeSystemInfo : public pelio::platform::SystemInfo {
   public:
-    int getPlatformString(const std::string& key, std::string& value) override;
+    int getPlatformString(const std::string& key, std::string& value) override {
+        std::lock_guard<std::mutex> guard(mutex_);
+        ++calls_[key];
+        if (auto f = failures_.find(key); f != failures_.end())
+            return f->second;
+        auto it = values_.find(key);
+        if (it == values_.end())
+            return pelio::platform::SYSTEM_INFO_ERROR_IO_ERROR;
+        value = it->second;
+        return pelio::platform::SYSTEM_INFO_ERROR_NONE;
+    }
 
-    void set(const std::string& key, const std::string& value);
+    void set(const std::string& key, const std::string& value) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        failures_.erase(key);
+        values_[key] = value;
+    }
     // Lookups of key answer with code (e.g. SYSTEM_INFO_ERROR_IO_ERROR) from now on.
-    void fail(const std::string& key, int code);
-    int calls(const std::string& key) const;
+    void fail(const std::string& key, int code) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        failures_[key] = code;
+    }
+    int calls(const std::string& key) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return calls_[key];
+    }
 
   private:
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::map<std::string, std::string> values_;
     std::map<std::string, int> failures_;
     std::map<std::string, int> calls_;

@@ -89,10 +89,10 @@ TEST_F(MediaContentServiceTest, IndexesTaggedFilesOfEveryFormatAndPlaylists) {
     std::vector<MediaArtistRecord> artists;
     std::vector<MediaPlaylistRecord> playlists;
     std::vector<MediaInfoRecord> photos;
-    EXPECT_EQ(media.getAlbumList("MEDIA_TYPE=3", albums), MEDIA_CONTENT_ERROR_NONE);
-    EXPECT_EQ(media.getArtistList("MEDIA_TYPE=3", artists), MEDIA_CONTENT_ERROR_NONE);
-    EXPECT_EQ(media.getPlaylistList(playlists), MEDIA_CONTENT_ERROR_NONE);
-    EXPECT_EQ(media.getMediaList("MEDIA_TYPE=0", photos), MEDIA_CONTENT_ERROR_NONE);
+    EXPECT_EQ(media.getAlbumList("MEDIA_TYPE=3", albums) |
+                  media.getArtistList("MEDIA_TYPE=3", artists) | media.getPlaylistList(playlists) |
+                  media.getMediaList("MEDIA_TYPE=0", photos),
+              MEDIA_CONTENT_ERROR_NONE);
     EXPECT_TRUE(photos.empty());
     ASSERT_EQ(albums.size(), 2u);  // First (Ann), Second (Bob)
     EXPECT_EQ(albums[0].name + "|" + albums[0].artist, "First|Ann");
@@ -101,8 +101,8 @@ TEST_F(MediaContentServiceTest, IndexesTaggedFilesOfEveryFormatAndPlaylists) {
     EXPECT_EQ(playlists[0].name + "|" + std::to_string(playlists[0].songCount), "mix|2");
 
     MediaInfoRecord byId;
-    EXPECT_EQ(media.getMediaFromDb(lib["Three"].mediaId, byId), MEDIA_CONTENT_ERROR_NONE);
-    EXPECT_EQ(byId.title, "Three");
+    EXPECT_TRUE(media.getMediaFromDb(lib["Three"].mediaId, byId) == MEDIA_CONTENT_ERROR_NONE &&
+                byId.title == "Three");
     EXPECT_EQ(media.getMediaFromDb("zz", byId), MEDIA_CONTENT_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(media.getMediaFromDb("ffffff", byId), MEDIA_CONTENT_ERROR_NO_DATA);
     media.disconnect();

@@ -53,15 +53,14 @@ TEST(SystemSettingsOnLinuxTest, TypedValuesPersistAndOtherWritersReachCallbacks)
         return rc ? "<" + std::to_string(rc) + ">" : std::to_string(i);
     };
     EXPECT_EQ(number("memory/dnet/status"), "<" + std::to_string(pp::SETTINGS_ERROR_NO_KEY) + ">");
-    EXPECT_EQ(settings.setInt("memory/dnet/status", -3), pp::SETTINGS_ERROR_NONE);
-    EXPECT_EQ(settings.setBool("test/flag", true), pp::SETTINGS_ERROR_NONE);
-    EXPECT_EQ(settings.setString("memory/dnet/proxy", "127.0.0.1:3128"), pp::SETTINGS_ERROR_NONE);
-    EXPECT_EQ(settings.setString("test/empty", ""), pp::SETTINGS_ERROR_NONE);
+    EXPECT_EQ(settings.setInt("memory/dnet/status", -3) | settings.setBool("test/flag", true) |
+                  settings.setString("memory/dnet/proxy", "127.0.0.1:3128") |
+                  settings.setString("test/empty", ""),
+              pp::SETTINGS_ERROR_NONE);
     EXPECT_EQ(number("memory/dnet/status") + "|" + text("memory/dnet/proxy") + "|" +
                   text("test/empty") + "|",
               "-3|127.0.0.1:3128||");
-    EXPECT_EQ(settings.getBool("test/flag", b), pp::SETTINGS_ERROR_NONE);
-    EXPECT_TRUE(b);
+    EXPECT_TRUE(settings.getBool("test/flag", b) == pp::SETTINGS_ERROR_NONE && b);
     EXPECT_EQ(settings.getInt("memory/dnet/proxy", i), pp::SETTINGS_ERROR_BAD_VALUE);
     EXPECT_EQ(settings.getBool("memory/dnet/status", b), pp::SETTINGS_ERROR_BAD_VALUE);
     EXPECT_EQ(settings.setString("bad=key", "v"), pp::SETTINGS_ERROR_INVALID_PARAMETER);

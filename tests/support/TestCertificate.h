@@ -5,14 +5,31 @@
 // Throws std::runtime_error when openssl or the file system fails.
 #pragma once
 
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
 #include <string>
+
+#include "support/TempHome.h"
 
 namespace pelio::test {
 
 class TestCertificate {
   public:
-    TestCertificate();
-    ~TestCertificate();
+    TestCertificate()
+        : dir_(makeTempDir("pelio-cert")), cert_(dir_ + "/cert.pem"), key_(dir_ + "/key.pem") {
+        const std::string cmd =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1"
+            " -subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1"
+            " -addext basicConstraints=critical,CA:TRUE -keyout " +
+            key_ + " -out " + cert_ + " >/dev/null 2>&1";
+        if (std::system(cmd.c_str()) != 0)
+            throw std::runtime_error("TestCertificate: openssl req failed");
+    }
+    ~TestCertificate() {
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
     TestCertificate(const TestCertificate&) = delete;
     TestCertificate& operator=(const TestCertificate&) = delete;
 

@@ -78,14 +78,15 @@ class VCardBook {
             ids.push_back(n.id);
         return ids;
     }
-    const std::string& folder() const { return root_; }
 
-  private:
+    // One card: UID (none when uid is empty), FN (none when fn is empty), then the extra lines.
     static std::string card(const std::string& uid, const std::string& fn,
                             const std::string& extra) {
-        return "BEGIN:VCARD\r\nVERSION:3.0\r\nUID:" + uid + "\r\n" +
+        return "BEGIN:VCARD\r\nVERSION:3.0\r\n" + (uid.empty() ? "" : "UID:" + uid + "\r\n") +
                (fn.empty() ? "" : "FN:" + fn + "\r\n") + extra + "END:VCARD\r\n";
     }
+
+  private:
     template <typename F>
     void connected(F&& use) {
         auto& service = pelio::platform::contactsService();

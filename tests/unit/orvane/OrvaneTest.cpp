@@ -72,9 +72,8 @@ TEST_F(OrvaneThreadedTest, OpenPostsEveryFieldAndReturnsTheAnswerAsStrings) {
     auto body = jsonMembers(sent[0].second);
     EXPECT_EQ(jsonMembers(body["request"]),
               (StringMap{{"rampcode", "dash"}, {"serviceinfo", "Model X"}}));
-    EXPECT_EQ(body["device_secret"].size(), 64u);
     body.erase("request");
-    body.erase("device_secret");
+    body.erase("device_secret");  // its form: the device secret test
     EXPECT_EQ(body, (StringMap{{"companion", "false"},
                                {"device_id", "device-42"},
                                {"force", "true"},
@@ -156,24 +155,22 @@ TEST_F(OrvaneThreadedTest, MissingCaFileFallsBackToTheSystemStoreAndProxyNeedsAP
 TEST_F(OrvaneThreadedTest, LogLevelFiltersLines) {
     auto orvane = make(cert.certPath());
     StringMap result;
-    orvane->Orvane_pds_open("en_US", {}, false, false, result, true);
+    const auto open = [&] { orvane->Orvane_pds_open("en_US", {}, false, false, result, true); };
+    open();
     EXPECT_TRUE(callbacks.logs.empty());  // logging is off until enabled
-
     orvane->Orvane_enable_log(3);
     callbacks.logs.clear();
-    orvane->Orvane_pds_open("en_US", {}, false, false, result, true);
+    open();
     EXPECT_TRUE(callbacks.logs.empty());  // only debug lines on success
     pds.answer("open", 403, R"({"message":"denied"})");
-    EXPECT_THROW(orvane->Orvane_pds_open("en_US", {}, false, false, result, true), OrvaneError);
+    EXPECT_THROW(open(), OrvaneError);
     ASSERT_FALSE(callbacks.logs.empty());
-    for (const auto& [level, line] : callbacks.logs) {
+    for (const auto& [level, line] : callbacks.logs)
         EXPECT_LE(level, 3) << line;
-    }
-
     orvane->Orvane_enable_log(5);
     callbacks.logs.clear();
     pds.answer("open", 200, pds.kSuccess);
-    orvane->Orvane_pds_open("en_US", {}, false, false, result, true);
+    open();
     EXPECT_FALSE(callbacks.logs.empty());  // debug lines too
 }
 

@@ -24,25 +24,22 @@ class SystemInfoTest : public ::testing::Test {
     void write(const std::string& path, const std::string& text) {
         std::ofstream(path, std::ios::binary) << text;
     }
-    std::string get(const std::string& key, int* rc = nullptr) {
+    // The value and, when the lookup fails, its code: "<none>|code".
+    std::string get(const std::string& key) {
         std::string value = "<none>";
-        const int r = makeLinuxSystemInfo(sources_)->getPlatformString(key, value);
-        if (rc)
-            *rc = r;
-        return value;
+        const int rc = makeLinuxSystemInfo(sources_)->getPlatformString(key, value);
+        return rc ? value + "|" + std::to_string(rc) : value;
     }
     std::string dir_;
     SystemInfoSources sources_;
 };
 
 TEST_F(SystemInfoTest, EachKeyFromItsSourceAndErrorsWithoutOne) {
-    int rc = 0;
-    for (const char* key : {kSystemKeyModelName, kSystemKeyBuildString, kSystemKeyDeviceId}) {
-        EXPECT_EQ("<none>", get(key, &rc)) << key;
-        EXPECT_EQ(SYSTEM_INFO_ERROR_IO_ERROR, rc) << key;
-    }
-    EXPECT_EQ("<none>", get("quorvin://system/other", &rc));
-    EXPECT_EQ(SYSTEM_INFO_ERROR_INVALID_PARAMETER, rc);
+    const std::string ioError = "<none>|" + std::to_string(SYSTEM_INFO_ERROR_IO_ERROR);
+    for (const char* key : {kSystemKeyModelName, kSystemKeyBuildString, kSystemKeyDeviceId})
+        EXPECT_EQ(ioError, get(key)) << key;
+    EXPECT_EQ("<none>|" + std::to_string(SYSTEM_INFO_ERROR_INVALID_PARAMETER),
+              get("quorvin://system/other"));
 
     // Model name: DMI, else the device tree (NUL-terminated); a blank DMI name falls back.
     write(sources_.deviceTreeModel, std::string("Pine Watch Rev B") + '\0');
@@ -62,8 +59,7 @@ TEST_F(SystemInfoTest, EachKeyFromItsSourceAndErrorsWithoutOne) {
         EXPECT_EQ(expected, get(kSystemKeyBuildString)) << text;
     }
     write(sources_.osRelease, "ID=x\n");
-    get(kSystemKeyBuildString, &rc);
-    EXPECT_EQ(SYSTEM_INFO_ERROR_IO_ERROR, rc);
+    EXPECT_EQ(ioError, get(kSystemKeyBuildString));
 
     write(sources_.machineId, "0123456789abcdef0123456789abcdef\n");
     EXPECT_EQ("0123456789abcdef0123456789abcdef", get(kSystemKeyDeviceId));

@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "StoreTestSupport.h"
-#include "doubles/FakePreferences.h"
 #include "doubles/FakeSystemInfo.h"
+#include "support/StoreFixture.h"
 
 using namespace pelio::test;
 using pelio::platform::kSystemKeyBuildString;
@@ -13,9 +12,8 @@ using pelio::platform::kSystemKeyModelName;
 
 namespace {
 
-class PLMUtilsTest : public StoreTest {
+class PLMUtilsTest : public StoreFixture {
   protected:
-    Installed<FakePreferences, &pelio::platform::installPreferences> prefs_;
     Installed<FakeSystemInfo, &pelio::platform::installSystemInfo> info_;
 };
 

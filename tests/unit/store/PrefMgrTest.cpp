@@ -7,7 +7,7 @@
 #include "support/LogCapture.h"
 
 using namespace pelio::test;
-using pelio::platform::PreferenceType;
+using pelio::platform::preferenceTypeName;
 
 namespace {
 
@@ -23,13 +23,9 @@ TEST_F(PrefMgrTest, InitSeedsTheKeysWithTypesAndNeverOverwrites) {
     const auto items = prefs_->items();
     ASSERT_EQ(8u, items.size());
     for (const auto& item : items) {
-        if (item.key == "sync_need") {
-            EXPECT_EQ(PreferenceType::Int, item.type);
-            EXPECT_EQ("0", item.value);
-        } else {
-            EXPECT_EQ(PreferenceType::String, item.type) << item.key;
-            EXPECT_EQ("", item.value) << item.key;
-        }
+        EXPECT_EQ(item.key == "sync_need" ? "int:0" : "string:",
+                  preferenceTypeName(item.type) + (":" + item.value))
+            << item.key;
     }
 
     mgr.set("plm_id", std::string("P-1"));

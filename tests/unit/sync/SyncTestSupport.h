@@ -1,6 +1,5 @@
-// Shared set-up of the sync unit tests: a throw-away home with in-memory preferences and app
-// paths, contacts on vCard files, a fresh DbManager on a real SQLite file, a recording sync-manager
-// host and direct SQLite access to the shadow table.
+// Shared set-up of the sync unit tests: the store fixture, a throw-away home with contacts on
+// vCard files, a recording sync-manager host and parsed upload bodies.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,19 +12,13 @@
 #include <utility>
 #include <vector>
 
-#include <pelio/platform/AppPaths.h>
 #include <pelio/platform/Contacts.h>
-#include <pelio/platform/Preferences.h>
 
 #include "SyncHandlers/SyncHandlerHost.h"
-#include "doubles/FakeAppPaths.h"
-#include "doubles/FakePreferences.h"
 #include "support/Eventually.h"
-#include "support/Installed.h"
-#include "support/LogCapture.h"
+#include "support/StoreFixture.h"
 #include "support/TempHome.h"
 #include "support/VCardBook.h"
-#include "unit/store/StoreTestSupport.h"
 #include "upload/SyncData.h"
 
 namespace pelio::test {
@@ -105,14 +98,8 @@ inline std::string counts(const SyncData& d) {
            std::to_string(d.deletedCount);
 }
 
-class SyncStoreTest : public ::testing::Test {
+class SyncStoreTest : public StoreFixture {
   protected:
-    void SetUp() override {
-        DbManager::resetInstanceForTesting();
-        DbManager::getInstance();
-    }
-    void TearDown() override { DbManager::resetInstanceForTesting(); }
-
     // id -> dirty values of its contacts rows, in row order.
     static std::map<std::string, std::vector<int>> dirtyById() {
         std::map<std::string, std::vector<int>> out;
@@ -124,9 +111,6 @@ class SyncStoreTest : public ::testing::Test {
     }
 
     TempHome home_;
-    LogCapture log_;
-    Installed<FakePreferences, &pelio::platform::installPreferences> prefs_;
-    Installed<FakeAppPaths, &pelio::platform::installAppPaths> paths_;
     VCardBook contacts_;
 };
 

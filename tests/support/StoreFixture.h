@@ -1,6 +1,7 @@
-// Helpers of the local-store unit tests: a fresh database in a temporary directory behind the
-// fake application paths, request bundles from key/value lists, decoded result rows, and rows
-// read straight from the database file (columns joined with '|').
+// The shared fixture of the tests on the local store: a fresh database in a temporary directory
+// behind the fake application paths, a preference store of its own and captured log lines; with
+// it, request bundles from key/value lists, decoded result rows, and rows read straight from the
+// database file (columns joined with '|'). Test thread only; failures are test failures.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@
 
 #include "database/DbManager.h"
 #include "doubles/FakeAppPaths.h"
+#include "doubles/FakePreferences.h"
 #include "support/Installed.h"
 #include "support/LogCapture.h"
 
@@ -91,7 +93,7 @@ inline std::vector<std::string> query(const std::string& sql) {
     return out;
 }
 
-class StoreTest : public ::testing::Test {
+class StoreFixture : public ::testing::Test {
   protected:
     void SetUp() override {
         DbManager::resetInstanceForTesting();
@@ -116,6 +118,7 @@ class StoreTest : public ::testing::Test {
 
     LogCapture log_;
     Installed<FakeAppPaths, &pelio::platform::installAppPaths> paths_;
+    Installed<FakePreferences, &pelio::platform::installPreferences> prefs_;
     DbManager* db_ = nullptr;
 };
 
