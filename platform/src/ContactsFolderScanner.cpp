@@ -8,7 +8,9 @@
 #include <time.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <system_error>
 
 namespace pelio::platform {
@@ -35,7 +37,7 @@ struct ListedFile {
 
 FileStamp stampOf(const fs::path& p) {
     FileStamp stamp;
-    struct stat st{};
+    struct stat st {};
     if (::stat(p.c_str(), &st) != 0) {
         stamp.size = -1;  // never equal to a stored stamp: the file is read
         return stamp;
@@ -43,7 +45,7 @@ FileStamp stampOf(const fs::path& p) {
     stamp.size = static_cast<long long>(st.st_size);
     stamp.mtimeNs = nsOf(st.st_mtim);
     stamp.ctimeNs = nsOf(st.st_ctim);
-    struct timespec now{};
+    struct timespec now {};
     ::clock_gettime(CLOCK_REALTIME, &now);
     if (nsOf(now) - stamp.mtimeNs < kRacyNs)
         stamp.mtimeNs = -1;
@@ -95,13 +97,40 @@ std::vector<ListedFile> listFiles(const std::string& root) {
     return files;
 }
 
+// FNV-1a over the file's bytes; false when it cannot be read.
+bool hashFile(const fs::path& p, long long& hash) {
+    std::ifstream in(p, std::ios::binary);
+    if (!in)
+        return false;
+    std::uint64_t h = 14695981039346656037ULL;
+    char buffer[65536];
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+        const std::streamsize n = in.gcount();
+        for (std::streamsize i = 0; i < n; ++i) {
+            h ^= static_cast<unsigned char>(buffer[i]);
+            h *= 1099511628211ULL;
+        }
+    }
+    if (in.bad())
+        return false;
+    hash = static_cast<long long>(h);
+    return true;
+}
+
 void readFile(const ListedFile& f, ContactsScan& result) {
+    // Hashed before parsing: if the file changes in between, the stored hash is the older one
+    // and the next scan parses the file again.
+    long long hash = 0;
+    const bool hashed = hashFile(f.path, hash);
     const size_t first = result.cards.size();
     if (!VCardReader::readFile(f.path.string(), f.rel, f.book, result.cards)) {
         result.unreadableFiles.insert(f.rel);
         return;
     }
     FileStamp stamp = f.stamp;
+    stamp.contentHash = hash;
+    if (!hashed)
+        stamp.mtimeNs = -1;  // not trusted: read again next time
     for (size_t i = first; i < result.cards.size(); ++i) {
         if (!result.cards[i].uid.empty())
             stamp.uids.push_back(result.cards[i].uid);
@@ -127,6 +156,18 @@ bool knownUidsUnique(const FileStamps& known) {
     return true;
 }
 
+// A file with new times but the bytes it had when it was parsed: only its stamp is renewed.
+bool sameBytes(const ListedFile& f, const FileStamp& known, ContactsScan& result) {
+    long long hash = 0;
+    if (known.size != f.stamp.size || !hashFile(f.path, hash) || hash != known.contentHash)
+        return false;
+    FileStamp stamp = f.stamp;
+    stamp.contentHash = hash;
+    stamp.uids = known.uids;
+    result.restamped[f.rel] = std::move(stamp);
+    return true;
+}
+
 // Reads only the files whose stamp changed. False when keys could depend on files it did not
 // read (a UID seen twice, before or now); the caller then reads everything.
 bool scanChanged(const std::vector<ListedFile>& files, const FileStamps& known,
@@ -138,7 +179,7 @@ bool scanChanged(const std::vector<ListedFile>& files, const FileStamps& known,
     for (const ListedFile& f : files) {
         listed.insert(f.rel);
         auto k = known.find(f.rel);
-        if (k != known.end() && k->second.sameFile(f.stamp)) {
+        if (k != known.end() && (k->second.sameFile(f.stamp) || sameBytes(f, k->second, result))) {
             if (!addUids(k->second.uids, uidsNow))
                 return false;
             continue;

@@ -19,14 +19,16 @@
 
 namespace pelio::platform {
 
-// What a file looked like when it was read, and the UIDs of its cards (for spotting duplicates
-// without reading the file again). A file modified within the last seconds before it was listed
-// gets mtimeNs -1: a second write in the same clock tick would leave its times as they are, so
-// such a file is read again next time.
+// What a file looked like when it was read: size, times, a hash of its bytes and the UIDs of its
+// cards (for spotting duplicates without reading the file again). A file modified within the last
+// seconds before it was listed gets mtimeNs -1: a second write in the same clock tick would leave
+// its times as they are, so such a file is hashed again next time (and parsed only if its bytes
+// changed).
 struct FileStamp {
     long long size = 0;
     long long mtimeNs = 0;
     long long ctimeNs = 0;
+    long long contentHash = 0;
     std::vector<std::string> uids;
 
     bool sameFile(const FileStamp& other) const {
@@ -45,8 +47,9 @@ struct ContactsScan {
     std::vector<ParsedCard> cards;
     std::set<std::string> addressBooks;  // relative folder paths that hold .vcf files
     std::set<std::string>
-        unreadableFiles;  // relative paths; their known cards are kept as they are
-    FileStamps files;     // the files read successfully in this scan
+        unreadableFiles;   // relative paths; their known cards are kept as they are
+    FileStamps files;      // the files read successfully in this scan
+    FileStamps restamped;  // partial scan: files with new times but the same bytes (not parsed)
     std::set<std::string> goneFiles;  // partial scan: known files no longer in the folder
 };
 

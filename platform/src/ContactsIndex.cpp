@@ -89,7 +89,8 @@ ContactsIndex::ContactsIndex(const std::string& dbPath) {
         exec("CREATE INDEX IF NOT EXISTS contacts_source ON contacts(source_file)") &&
         exec(
             "CREATE TABLE IF NOT EXISTS files(path TEXT PRIMARY KEY, size INTEGER NOT NULL, "
-            "mtime INTEGER NOT NULL, ctime INTEGER NOT NULL, uids TEXT NOT NULL)") &&
+            "mtime INTEGER NOT NULL, ctime INTEGER NOT NULL, hash INTEGER NOT NULL, "
+            "uids TEXT NOT NULL)") &&
         exec("COMMIT");
     if (!created) {
         exec("ROLLBACK");
@@ -295,14 +296,15 @@ int ContactsIndex::knownFiles(FileStamps& files) {
     if (!ok())
         return CONTACTS_ERROR_DB;
     std::lock_guard<std::mutex> own(mutex_);
-    SqliteStatement sel(db_.get(), "SELECT path, size, mtime, ctime, uids FROM files");
+    SqliteStatement sel(db_.get(), "SELECT path, size, mtime, ctime, hash, uids FROM files");
     int rc;
     while ((rc = sel.step()) == SQLITE_ROW) {
         FileStamp& stamp = files[sel.columnText(0)];
         stamp.size = sel.columnInt64(1);
         stamp.mtimeNs = sel.columnInt64(2);
         stamp.ctimeNs = sel.columnInt64(3);
-        const std::string uids = sel.columnText(4);
+        stamp.contentHash = sel.columnInt64(4);
+        const std::string uids = sel.columnText(5);
         size_t start = 0;
         while (start < uids.size()) {
             size_t end = uids.find(kUidSeparator, start);
@@ -331,9 +333,17 @@ bool ContactsIndex::writeStamps(const ContactsScan& scan) {
             return false;
     }
     SqliteStatement put(db_.get(),
-                        "INSERT OR REPLACE INTO files(path, size, mtime, ctime, uids) "
-                        "VALUES(?,?,?,?,?)");
-    for (const auto& [rel, stamp] : scan.files) {
+                        "INSERT OR REPLACE INTO files(path, size, mtime, ctime, hash, uids) "
+                        "VALUES(?,?,?,?,?,?)");
+    for (const FileStamps* stamps : {&scan.files, &scan.restamped}) {
+        if (!putStamps(put, *stamps))
+            return false;
+    }
+    return true;
+}
+
+bool ContactsIndex::putStamps(SqliteStatement& put, const FileStamps& stamps) {
+    for (const auto& [rel, stamp] : stamps) {
         std::string uids;
         for (const auto& uid : stamp.uids) {
             if (!uids.empty())
@@ -344,7 +354,8 @@ bool ContactsIndex::writeStamps(const ContactsScan& scan) {
                  .bind(2, stamp.size)
                  .bind(3, stamp.mtimeNs)
                  .bind(4, stamp.ctimeNs)
-                 .bind(5, uids)
+                 .bind(5, stamp.contentHash)
+                 .bind(6, uids)
                  .run())
             return false;
     }
