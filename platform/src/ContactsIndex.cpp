@@ -11,6 +11,7 @@ namespace {
 
 constexpr const char* kTag = "PelioPlatform";
 constexpr int kSchemaVersion = 1;
+constexpr char kUidSeparator = '\x1f';  // between the UIDs of one file in files.uids
 
 enum FieldKind { kNumber = 0, kEmail = 1, kAddress = 2 };
 
@@ -84,7 +85,13 @@ ContactsIndex::ContactsIndex(const std::string& dbPath) {
         exec(
             "CREATE TABLE IF NOT EXISTS changes(contact_id INTEGER NOT NULL, "
             "version INTEGER NOT NULL, type INTEGER NOT NULL, PRIMARY KEY(contact_id, version))") &&
-        exec("CREATE INDEX IF NOT EXISTS changes_version ON changes(version)") && exec("COMMIT");
+        exec("CREATE INDEX IF NOT EXISTS changes_version ON changes(version)") &&
+        exec("CREATE INDEX IF NOT EXISTS contacts_source ON contacts(source_file)") &&
+        exec(
+            "CREATE TABLE IF NOT EXISTS files(path TEXT PRIMARY KEY, size INTEGER NOT NULL, "
+            "mtime INTEGER NOT NULL, ctime INTEGER NOT NULL, hash INTEGER NOT NULL, "
+            "uids TEXT NOT NULL)") &&
+        exec("COMMIT");
     if (!created) {
         exec("ROLLBACK");
         db_.reset();
@@ -227,11 +234,12 @@ int ContactsIndex::applyScan(const ContactsScan& scan, int& changed) {
     std::map<std::string, int> books;
     Changes changes;
     std::set<std::string> seen;
-    if (!readExisting(existing) || readVersion(version) != CONTACTS_ERROR_NONE ||
+    const bool read = scan.complete ? readExisting(existing) : readAffected(scan, existing);
+    if (!read || readVersion(version) != CONTACTS_ERROR_NONE ||
         !readAddressBooks(scan.addressBooks, books) ||
         !applyCards(scan, existing, books, seen, changes) ||
         !markVanished(scan, existing, seen, changes) || !recordChanges(changes, version + 1) ||
-        !exec("COMMIT")) {
+        !writeStamps(scan) || !exec("COMMIT")) {
         exec("ROLLBACK");
         return CONTACTS_ERROR_DB;
     }
@@ -239,16 +247,119 @@ int ContactsIndex::applyScan(const ContactsScan& scan, int& changed) {
     return CONTACTS_ERROR_NONE;
 }
 
-bool ContactsIndex::readExisting(std::map<std::string, Existing>& existing) {
-    SqliteStatement sel(db_.get(),
-                        "SELECT card_key, id, deleted, fingerprint, source_file, "
-                        "address_book_id FROM contacts");
+namespace {
+
+constexpr const char* kExistingColumns =
+    "SELECT card_key, id, deleted, fingerprint, source_file, address_book_id FROM contacts";
+
+}  // namespace
+
+bool ContactsIndex::collectExisting(SqliteStatement& sel,
+                                    std::map<std::string, Existing>& existing) {
     int rc;
     while ((rc = sel.step()) == SQLITE_ROW) {
         existing[sel.columnText(0)] = {sel.columnInt(1), sel.columnInt(2) != 0, sel.columnText(3),
                                        sel.columnText(4), sel.columnInt(5)};
     }
+    sel.reset();
     return rc == SQLITE_DONE;
+}
+
+bool ContactsIndex::readExisting(std::map<std::string, Existing>& existing) {
+    SqliteStatement sel(db_.get(), kExistingColumns);
+    return collectExisting(sel, existing);
+}
+
+// The rows a partial scan can touch: those of its cards' keys, and every row of a file it re-read
+// or found gone (the cards that may have vanished).
+bool ContactsIndex::readAffected(const ContactsScan& scan,
+                                 std::map<std::string, Existing>& existing) {
+    SqliteStatement byKey(db_.get(), std::string(kExistingColumns) + " WHERE card_key=?");
+    for (const ParsedCard& card : scan.cards) {
+        if (!collectExisting(byKey.bind(1, card.key), existing))
+            return false;
+    }
+    SqliteStatement byFile(db_.get(), std::string(kExistingColumns) + " WHERE source_file=?");
+    for (const auto& [rel, stamp] : scan.files) {
+        if (!collectExisting(byFile.bind(1, rel), existing))
+            return false;
+    }
+    for (const auto& rel : scan.goneFiles) {
+        if (!collectExisting(byFile.bind(1, rel), existing))
+            return false;
+    }
+    return true;
+}
+
+int ContactsIndex::knownFiles(FileStamps& files) {
+    files.clear();
+    if (!ok())
+        return CONTACTS_ERROR_DB;
+    std::lock_guard<std::mutex> own(mutex_);
+    SqliteStatement sel(db_.get(), "SELECT path, size, mtime, ctime, hash, uids FROM files");
+    int rc;
+    while ((rc = sel.step()) == SQLITE_ROW) {
+        FileStamp& stamp = files[sel.columnText(0)];
+        stamp.size = sel.columnInt64(1);
+        stamp.mtimeNs = sel.columnInt64(2);
+        stamp.ctimeNs = sel.columnInt64(3);
+        stamp.contentHash = sel.columnInt64(4);
+        const std::string uids = sel.columnText(5);
+        size_t start = 0;
+        while (start < uids.size()) {
+            size_t end = uids.find(kUidSeparator, start);
+            if (end == std::string::npos)
+                end = uids.size();
+            if (end > start)
+                stamp.uids.push_back(uids.substr(start, end - start));
+            start = end + 1;
+        }
+    }
+    if (rc != SQLITE_DONE) {
+        files.clear();  // read everything rather than trust half a list
+        return CONTACTS_ERROR_DB;
+    }
+    return CONTACTS_ERROR_NONE;
+}
+
+// Remembers how the files this scan read looked; a complete scan replaces the whole list.
+// Unreadable files keep no new stamp, so they are read again next time.
+bool ContactsIndex::writeStamps(const ContactsScan& scan) {
+    if (scan.complete && !exec("DELETE FROM files"))
+        return false;
+    SqliteStatement gone(db_.get(), "DELETE FROM files WHERE path=?");
+    for (const auto& rel : scan.goneFiles) {
+        if (!gone.bind(1, rel).run())
+            return false;
+    }
+    SqliteStatement put(db_.get(),
+                        "INSERT OR REPLACE INTO files(path, size, mtime, ctime, hash, uids) "
+                        "VALUES(?,?,?,?,?,?)");
+    for (const FileStamps* stamps : {&scan.files, &scan.restamped}) {
+        if (!putStamps(put, *stamps))
+            return false;
+    }
+    return true;
+}
+
+bool ContactsIndex::putStamps(SqliteStatement& put, const FileStamps& stamps) {
+    for (const auto& [rel, stamp] : stamps) {
+        std::string uids;
+        for (const auto& uid : stamp.uids) {
+            if (!uids.empty())
+                uids += kUidSeparator;
+            uids += uid;
+        }
+        if (!put.bind(1, rel)
+                 .bind(2, stamp.size)
+                 .bind(3, stamp.mtimeNs)
+                 .bind(4, stamp.ctimeNs)
+                 .bind(5, stamp.contentHash)
+                 .bind(6, uids)
+                 .run())
+            return false;
+    }
+    return true;
 }
 
 bool ContactsIndex::readAddressBooks(const std::set<std::string>& paths,

@@ -3,7 +3,9 @@
 // Tables: meta (database version, schema), address_books, contacts (one row per card ever seen,
 // ids from AUTOINCREMENT so never reused; deleted cards keep their row with deleted = 1), fields
 // (numbers, e-mails and addresses with their own stable ids) and changes (contact id, version,
-// change type; one row per contact and rescan that changed it).
+// change type; one row per contact and rescan that changed it) and files (size, times and UIDs of
+// every .vcf file as last read, with a hash of its bytes, so a rescan reads only the files that
+// changed).
 //
 // Threads: one ContactsIndex per thread (or shared under SQLite's serialized mode, as the main
 // connection is). Writers are serialised across connections and processes by a process-wide mutex
@@ -37,6 +39,9 @@ class ContactsIndex {
     // changed receives the number of contacts that changed.
     int applyScan(const ContactsScan& scan, int& changed);
 
+    // The stamps of the files the index last read, for a partial rescan; empty when unknown.
+    int knownFiles(FileStamps& files);
+
     int currentVersion(int& version);
     int allContacts(std::vector<ContactSummary>& contacts);
     int changesAfter(int addressBookId, int sinceVersion, std::vector<ContactChange>& changes,
@@ -49,6 +54,10 @@ class ContactsIndex {
 
     // The steps of applyScan, inside its transaction; false when a statement fails.
     bool readExisting(std::map<std::string, Existing>& existing);
+    bool readAffected(const ContactsScan& scan, std::map<std::string, Existing>& existing);
+    bool collectExisting(SqliteStatement& sel, std::map<std::string, Existing>& existing);
+    bool writeStamps(const ContactsScan& scan);
+    bool putStamps(SqliteStatement& put, const FileStamps& stamps);
     bool readAddressBooks(const std::set<std::string>& paths, std::map<std::string, int>& books);
     bool applyCards(const ContactsScan& scan, const std::map<std::string, Existing>& existing,
                     std::map<std::string, int>& books, std::set<std::string>& seen,

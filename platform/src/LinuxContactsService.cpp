@@ -69,7 +69,9 @@ int LinuxContactsService::rescanOn(ContactsIndex& index, int& changed) {
         root = root_;
     }
     const auto started = std::chrono::steady_clock::now();
-    const ContactsScan scan = ContactsFolderScanner::scan(root);
+    FileStamps known;
+    index.knownFiles(known);  // on failure empty: the whole folder is read
+    const ContactsScan scan = ContactsFolderScanner::scan(root, known);
     const int rc = index.applyScan(scan, changed);
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                         std::chrono::steady_clock::now() - started)
@@ -77,8 +79,10 @@ int LinuxContactsService::rescanOn(ContactsIndex& index, int& changed) {
     if (rc != CONTACTS_ERROR_NONE) {
         dlog_print(DLOG_ERROR, kTag, "contacts: rescan of %s failed [%d]", root.c_str(), rc);
     } else {
-        dlog_print(DLOG_DEBUG, kTag, "contacts: rescan of %zu cards, %d changed, %lld ms",
-                   scan.cards.size(), changed, static_cast<long long>(ms));
+        dlog_print(DLOG_DEBUG, kTag,
+                   "contacts: rescan (%s) read %zu cards of %zu files, %d changed, %lld ms",
+                   scan.complete ? "all files" : "changed files", scan.cards.size(),
+                   scan.files.size(), changed, static_cast<long long>(ms));
     }
     return rc;
 }

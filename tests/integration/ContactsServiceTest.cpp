@@ -6,6 +6,7 @@
 #include <pelio/platform/MainLoop.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -163,6 +164,54 @@ TEST_F(ContactsServiceTest, ChangeLogByVersionAndStableIds) {
     names = byName();
     EXPECT_EQ(std::vector<int>({names["Ann Updated"].id, names["Bob"].id, names["Dan"].id}),
               std::vector<int>({ann, bob, dan}));
+    EXPECT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
+}
+
+// Files older than a few seconds are trusted by their size and times: a rescan reads only what
+// changed, and still sees updates, new files, vanished files and duplicate UIDs.
+TEST_F(ContactsServiceTest, RescanReadsOnlyChangedFiles) {
+    const auto age = [this](const std::string& rel) {
+        const fs::path p = fs::path(root_) / rel;
+        fs::last_write_time(p, fs::last_write_time(p) - std::chrono::hours(1));
+    };
+    write("a.vcf", card("uid-ann", "Ann") + card("", "Bob"));
+    write("big/c.vcf", card("uid-cat", "Cat") + card("uid-cid", "Cid"));
+    age("a.vcf");
+    age("big/c.vcf");
+    ASSERT_EQ(contactsService().connect(), CONTACTS_ERROR_NONE);
+    EXPECT_TRUE(log_.contains("rescan (all files) read 4 cards of 2 files, 4 changed"));
+    const int v1 = version();
+    auto names = byName();
+
+    write("a.vcf", card("uid-ann", "Ann Updated"));  // Bob vanishes from a re-read file
+    write("big/d.vcf", card("uid-dan", "Dan"));
+    age("a.vcf");
+    age("big/d.vcf");
+    rescan();
+    EXPECT_TRUE(log_.contains("rescan (changed files) read 2 cards of 2 files, 3 changed"));
+    auto changes = changesAfter(v1);
+    ASSERT_EQ(changes.size(), 3u);
+    EXPECT_EQ(changes[names["Ann"].id].type, CONTACTS_CHANGE_UPDATED);
+    EXPECT_EQ(changes[names["Bob"].id].type, CONTACTS_CHANGE_DELETED);
+    names = byName();
+    EXPECT_TRUE(names.count("Dan") && !names["Cat"].deleted && !names["Cid"].deleted);
+
+    // A removed file's cards vanish although nothing else is read; a file with new times but the
+    // same bytes is not parsed again.
+    const int v2 = version();
+    fs::remove(fs::path(root_) / "big/c.vcf");
+    age("a.vcf");
+    rescan();
+    EXPECT_TRUE(log_.contains("rescan (changed files) read 0 cards of 0 files, 2 changed"));
+    EXPECT_EQ(changesAfter(v2).size(), 2u);
+    EXPECT_TRUE(byName()["Cat"].deleted);
+
+    // A UID seen twice makes keys depend on every file: everything is read again.
+    write("big/e.vcf", card("uid-ann", "Ann Again"));
+    rescan();
+    EXPECT_TRUE(log_.contains("rescan (all files)") && log_.contains("UID uid-ann appears twice"));
+    names = byName();
+    EXPECT_TRUE(names.count("Ann Again") && !names["Ann Updated"].deleted);
     EXPECT_EQ(contactsService().disconnect(), CONTACTS_ERROR_NONE);
 }
 
