@@ -52,20 +52,23 @@ FileStamp stampOf(const fs::path& p) {
     return stamp;
 }
 
-// The .vcf files under root, sorted by path; hidden files and folders are skipped.
-std::vector<ListedFile> listFiles(const std::string& root) {
+// The .vcf files under root, sorted by path; hidden files and folders are skipped. ok turns false
+// when the listing failed part of the way.
+std::vector<ListedFile> listFiles(const std::string& root, bool& ok) {
     std::vector<fs::path> paths;
     std::error_code ec;
     fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
     if (ec) {
         dlog_print(DLOG_WARN, kTag, "contacts: cannot list %s: %s", root.c_str(),
                    ec.message().c_str());
+        ok = false;
         return {};
     }
     for (; it != fs::recursive_directory_iterator(); it.increment(ec)) {
         if (ec) {
             dlog_print(DLOG_WARN, kTag, "contacts: listing error under %s: %s", root.c_str(),
                        ec.message().c_str());
+            ok = false;
             break;
         }
         const fs::path& p = it->path();
@@ -221,10 +224,19 @@ void assignKeys(std::vector<ParsedCard>& cards) {
 ContactsScan ContactsFolderScanner::scan(const std::string& root, const FileStamps& known) {
     ContactsScan result;
     std::error_code ec;
-    if (!fs::is_directory(root, ec))
+    if (!fs::is_directory(root, ec)) {
+        // No folder is an empty address book; a folder that cannot be looked at is not.
+        if (ec && ec != std::errc::no_such_file_or_directory && ec != std::errc::not_a_directory) {
+            dlog_print(DLOG_WARN, kTag, "contacts: cannot look at %s: %s", root.c_str(),
+                       ec.message().c_str());
+            result.listed = false;
+        }
         return result;
+    }
 
-    const std::vector<ListedFile> files = listFiles(root);
+    const std::vector<ListedFile> files = listFiles(root, result.listed);
+    if (!result.listed)
+        return result;
     for (const ListedFile& f : files)
         result.addressBooks.insert(f.book);
 

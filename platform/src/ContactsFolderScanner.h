@@ -44,6 +44,9 @@ struct ContactsScan {
     // partial scan: `cards` holds only the cards of the files in `files`, and only cards of those
     // files and of `goneFiles` can have vanished.
     bool complete = true;
+    // False when the folder is there but could not be listed whole (permissions, I/O): the scan
+    // says nothing about what vanished, and the caller keeps its index as it is.
+    bool listed = true;
     std::vector<ParsedCard> cards;
     std::set<std::string> addressBooks;  // relative folder paths that hold .vcf files
     std::set<std::string>

@@ -72,6 +72,11 @@ int LinuxContactsService::rescanOn(ContactsIndex& index, int& changed) {
     FileStamps known;
     index.knownFiles(known);  // on failure empty: the whole folder is read
     const ContactsScan scan = ContactsFolderScanner::scan(root, known);
+    if (!scan.listed) {
+        dlog_print(DLOG_ERROR, kTag, "contacts: %s could not be listed, contacts kept as they are",
+                   root.c_str());
+        return CONTACTS_ERROR_SYSTEM;
+    }
     const int rc = index.applyScan(scan, changed);
     const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                         std::chrono::steady_clock::now() - started)
