@@ -227,6 +227,89 @@ int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
     return 0;
 }
 
+int ContactsSyncHandler::_readContactChanges(GHashTable* map, int synced, int& current,
+                                             std::vector<pp::ContactSummary>& all,
+                                             std::vector<pp::ContactChange>& changes) {
+    auto& contacts = pp::contactsService();
+    int ret = contacts.getCurrentVersion(current);
+    if (ret != pp::CONTACTS_ERROR_NONE) {
+        LOGE("contacts_db_get_current_version is failed!!");
+        return 1;
+    }
+    LOGD("syncedVersion[%d] vs currentVersion[%d]", synced, current);
+
+    ret = contacts.getAllContacts(all);
+    LOGD("ret[%d], allCnt[%d]", ret, static_cast<int>(all.size()));
+    if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
+        LOGE("contacts list next failed with ret[%d]", ret);
+        return 1;
+    }
+    int changesVersion = 0;
+    ret = contacts.getChangesByVersion(-1, synced, changes, changesVersion);
+    LOGD("ret[%d], recordCnt[%d], hashTableSize[%d]", ret, static_cast<int>(changes.size()),
+         static_cast<int>(g_hash_table_size(map)));
+    if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
+        LOGE("contacts list next failed with ret[%d]", ret);
+        return 1;
+    }
+    return 0;
+}
+
+void ContactsSyncHandler::_applyContactChange(GHashTable* map, const pp::ContactChange& change,
+                                              const ContactsById& byId, int current,
+                                              DeltaCounts& counts) {
+    const auto found = byId.find(change.contactId);
+    if (found == byId.end()) {
+        LOGE("Invalid contact");
+        return;
+    }
+    const pp::ContactSummary& contact = *found->second;
+    if (contact.personId < 1) {
+        LOGE("Invalid person");
+        return;
+    }
+    if (contact.displayName.empty()) {
+        LOGE("No display name");
+        return;
+    }
+    const int personId = contact.personId;
+    ContactSyncInfo* info = lookup(map, personId);
+    if (info == nullptr) {
+        const bool removed = change.type == pp::CONTACTS_CHANGE_DELETED;
+        if (removed && !mForcedCollection) {
+            // Never uploaded (or already removed from the server): nothing to delete.
+            LOGD("removed person[%d] was never synced, nothing to send", personId);
+            return;
+        }
+        // A forced collection starts from an empty table, so it cannot tell a removal the
+        // server never heard of from one it did: it sends the deletion (the server answers a
+        // deletion of a missing document as done).
+        info = new ContactSyncInfo;
+        info->id = personId;
+        info->contactId = personId;
+        info->dirty = removed ? plm::DIRTY_DELETED : plm::DIRTY_INSERTED;
+        info->version = current;
+        info->newRow = true;
+        put(map, info);
+        ++(removed ? counts.deleted : counts.inserted);
+    } else if (change.type == pp::CONTACTS_CHANGE_DELETED) {
+        info->dirty = plm::DIRTY_DELETED;
+        info->version = current;
+        ++counts.deleted;
+    } else if (info->version == current) {
+        // Seen again at the version it was collected at (a replay or a retry): the entry keeps
+        // its pending flag.
+        LOGD("person[%d] already collected at version[%d], dirty[%d] kept", personId, current,
+             info->dirty);
+    } else {
+        info->dirty = plm::DIRTY_UPDATED;
+        info->version = current;
+        info->id = personId;
+        info->contactId = personId;
+        ++counts.updated;
+    }
+}
+
 int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
     LOGD("calculate delta - begin");
     int synced = 0;
@@ -235,47 +318,20 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
     }
 
     auto& contacts = pp::contactsService();
-    int ret = contacts.connectOnThread();
-    if (ret != pp::CONTACTS_ERROR_NONE) {
+    if (contacts.connectOnThread() != pp::CONTACTS_ERROR_NONE) {
         LOGE("contacts_connect_on_thread is failed");
         return 1;
     }
 
-    int insertedCnt = 0, updatedCnt = 0, deletedCnt = 0;
-    int result = 0;
+    DeltaCounts counts;
     int current = 0;
-    ret = contacts.getCurrentVersion(current);
-    if (ret != pp::CONTACTS_ERROR_NONE) {
-        LOGE("contacts_db_get_current_version is failed!!");
-        result = 1;
-    }
-    LOGD("syncedVersion[%d] vs currentVersion[%d]", synced, current);
-
     std::vector<pp::ContactSummary> all;
     std::vector<pp::ContactChange> changes;
-    if (result == 0) {
-        ret = contacts.getAllContacts(all);
-        LOGD("ret[%d], allCnt[%d]", ret, static_cast<int>(all.size()));
-        if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
-            LOGE("contacts list next failed with ret[%d]", ret);
-            result = 1;
-        }
-    }
-    if (result == 0) {
-        int changesVersion = 0;
-        ret = contacts.getChangesByVersion(-1, synced, changes, changesVersion);
-        LOGD("ret[%d], recordCnt[%d], hashTableSize[%d]", ret, static_cast<int>(changes.size()),
-             static_cast<int>(g_hash_table_size(map)));
-        if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
-            LOGE("contacts list next failed with ret[%d]", ret);
-            result = 1;
-        }
-    }
-
+    int result = _readContactChanges(map, synced, current, all, changes);
     if (result == 0) {
         // The contact list in its own order, found by id (the first entry of an id wins, as a
         // walk from the start would find it).
-        std::unordered_map<int, const pp::ContactSummary*> byId;
+        ContactsById byId;
         byId.reserve(all.size());
         for (const auto& c : all)
             byId.emplace(c.id, &c);
@@ -286,56 +342,7 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
                 result = 2;
                 break;
             }
-            const auto found = byId.find(change.contactId);
-            if (found == byId.end()) {
-                LOGE("Invalid contact");
-                continue;
-            }
-            const pp::ContactSummary& contact = *found->second;
-            if (contact.personId < 1) {
-                LOGE("Invalid person");
-                continue;
-            }
-            if (contact.displayName.empty()) {
-                LOGE("No display name");
-                continue;
-            }
-            const int personId = contact.personId;
-            ContactSyncInfo* info = lookup(map, personId);
-            if (info == nullptr) {
-                const bool removed = change.type == pp::CONTACTS_CHANGE_DELETED;
-                if (removed && !mForcedCollection) {
-                    // Never uploaded (or already removed from the server): nothing to delete.
-                    LOGD("removed person[%d] was never synced, nothing to send", personId);
-                    continue;
-                }
-                // A forced collection starts from an empty table, so it cannot tell a removal
-                // the server never heard of from one it did: it sends the deletion (the server
-                // answers a deletion of a missing document as done).
-                info = new ContactSyncInfo;
-                info->id = personId;
-                info->contactId = personId;
-                info->dirty = removed ? plm::DIRTY_DELETED : plm::DIRTY_INSERTED;
-                info->version = current;
-                info->newRow = true;
-                put(map, info);
-                ++(removed ? deletedCnt : insertedCnt);
-            } else if (change.type == pp::CONTACTS_CHANGE_DELETED) {
-                info->dirty = plm::DIRTY_DELETED;
-                info->version = current;
-                ++deletedCnt;
-            } else if (info->version == current) {
-                // Seen again at the version it was collected at (a replay or a retry): the entry
-                // keeps its pending flag.
-                LOGD("person[%d] already collected at version[%d], dirty[%d] kept", personId,
-                     current, info->dirty);
-            } else {
-                info->dirty = plm::DIRTY_UPDATED;
-                info->version = current;
-                info->id = personId;
-                info->contactId = personId;
-                ++updatedCnt;
-            }
+            _applyContactChange(map, change, byId, current, counts);
         }
         if (result == 0)
             mReadVersion = current;
@@ -343,7 +350,7 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
 
     contacts.disconnectOnThread();
     LOGD("calculate delta end - insertedCnt[%d], updatedCnt[%d], deletedCnt[%d] - result[%d]",
-         insertedCnt, updatedCnt, deletedCnt, result);
+         counts.inserted, counts.updated, counts.deleted, result);
     return result;
 }
 

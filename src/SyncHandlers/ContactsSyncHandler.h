@@ -22,6 +22,10 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include <pelio/platform/Contacts.h>
 
 #include "SyncHandlers/BaseSyncHandler.h"
 #include "database/DirtyFlag.h"
@@ -65,6 +69,23 @@ class ContactsSyncHandler : public BaseSyncHandler {
     bool _isSyncRequiredByContactsDbVersion();
     int _readOldSyncData(GHashTable* map);
     int _calcuDeltaSyncData(GHashTable* map);
+
+    // What one delta calculation marked, for its closing log line.
+    struct DeltaCounts {
+        int inserted = 0;
+        int updated = 0;
+        int deleted = 0;
+    };
+    using ContactsById = std::unordered_map<int, const pelio::platform::ContactSummary*>;
+    // Reads the current version, the contact list and the change log since `synced` on this
+    // thread's connection; 0, or 1 when the contacts service failed.
+    int _readContactChanges(GHashTable* map, int synced, int& current,
+                            std::vector<pelio::platform::ContactSummary>& all,
+                            std::vector<pelio::platform::ContactChange>& changes);
+    // Marks the person of one change record in the map (a new entry, a deletion, an update, or
+    // nothing for a record without a valid person or name).
+    void _applyContactChange(GHashTable* map, const pelio::platform::ContactChange& change,
+                             const ContactsById& byId, int current, DeltaCounts& counts);
     int _writeNewSyncData(GHashTable* map);
 
     // Version read by the running collection, and by the last one whose rows were committed
