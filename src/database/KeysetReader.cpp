@@ -1,5 +1,6 @@
 #include "database/KeysetReader.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <vector>
 
@@ -9,9 +10,24 @@
 
 using pelio::platform::Bundle;
 
-bool KeysetReader::readAll(const std::string& table, const std::string& projection,
-                           const std::string& where, int pageRows,
+namespace {
+
+// The rows one SELECT of this projection can move within the row-transfer bound (DbManager.h: a
+// projection of L characters naming k columns allows k + 4094 - L column reads), one row spare;
+// at most `wanted`.
+int boundedPageRows(const std::string& projection, int wanted) {
+    const int columns = 1 + static_cast<int>(std::count(projection.begin(), projection.end(), ','));
+    const int reads = columns + 4094 - static_cast<int>(projection.size());
+    return std::max(1, std::min(wanted, reads / columns - 1));
+}
+
+}  // namespace
+
+bool KeysetReader::readAll(const std::string& table, const std::string& columns,
+                           const std::string& where, int wantedRows,
                            const std::function<void(const Bundle& row)>& onRow) {
+    const std::string projection = "rowid, " + columns;
+    const int pageRows = boundedPageRows(projection, wantedRows);
     long long last = 0;
     for (;;) {
         const long long pageStart = last;
@@ -19,7 +35,7 @@ bool KeysetReader::readAll(const std::string& table, const std::string& projecti
         Bundle result;
         request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_SELECT);
         request.addStr(bundlekeys::URI_TABLE_NAME, table);
-        request.addStr(bundlekeys::PROJECTION, "rowid, " + projection);
+        request.addStr(bundlekeys::PROJECTION, projection);
         std::string condition = "rowid > " + std::to_string(last);
         if (!where.empty())
             condition += " AND (" + where + ")";

@@ -16,7 +16,8 @@
 class KeysetReader {
   public:
     // projection: the column list without rowid; each row comes with COL0 = rowid, then the
-    // projection's columns from COL1. where: an extra condition ("dirty != 4") or "".
+    // projection's columns from COL1. where: an extra condition ("dirty != 4") or "". pageRows:
+    // rows per SELECT wanted; fewer when the projection would not fit the bound with that many.
     static bool readAll(const std::string& table, const std::string& projection,
                         const std::string& where, int pageRows,
                         const std::function<void(const pelio::platform::Bundle& row)>& onRow);

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "database/KeysetReader.h"
 #include "support/StoreFixture.h"
 
 using pelio::platform::Bundle;
@@ -156,6 +157,22 @@ TEST_F(DbManagerTest, RowTransferFailsWhenTheCursorReachesTheBufferEnd) {
     EXPECT_EQ(4093, failed.count());  // the rows moved before the failure stay
     EXPECT_TRUE(rowOf(failed, 4092).has_value());
     EXPECT_FALSE(rowOf(failed, 4093).has_value());
+
+    // A paged reader asked for more rows per page than its projection allows reads them all.
+    std::string rows = "BEGIN;";
+    for (int i = 0; i < 1000; ++i)
+        rows +=
+            "INSERT INTO application (_id, rev_id, version, name, custom_id, package, "
+            "pre_installed, dirty) VALUES ('a" +
+            std::to_string(i) +
+            "', 'r', '1', 'n', 'c', "
+            "'p', '0', '1');";
+    exec(rows + "COMMIT;");
+    int read = 0;
+    EXPECT_TRUE(KeysetReader::readAll(
+        "application", "_id, rev_id, version, name, custom_id, package, pre_installed, dirty", "",
+        1000, [&](const Bundle&) { ++read; }));
+    EXPECT_EQ(1000, read);
 }
 
 TEST_F(DbManagerTest, OutcomeOfEmptyUnknownAndDropOperations) {
