@@ -109,6 +109,16 @@ bool ContactsIndex::exec(const char* sql) {
     return true;
 }
 
+SqliteStatement& ContactsIndex::cached(const char* sql) {
+    std::unique_ptr<SqliteStatement>& slot = statements_[sql];
+    if (!slot) {
+        slot = std::make_unique<SqliteStatement>(db_.get(), sql);
+    } else {
+        slot->reset();
+    }
+    return *slot;
+}
+
 int ContactsIndex::readVersion(int& version) {
     SqliteStatement st(db_.get(), "SELECT value FROM meta WHERE key = 'version'");
     if (st.step() != SQLITE_ROW)
@@ -139,7 +149,7 @@ bool ContactsIndex::writeContact(int id, const ParsedCard& card, int bookId, boo
                  "display_name=?, has_name=?, favorite=?, first=?, last=?, addition=?, prefix=?, "
                  "suffix=?, phonetic_first=?, phonetic_middle=?, phonetic_last=?, card_key=?, "
                  "deleted=0 WHERE id=?";
-    SqliteStatement st(db_.get(), sql);
+    SqliteStatement& st = cached(sql);
     st.bind(1, bookId)
         .bind(2, card.file)
         .bind(3, card.fingerprint())
@@ -169,9 +179,8 @@ bool ContactsIndex::writeFields(int contactId, const ParsedCard& card) {
     for (int kind : {kNumber, kEmail, kAddress}) {
         std::multimap<std::string, int> old;  // value -> field id, in id order
         {
-            SqliteStatement sel(db_.get(),
-                                "SELECT id, value FROM fields WHERE contact_id=? AND kind=? "
-                                "ORDER BY id");
+            SqliteStatement& sel = cached(
+                "SELECT id, value FROM fields WHERE contact_id=? AND kind=? ORDER BY id");
             sel.bind(1, contactId).bind(2, kind);
             int rc;
             while ((rc = sel.step()) == SQLITE_ROW)
@@ -179,12 +188,11 @@ bool ContactsIndex::writeFields(int contactId, const ParsedCard& card) {
             if (rc != SQLITE_DONE)
                 return false;
         }
-        SqliteStatement upd(db_.get(),
-                            "UPDATE fields SET position=?, type=?, is_default=?, label=? "
-                            "WHERE id=?");
-        SqliteStatement ins(db_.get(),
-                            "INSERT INTO fields(contact_id, kind, position, value, type, "
-                            "is_default, label) VALUES(?,?,?,?,?,?,?)");
+        SqliteStatement& upd =
+            cached("UPDATE fields SET position=?, type=?, is_default=?, label=? WHERE id=?");
+        SqliteStatement& ins = cached(
+            "INSERT INTO fields(contact_id, kind, position, value, type, is_default, label) "
+            "VALUES(?,?,?,?,?,?,?)");
         const auto values = fieldsOf(card, kind);
         for (size_t pos = 0; pos < values.size(); ++pos) {
             const FieldValue& v = values[pos];
@@ -211,7 +219,7 @@ bool ContactsIndex::writeFields(int contactId, const ParsedCard& card) {
             if (!ok)
                 return false;
         }
-        SqliteStatement del(db_.get(), "DELETE FROM fields WHERE id=?");
+        SqliteStatement& del = cached("DELETE FROM fields WHERE id=?");
         for (const auto& [value, id] : old) {
             if (!del.bind(1, id).run())
                 return false;
@@ -397,8 +405,8 @@ bool ContactsIndex::applyCards(const ContactsScan& scan,
                                  old.deleted ? CONTACTS_CHANGE_INSERTED : CONTACTS_CHANGE_UPDATED);
         } else if (old.sourceFile != card.file || old.bookId != bookId) {
             // Moved without a visible change: follow it quietly.
-            SqliteStatement mv(db_.get(),
-                               "UPDATE contacts SET source_file=?, address_book_id=? WHERE id=?");
+            SqliteStatement& mv =
+                cached("UPDATE contacts SET source_file=?, address_book_id=? WHERE id=?");
             if (!mv.bind(1, card.file).bind(2, bookId).bind(3, old.id).run())
                 return false;
         }
@@ -504,10 +512,10 @@ int ContactsIndex::contactByPersonId(int personId, ContactRecord& record) {
         return CONTACTS_ERROR_DB;
     int rc = CONTACTS_ERROR_NONE;
     {
-        SqliteStatement sel(db_.get(),
-                            "SELECT display_name, has_name, favorite, first, last, addition, "
-                            "prefix, suffix, phonetic_first, phonetic_middle, phonetic_last "
-                            "FROM contacts WHERE id=? AND deleted=0");
+        SqliteStatement& sel =
+            cached("SELECT display_name, has_name, favorite, first, last, addition, prefix, "
+                   "suffix, phonetic_first, phonetic_middle, phonetic_last FROM contacts "
+                   "WHERE id=? AND deleted=0");
         const int step = sel.bind(1, personId).step();
         if (step == SQLITE_ROW) {
             record.id = personId;
@@ -526,11 +534,12 @@ int ContactsIndex::contactByPersonId(int personId, ContactRecord& record) {
         } else {
             rc = step == SQLITE_DONE ? CONTACTS_ERROR_NO_DATA : CONTACTS_ERROR_DB;
         }
+        sel.reset();  // a statement left on its row would hold this read open
     }
     if (rc == CONTACTS_ERROR_NONE) {
-        SqliteStatement sel(db_.get(),
-                            "SELECT id, kind, value, type, is_default, label FROM fields "
-                            "WHERE contact_id=? ORDER BY kind, position");
+        SqliteStatement& sel = cached(
+            "SELECT id, kind, value, type, is_default, label FROM fields WHERE contact_id=? "
+            "ORDER BY kind, position");
         sel.bind(1, personId);
         int step;
         while ((step = sel.step()) == SQLITE_ROW) {

@@ -19,9 +19,11 @@
 #include <pelio/platform/Contacts.h>
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -72,9 +74,13 @@ class ContactsIndex {
     int addressBookId(const std::string& path, int& id);
     bool writeContact(int id, const ParsedCard& card, int bookId, bool insert, int& newId);
     bool writeFields(int contactId, const ParsedCard& card);
+    // The statement of `sql` on this connection, prepared the first time and reset since its
+    // last use. Used under mutex_ only; finalised before the connection closes.
+    SqliteStatement& cached(const char* sql);
 
     std::mutex mutex_;  // one transaction at a time on this connection
     SqliteDb db_;
+    std::unordered_map<std::string, std::unique_ptr<SqliteStatement>> statements_;
 };
 
 }  // namespace pelio::platform

@@ -236,6 +236,18 @@ json forwardRound(const std::vector<BulkGateway::Item*>& pending,
     return forward;
 }
 
+// Whether the database holds a live document that one of `pending` replaces without "_rev".
+bool storesAnyInsert(const std::vector<BulkGateway::Item*>& pending,
+                     const std::map<std::string, Current>& current) {
+    for (const BulkGateway::Item* p : pending) {
+        const auto found = p->owned && !p->deletion ? current.find(p->id) : current.end();
+        if (found != current.end() && !found->second.deleted) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // Posts one round; `results` gets one answer per sent document. When the database refuses the
 // whole write, each document goes on its own so that each gets its answer.
 std::optional<BulkGateway::Answer> postRound(const CouchClient& couch, const std::string& dbPath,
@@ -399,10 +411,13 @@ std::optional<BulkGateway::Answer> BulkGateway::write(const std::string& dbPath,
     }
     std::vector<json>& answers = batch.answers;
     std::vector<std::string> conflicted;
-    for (int round = 1; !pending.empty(); ++round) {
+    // Round 0 writes the documents without "_rev" as new ones, looking up deletions only; those
+    // that were stored already conflict and go to the rounds that look their revisions up.
+    bool foundStored = false;
+    for (int round = hints_.expectsStored(dbPath) ? 1 : 0; !pending.empty(); ++round) {
         std::vector<std::string> ids;
         for (const Item* p : pending) {
-            if (p->owned) {
+            if (p->owned && (round > 0 || p->deletion)) {
                 ids.push_back(p->id);
             }
         }
@@ -411,6 +426,7 @@ std::optional<BulkGateway::Answer> BulkGateway::write(const std::string& dbPath,
         if (!current) {
             return databaseTrouble(status, "revision lookup");
         }
+        foundStored = foundStored || storesAnyInsert(pending, *current);
         std::vector<Item*> sent;
         const json forward = forwardRound(pending, *current, answers, sent);
         std::vector<json> results;
@@ -425,7 +441,8 @@ std::optional<BulkGateway::Answer> BulkGateway::write(const std::string& dbPath,
             const bool conflict =
                 results[k].is_object() && results[k].value("error", "") == "conflict";
             if (conflict && p->owned && round < kMaxTries) {
-                again.push_back(p);  // another write got in between
+                foundStored = foundStored || (round == 0 && !p->deletion);
+                again.push_back(p);  // stored already, or another write got in between
                 continue;
             }
             answers[p->slot] = results[k];
@@ -435,6 +452,7 @@ std::optional<BulkGateway::Answer> BulkGateway::write(const std::string& dbPath,
         }
         pending = std::move(again);
     }
+    hints_.remember(dbPath, foundStored);
     if (!conflicted.empty()) {
         explainConflicts(couch_, dbPath, conflicted, answers);
     }

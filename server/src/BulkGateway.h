@@ -9,11 +9,14 @@
 #include <vector>
 
 #include "CouchClient.h"
+#include "ReplaceHints.h"
 #include "SessionToken.h"
 
 // POST <dburl>/_bulk_docs: checks the session cookie, then writes the documents to the device's
 // database with these rules:
-// - a document without "_rev" creates or replaces (the current revision is looked up and set);
+// - a document without "_rev" creates or replaces (the current revision is looked up and set;
+//   while a database's last write found none of these stored, they are first written as new
+//   documents and only those that conflict are looked up: see ReplaceHints);
 // - a stale "_rev" answers {"id","error":"conflict","reason":"Document update conflict.","rev":
 //   <current revision>};
 // - {"_deleted":true} removes the document whatever revision it carries; deleting a missing
@@ -24,10 +27,10 @@
 //   member the database would refuse) is answered in that document's element; the others are
 //   stored. Only an unreachable database fails the whole request (502).
 // The answer is a JSON array in the order of "docs" (plain text; the listener gzips it). A batch
-// costs at most a fixed number of database requests (three rounds of one revision lookup and one
-// write, and one lookup for the conflicts), except when the database refuses a whole write: then
+// costs at most a fixed number of database requests (a first write, three rounds of one revision
+// lookup and one write, and one lookup for the conflicts), except when the database refuses a whole write: then
 // its documents are written one by one so that each gets its own answer.
-// Thread-safe: holds no mutable state.
+// Thread-safe: its only mutable state is the ReplaceHints, which locks.
 class BulkGateway {
   public:
     struct Answer {
@@ -72,4 +75,5 @@ class BulkGateway {
     const SessionToken& tokens_;
     std::size_t maxBodyBytes_;
     std::function<std::int64_t()> clock_;
+    mutable ReplaceHints hints_;
 };
