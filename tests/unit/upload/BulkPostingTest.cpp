@@ -12,6 +12,7 @@
 #include "support/LogCapture.h"
 #include "unit/sync/SyncTestSupport.h"
 #include "unit/upload/UploadTestSupport.h"
+#include "upload/DocsSplitter.h"
 
 using pelio::test::LogCapture;
 
@@ -116,6 +117,27 @@ TEST_F(BulkPostingThreadedTest, PartsOfAHundredStandAloneAndOnePartInCompanionMo
 
     for (const char* bad : {"{\"docs\":[]}", "{\"other\":1}", "not json"})
         EXPECT_TRUE(peer.parts(bad, 100).empty()) << bad;
+
+    // A body as the composers write it (the generator's compact text, which is what the parser's
+    // way writes back as one part) is cut as it stands, into the parts the parser's way makes.
+    const std::string docs =
+        R"({"_id":"q","t":"a \"}{[ b\\","n":[1,{"x":[]}],"u":"\u00e9\u0001"},{"_id":"r","v":-1.5e3},)"
+        R"({"_id":"s","e":{},"a":[[],[{}]],"z":null})";
+    const std::string parsed = "{\"n\":1,\"docs\":[" + docs + "]}";
+    const std::vector<std::string> whole = peer.parts(parsed, 1000);
+    ASSERT_EQ(whole.size(), 1u);
+    std::vector<std::string> cut;
+    std::vector<int> sizes;
+    for (int unit : {1, 2, 100}) {
+        ASSERT_TRUE(DocsSplitter::split(whole[0], unit, cut, sizes)) << unit;
+        EXPECT_EQ(cut, peer.parts(parsed, unit)) << unit;
+    }
+    EXPECT_EQ(sizes, (std::vector<int>{3}));
+    // Anything else takes the parser's way; unbalanced elements are not cut blindly.
+    for (const char* other : {R"({"docs":[{"a":1} ]})", R"({"docs":[{"a":[}]]})",
+                              R"({"docs":[{"a":"open]})", R"({"docs":[{"a":1}}]})"})
+        EXPECT_FALSE(DocsSplitter::split(other, 100, cut, sizes)) << other;
+    EXPECT_TRUE(peer.parts(R"({"docs":[{"a":[}]]})", 100).empty());
 }
 
 TEST_F(BulkPostingThreadedTest, PostsGzipPartsAndJoinsTheCleanedReplies) {
