@@ -179,8 +179,8 @@ bool ContactsIndex::writeFields(int contactId, const ParsedCard& card) {
     for (int kind : {kNumber, kEmail, kAddress}) {
         std::multimap<std::string, int> old;  // value -> field id, in id order
         {
-            SqliteStatement& sel = cached(
-                "SELECT id, value FROM fields WHERE contact_id=? AND kind=? ORDER BY id");
+            SqliteStatement& sel =
+                cached("SELECT id, value FROM fields WHERE contact_id=? AND kind=? ORDER BY id");
             sel.bind(1, contactId).bind(2, kind);
             int rc;
             while ((rc = sel.step()) == SQLITE_ROW)
@@ -512,10 +512,10 @@ int ContactsIndex::contactByPersonId(int personId, ContactRecord& record) {
         return CONTACTS_ERROR_DB;
     int rc = CONTACTS_ERROR_NONE;
     {
-        SqliteStatement& sel =
-            cached("SELECT display_name, has_name, favorite, first, last, addition, prefix, "
-                   "suffix, phonetic_first, phonetic_middle, phonetic_last FROM contacts "
-                   "WHERE id=? AND deleted=0");
+        SqliteStatement& sel = cached(
+            "SELECT display_name, has_name, favorite, first, last, addition, prefix, "
+            "suffix, phonetic_first, phonetic_middle, phonetic_last FROM contacts "
+            "WHERE id=? AND deleted=0");
         const int step = sel.bind(1, personId).step();
         if (step == SQLITE_ROW) {
             record.id = personId;

@@ -28,9 +28,9 @@
 //   stored. Only an unreachable database fails the whole request (502).
 // The answer is a JSON array in the order of "docs" (plain text; the listener gzips it). A batch
 // costs at most a fixed number of database requests (a first write, three rounds of one revision
-// lookup and one write, and one lookup for the conflicts), except when the database refuses a whole write: then
-// its documents are written one by one so that each gets its own answer.
-// Thread-safe: its only mutable state is the ReplaceHints, which locks.
+// lookup and one write, and one lookup for the conflicts), except when the database refuses a whole
+// write: then its documents are written one by one so that each gets its own answer. Thread-safe:
+// its only mutable state is the ReplaceHints, which locks.
 class BulkGateway {
   public:
     struct Answer {

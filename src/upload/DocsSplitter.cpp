@@ -67,8 +67,7 @@ bool DocsSplitter::split(std::string_view body, int unit, std::vector<std::strin
     parts.clear();
     sizes.clear();
     if (unit < 1 || body.size() < kHead.size() + kTail.size() + 1 ||
-        body.substr(0, kHead.size()) != kHead ||
-        body.substr(body.size() - kTail.size()) != kTail) {
+        body.substr(0, kHead.size()) != kHead || body.substr(body.size() - kTail.size()) != kTail) {
         return false;
     }
     const std::string_view docs = body.substr(kHead.size(), body.size() - kHead.size() - 2);

@@ -24,6 +24,7 @@
 #include "observers/CellularObserver.h"
 #include "observers/MainObserver.h"
 #include "pref/PrefMgr.h"
+#include "upload/BodyPoster.h"
 #include "upload/DataUploadHandler.h"
 #include "upload/PLMSyncMasterTable.h"
 #include "upload/SyncData.h"
@@ -897,13 +898,22 @@ bool PLMSyncManager::composeAndSync(int item) {
 }
 
 std::unique_ptr<SyncData> PLMSyncManager::_composeAndPost(UploadRun& run) {
-    const BodySink sink = [this, &run](std::string body, const std::shared_ptr<SentRows>& sent) {
+    // The next body is composed while the last one is posted.
+    BodyPoster poster([this, &run](std::string body, const std::shared_ptr<SentRows>& sent) {
         return _postBody(run, std::move(body), sent);
+    });
+    const BodySink sink = [this, &run, &poster](std::string body,
+                                                const std::shared_ptr<SentRows>& sent) {
+        // The session is opened here, for the first body, before anything goes up.
+        if (!run.sessionTried && !_openSessionFor(run))
+            return false;
+        return run.sessionOpen && poster.submit(std::move(body), sent);
     };
-    if (mHooks.makeSyncData)
-        return mHooks.makeSyncData(run.item, sink);
-    JSONComposer composer;
-    return composer.makeSyncData(run.item, sink);
+    std::unique_ptr<SyncData> data = mHooks.makeSyncData
+                                         ? mHooks.makeSyncData(run.item, sink)
+                                         : JSONComposer().makeSyncData(run.item, sink);
+    poster.finish();  // a failed post has set run.allPosted false
+    return data;
 }
 
 void PLMSyncManager::_nothingToSync(int item, const SyncData* syncData) {
@@ -960,10 +970,6 @@ bool PLMSyncManager::_openSessionFor(UploadRun& run) {
 
 bool PLMSyncManager::_postBody(UploadRun& run, std::string body,
                                const std::shared_ptr<SentRows>& sent) {
-    if (!run.sessionTried && !_openSessionFor(run))
-        return false;
-    if (!run.sessionOpen)
-        return false;
     if (_uploader() == nullptr) {
         LOGD("reset sync is called");
         run.allPosted = false;

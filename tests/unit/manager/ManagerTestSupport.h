@@ -128,7 +128,7 @@ class ManagerFixture : public ::testing::Test {
             return std::unique_ptr<DataUploadHandler>(std::move(uploader));
         };
         // Hands the item's bodies over one at a time, as the composers do; composedBeforePost_
-        // records, per body, how many posts the uploader had seen when it was handed over.
+        // records, per body, how many posts the uploader had seen when it was composed.
         hooks.makeSyncData = [this](int item, const BodySink& sink) -> std::unique_ptr<SyncData> {
             std::vector<std::string> bodies;
             {
@@ -145,7 +145,7 @@ class ManagerFixture : public ::testing::Test {
             if (auto sent = sent_.find(item); sent != sent_.end())
                 data->sentRows = std::make_shared<SentRows>(sent->second);
             for (std::string& body : bodies) {
-                composedBeforePost_.push_back(uploader_ ? uploader_->posted.size() : 0);
+                composedBeforePost_.push_back(postedCount());
                 if (!sink(std::move(body), data->sentRows)) {
                     data->complete = false;
                     break;
@@ -166,6 +166,13 @@ class ManagerFixture : public ::testing::Test {
         hooks.stopDomainWorkers = [this] { ++stopCalls_; };
         PLMSyncManager::setHooksForTesting(hooks);
         return PLMSyncManager::getInstance();
+    }
+
+    size_t postedCount() {
+        if (uploader_ == nullptr)
+            return 0;
+        std::lock_guard<std::mutex> g(uploader_->mutex);
+        return uploader_->posted.size();
     }
 
     static std::string status(const char* key) { return master_get_value(key); }
