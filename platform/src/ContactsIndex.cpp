@@ -110,13 +110,7 @@ bool ContactsIndex::exec(const char* sql) {
 }
 
 SqliteStatement& ContactsIndex::cached(const char* sql) {
-    std::unique_ptr<SqliteStatement>& slot = statements_[sql];
-    if (!slot) {
-        slot = std::make_unique<SqliteStatement>(db_.get(), sql);
-    } else {
-        slot->reset();
-    }
-    return *slot;
+    return statements_.get(db_.get(), sql);
 }
 
 int ContactsIndex::readVersion(int& version) {

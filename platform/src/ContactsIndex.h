@@ -14,16 +14,15 @@
 #pragma once
 
 #include "ContactsFolderScanner.h"
+#include "StatementCache.h"
 #include "pelio/platform/SqliteStatement.h"
 
 #include <pelio/platform/Contacts.h>
 
 #include <map>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -80,7 +79,7 @@ class ContactsIndex {
 
     std::mutex mutex_;  // one transaction at a time on this connection
     SqliteDb db_;
-    std::unordered_map<std::string, std::unique_ptr<SqliteStatement>> statements_;
+    StatementCache statements_;
 };
 
 }  // namespace pelio::platform

@@ -40,6 +40,7 @@ constexpr const char* kSongColumns =
     "COALESCE(al.name, ''), COALESCE(ar.name, ''), COALESCE(g.name, '') FROM songs s "
     "LEFT JOIN albums al ON al.id = s.album_id LEFT JOIN artists ar ON ar.id = s.artist_id "
     "LEFT JOIN genres g ON g.id = s.genre_id ";
+const std::string kSongById = std::string(kSongColumns) + "WHERE s.id = ?";
 
 }  // namespace
 
@@ -305,10 +306,7 @@ int MediaIndex::removeVanished(const StampMap& songs, const StampMap& lists,
     return changed;
 }
 
-int MediaIndex::songsWhere(const std::string& where, long long id,
-                           std::vector<MediaInfoRecord>& out) {
-    const std::string sql = std::string(kSongColumns) + where;
-    SqliteStatement st(db_.get(), sql.c_str());
+int MediaIndex::songsWhere(SqliteStatement& st, long long id, std::vector<MediaInfoRecord>& out) {
     if (!st.ok())
         return MEDIA_CONTENT_ERROR_DB_FAILED;
     if (id != 0)
@@ -335,12 +333,20 @@ int MediaIndex::songsWhere(const std::string& where, long long id,
 }
 
 int MediaIndex::songs(std::vector<MediaInfoRecord>& out) {
-    return songsWhere("ORDER BY s.id", 0, out);
+    SqliteStatement st(db_.get(), std::string(kSongColumns) + "ORDER BY s.id");
+    return songsWhere(st, 0, out);
 }
 
 int MediaIndex::song(long long id, MediaInfoRecord& out) {
     std::vector<MediaInfoRecord> found;
-    const int rc = songsWhere("WHERE s.id = ?", id, found);
+    int rc;
+    {
+        // One song is looked up for every document: its statement is prepared once.
+        const std::lock_guard<std::mutex> lock(lookupMutex_);
+        SqliteStatement& st = lookups_.get(db_.get(), kSongById.c_str());
+        rc = songsWhere(st, id, found);
+        st.reset();
+    }
     if (rc != MEDIA_CONTENT_ERROR_NONE)
         return rc;
     if (found.empty())

@@ -11,11 +11,13 @@
 // log lines (tag "PelioPlatform").
 #pragma once
 
+#include "StatementCache.h"
 #include "pelio/platform/SqliteStatement.h"
 
 #include <pelio/platform/MediaContent.h>
 
 #include <map>
+#include <mutex>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -62,9 +64,12 @@ class MediaIndex {
     long long albumId(const std::string& name, const std::string& artist);
     bool writeSong(const std::string& path, const FileStamp& stamp, long long existingId);
     bool writePlaylist(const std::string& path, const FileStamp& stamp, long long existingId);
-    int songsWhere(const std::string& where, long long id, std::vector<MediaInfoRecord>& out);
+    // Reads the songs `st` selects (with `id` bound first unless 0).
+    int songsWhere(SqliteStatement& st, long long id, std::vector<MediaInfoRecord>& out);
 
     SqliteDb db_;
+    std::mutex lookupMutex_;  // guards lookups_, used by song() from any thread
+    StatementCache lookups_;
 };
 
 }  // namespace pelio::platform

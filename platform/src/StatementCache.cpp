@@ -1,0 +1,15 @@
+#include "StatementCache.h"
+
+namespace pelio::platform {
+
+SqliteStatement& StatementCache::get(sqlite3* db, const char* sql) {
+    std::unique_ptr<SqliteStatement>& slot = statements_[sql];
+    if (!slot || !slot->ok()) {
+        slot = std::make_unique<SqliteStatement>(db, sql);
+    } else {
+        slot->reset();
+    }
+    return *slot;
+}
+
+}  // namespace pelio::platform
