@@ -252,6 +252,9 @@ int ContactsIndex::applyScan(const ContactsScan& scan, int& changed) {
         return CONTACTS_ERROR_DB;
     }
     changed = static_cast<int>(changes.size());
+    // A rescan reads and writes every row of a new folder; its pages would stay cached for the
+    // life of the connection, though lookups between rescans go through other connections.
+    sqlite3_db_release_memory(db_.get());
     return CONTACTS_ERROR_NONE;
 }
 
