@@ -98,6 +98,11 @@ ContactsIndex::ContactsIndex(const std::string& dbPath) {
     }
 }
 
+void ContactsIndex::limitPageCache(int kib) {
+    if (ok())
+        exec(("PRAGMA cache_size=-" + std::to_string(kib)).c_str());  // a failure is logged
+}
+
 bool ContactsIndex::exec(const char* sql) {
     char* error = nullptr;
     if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, &error) != SQLITE_OK) {

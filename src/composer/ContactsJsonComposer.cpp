@@ -341,6 +341,7 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
     mRows.clear();
 
     _readRows();
+    mRows.shrink_to_fit();  // kept through the whole composition
 
     auto& contacts = pp::contactsService();
     const int connected = contacts.connectOnThread();
