@@ -98,6 +98,11 @@ ContactsIndex::ContactsIndex(const std::string& dbPath) {
     }
 }
 
+void ContactsIndex::limitPageCache(int kib) {
+    if (ok())
+        exec(("PRAGMA cache_size=-" + std::to_string(kib)).c_str());  // a failure is logged
+}
+
 bool ContactsIndex::exec(const char* sql) {
     char* error = nullptr;
     if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, &error) != SQLITE_OK) {
@@ -246,6 +251,9 @@ int ContactsIndex::applyScan(const ContactsScan& scan, int& changed) {
         return CONTACTS_ERROR_DB;
     }
     changed = static_cast<int>(changes.size());
+    // A rescan reads and writes every row of a new folder; its pages would stay cached for the
+    // life of the connection, though lookups between rescans go through other connections.
+    sqlite3_db_release_memory(db_.get());
     return CONTACTS_ERROR_NONE;
 }
 

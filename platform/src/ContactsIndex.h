@@ -49,6 +49,10 @@ class ContactsIndex {
                      int& currentVersion);
     int contactByPersonId(int personId, ContactRecord& record);
 
+    // Caps this connection's page cache at about kib KiB (SQLite's default is 2 MiB a connection).
+    // Lookups by id walk the tables in id order and reuse few pages, so a reader needs little.
+    void limitPageCache(int kib);
+
   private:
     struct Existing;
     using Changes = std::vector<std::pair<int, int>>;  // contact id, change type

@@ -15,6 +15,7 @@ namespace pelio::platform {
 namespace {
 
 constexpr const char* kTag = "PelioPlatform";
+constexpr int kWorkerCacheKiB = 256;
 
 std::string dataHome() {
     const char* xdg = std::getenv("XDG_DATA_HOME");
@@ -162,6 +163,9 @@ int LinuxContactsService::connectOnThread() {
             threads_.erase(std::this_thread::get_id());
             return CONTACTS_ERROR_DB;
         }
+        // A worker's connection reads (a collection, a composition's look-ups); the main one
+        // keeps SQLite's default cache for the rescans.
+        conn.index->limitPageCache(kWorkerCacheKiB);
         conn.count = 1;
         index = conn.index;
         watching = watcher_ != nullptr;

@@ -246,13 +246,13 @@ bool ContactsJsonComposer::_readRows() {
                 return;
             if (revision == "NULL")
                 revision.clear();  // never uploaded: no revision yet
-            ContactComposeRecord record;
-            record.dirty = static_cast<int>(std::strtol(dirty.c_str(), nullptr, 10));
-            record.revision = revision;
-            record.contactId = static_cast<int>(std::strtol(id.c_str(), nullptr, 10));
-            record.rowId = id;
-            record.version = getValStr(&row, columnKey(4));
-            mRecords.push_back(std::move(record));
+            SelectedRow selected;
+            selected.dirty = static_cast<int>(std::strtol(dirty.c_str(), nullptr, 10));
+            selected.revision = std::move(revision);
+            selected.contactId = static_cast<int>(std::strtol(id.c_str(), nullptr, 10));
+            selected.rowId = id;
+            selected.version = getValStr(&row, columnKey(4));
+            mRows.push_back(std::move(selected));
         });
     if (!ok)
         LOGE("dbMgr->plmsvc_db_process failed");
@@ -338,9 +338,10 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
     mItemCounter = 0;
     mJsonArr.reset(json_array_new());
     mResult = std::make_unique<SyncData>();
-    mRecords.clear();
+    mRows.clear();
 
     _readRows();
+    mRows.shrink_to_fit();  // kept through the whole composition
 
     auto& contacts = pp::contactsService();
     const int connected = contacts.connectOnThread();
@@ -358,7 +359,7 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
 
     _setLocaleForJsonFields();
 
-    LOGD("list size is : [%d]", static_cast<int>(mRecords.size()));
+    LOGD("list size is : [%d]", static_cast<int>(mRows.size()));
     const Counts counts = _composeRecords();
 
     if (counts.inserted > 0 || counts.deleted > 0 || counts.updated != 0) {
@@ -377,14 +378,21 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
         result->complete = false;
 
     LOGD("mItemCounter is : [%d]", mItemCounter);
-    mRecords.clear();
+    mRows.clear();
+    mRows.shrink_to_fit();
     return result;
 }
 
 ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
     Counts counts;
     SentRows& sent = *mResult->sentRows;
-    for (auto& record : mRecords) {
+    for (const SelectedRow& selected : mRows) {
+        ContactComposeRecord record;
+        record.contactId = selected.contactId;
+        record.dirty = selected.dirty;
+        record.rowId = selected.rowId;
+        record.version = selected.version;
+        record.revision = selected.revision;
         const std::string idText = std::to_string(record.contactId);
         // Looked up as its document is made, and released after: memory does not grow with the
         // size of the address book.
@@ -420,8 +428,6 @@ ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
                 ++counts.inserted;
             }
         }
-        // What this record looked up is no longer needed once its document exists.
-        record = ContactComposeRecord();
         if (!_appendDocument(std::move(document)))
             break;
     }

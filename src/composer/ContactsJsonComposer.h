@@ -113,9 +113,20 @@ class ContactsJsonComposer : public JSONComposer {
     // the sink says so.
     Counts _composeRecords();
 
+    // What the shadow table says of one selected row. Only this is kept for every row; the
+    // contact's own data is looked up while its document is made, so the list stays small
+    // (about a hundred bytes a row) whatever the size of the address book.
+    struct SelectedRow {
+        int contactId = 0;
+        int dirty = 0;
+        std::string rowId;     // "_id" as stored
+        std::string version;   // "version" as stored ("NULL" when none)
+        std::string revision;  // empty when never uploaded
+    };
+
     int mItemCounter = 0;
     JsonArrayPtr mJsonArr;
     std::unique_ptr<SyncData> mResult;  // the record being filled
-    std::vector<ContactComposeRecord> mRecords;
+    std::vector<SelectedRow> mRows;
     std::string mLocale;  // device locale with "_" ("en_US")
 };

@@ -137,7 +137,7 @@ void MediaJsonComposer::_append(const MediaComposeRecord& record, const char* pr
         sent.key = {{"audio_id", record.id}, {"type", std::to_string(record.type)}};
         sent.state = {{"dirty", std::to_string(record.dirty)}, {"device_mode", record.stamp}};
     }
-    (*mSentRows)[docId] = sent;
+    (*mSentRows)[docId] = std::move(sent);
 
     if (record.dirty == plm::DIRTY_DELETED) {
         json_array_add_object_element(mDocs.get(),
@@ -180,6 +180,16 @@ void MediaJsonComposer::_composeAll(const std::vector<MediaComposeRecord>& list,
         if (mStopped)
             return;
         (this->*make)(record);
+    }
+}
+
+void MediaJsonComposer::_composeSongs() {
+    for (const SongRow& row : mSongs) {
+        if (mStopped)
+            return;
+        MediaComposeRecord record = getSongInfoObject(row.id, row.revision, row.dirty);
+        record.stamp = row.stamp;
+        makeSongItemJson(record);
     }
 }
 
@@ -248,9 +258,7 @@ void MediaJsonComposer::_readAudioRows() {
             MediaComposeRecord record;
             if (type == kTypeSong) {
                 LOGD("is song ");
-                record = getSongInfoObject(id, rev, dirty);
-                record.stamp = column(row, 8);
-                mSongs.push_back(record);
+                mSongs.push_back({id, rev, column(row, 8), dirty});
             } else if (type == kTypeAlbum) {
                 LOGD("is album ");
                 record = getAlbumInfoObject(id, rev, dirty, column(row, 6), column(row, 7));
@@ -314,7 +322,7 @@ std::unique_ptr<SyncData> MediaJsonComposer::makeUploadJSON() {
     LOGD("compose json for playlist ");
     _composeAll(mPlaylists, &MediaJsonComposer::makePlaylistItemJson);
     LOGD("compose json for audio ");
-    _composeAll(mSongs, &MediaJsonComposer::makeSongItemJson);
+    _composeSongs();
     LOGD("compose json for album ");
     _composeAll(mAlbums, &MediaJsonComposer::makeAlbumItemJson);
     LOGD("compose json for artist ");

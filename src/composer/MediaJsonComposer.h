@@ -77,9 +77,21 @@ class MediaJsonComposer : public JSONComposer {
     // Every record of list through make, until the sink stops the upload.
     void _composeAll(const std::vector<MediaComposeRecord>& list,
                      void (MediaJsonComposer::*make)(const MediaComposeRecord&));
+    // Looks each selected song up and makes its document, until the sink stops the upload.
+    void _composeSongs();
+
+    // A selected song row. Only these fields are kept for every song; the song itself is looked
+    // up when its document is made, so the list stays small whatever the size of the library.
+    struct SongRow {
+        std::string id;
+        std::string revision;
+        std::string stamp;  // "device_mode"
+        int dirty = 0;
+    };
 
     JsonArrayPtr mDocs;
-    std::vector<MediaComposeRecord> mSongs, mAlbums, mArtists, mPlaylists;
+    std::vector<SongRow> mSongs;
+    std::vector<MediaComposeRecord> mAlbums, mArtists, mPlaylists;
     int mInserted = 0, mUpdated = 0, mDeleted = 0;
     std::shared_ptr<SentRows> mSentRows;
     SyncData* mRecord = nullptr;  // the record makeUploadJSON fills
