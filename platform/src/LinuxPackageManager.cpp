@@ -63,9 +63,10 @@ std::map<std::string, EntryFile> findEntries() {
             std::error_code fileEc;
             if (path.extension() != kSuffix || !it->is_regular_file(fileEc))
                 continue;
-            // A file in a sub-folder has the folder names, joined by "-", in its id.
-            std::string id = fs::relative(path, folder, fileEc).string();
-            if (fileEc)
+            // A file in a sub-folder has the folder names, joined by "-", in its id. The walk
+            // gives paths below `folder` as written, so the relative path is a matter of text.
+            std::string id = path.lexically_relative(folder).string();
+            if (id.empty() || id.compare(0, 2, "..") == 0)
                 continue;
             id.resize(id.size() - std::char_traits<char>::length(kSuffix));
             for (char& c : id)
