@@ -59,7 +59,7 @@ class ContactsSyncHandler : public BaseSyncHandler {
     // written when no collection was stored since start). 0 on success.
     int writeNewSyncContactsDbVersion(bool reset);
 
-    // Rows per SELECT of _readOldSyncData (keeps one SELECT within the row-transfer bound).
+    // Rows per SELECT of the stored-row reads (keeps one SELECT within the row-transfer bound).
     static constexpr int kReadPageRows = 750;
 
   private:
