@@ -69,6 +69,9 @@ std::string storedProjection() {
 // inside the query text buffer.
 constexpr size_t kMaxIdListChars = 3000;
 
+// Up to this many change records, each contact is looked up by id; more read the whole list.
+constexpr size_t kLookUpLimit = 256;
+
 }  // namespace
 
 void free_contact_info(gpointer info) {
@@ -258,6 +261,8 @@ int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
 }
 
 int ContactsSyncHandler::_readStoredRows(GHashTable* map, const std::set<int>& personIds) {
+    if (mStoredIds == 0)
+        return 0;  // an empty table (a first or forced collection): only this collector adds rows
     std::string list;
     auto flush = [&]() {
         if (list.empty())
@@ -380,23 +385,35 @@ int ContactsSyncHandler::_lookUpChangedContacts(GHashTable* map,
                                                 const std::vector<pp::ContactChange>& changes,
                                                 ContactsById& byId) {
     // Each contact a change record names, found by its id in the contact list, and the stored
-    // rows of its person.
+    // rows of its person. Many records (a first or forced collection) read the list once.
     auto& contacts = pp::contactsService();
-    std::set<int> personIds;
-    for (const auto& change : changes) {
-        if (byId.count(change.contactId) != 0)
-            continue;
-        pp::ContactSummary summary;
-        const int ret = contacts.getContactSummary(change.contactId, summary);
-        if (ret == pp::CONTACTS_ERROR_NO_DATA)
-            continue;  // not in the list: "Invalid contact" when the record is applied
-        if (ret != pp::CONTACTS_ERROR_NONE) {
+    if (changes.size() > kLookUpLimit) {
+        std::vector<pp::ContactSummary> all;
+        const int ret = contacts.getAllContacts(all);
+        if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
             LOGE("contacts list next failed with ret[%d]", ret);
             return 1;
         }
-        if (summary.personId >= 1)
-            personIds.insert(summary.personId);
-        byId.emplace(change.contactId, std::move(summary));
+        for (auto& c : all)
+            byId.emplace(c.id, std::move(c));  // the first entry of an id wins, as in a walk
+    } else {
+        for (const auto& change : changes) {
+            pp::ContactSummary summary;
+            const int ret = contacts.getContactSummary(change.contactId, summary);
+            if (ret == pp::CONTACTS_ERROR_NO_DATA)
+                continue;  // not in the list: "Invalid contact" when the record is applied
+            if (ret != pp::CONTACTS_ERROR_NONE) {
+                LOGE("contacts list next failed with ret[%d]", ret);
+                return 1;
+            }
+            byId.emplace(change.contactId, std::move(summary));
+        }
+    }
+    std::set<int> personIds;
+    for (const auto& change : changes) {
+        const auto found = byId.find(change.contactId);
+        if (found != byId.end() && found->second.personId >= 1)
+            personIds.insert(found->second.personId);
     }
     if (_readStoredRows(map, personIds) != 0) {
         LOGE("Failed to read the stored contacts");
