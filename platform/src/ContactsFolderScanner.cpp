@@ -11,7 +11,9 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <string_view>
 #include <system_error>
+#include <unordered_set>
 
 namespace pelio::platform {
 
@@ -141,7 +143,17 @@ void readFile(const ListedFile& f, ContactsScan& result) {
     result.files[f.rel] = std::move(stamp);
 }
 
-bool addUids(const std::vector<std::string>& uids, std::set<std::string>& seen) {
+// UIDs seen so far, as views of the strings in the stamps (which outlive the scan's checks).
+using UidSet = std::unordered_set<std::string_view>;
+
+size_t knownUidCount(const FileStamps& known) {
+    size_t n = 0;
+    for (const auto& [rel, stamp] : known)
+        n += stamp.uids.size();
+    return n;
+}
+
+bool addUids(const std::vector<std::string>& uids, UidSet& seen) {
     for (const auto& uid : uids) {
         if (!seen.insert(uid).second)
             return false;
@@ -151,7 +163,8 @@ bool addUids(const std::vector<std::string>& uids, std::set<std::string>& seen) 
 
 // True when no UID appears twice among the known files as they were read last time.
 bool knownUidsUnique(const FileStamps& known) {
-    std::set<std::string> seen;
+    UidSet seen;
+    seen.reserve(knownUidCount(known));
     for (const auto& [rel, stamp] : known) {
         if (!addUids(stamp.uids, seen))
             return false;
@@ -178,7 +191,8 @@ bool scanChanged(const std::vector<ListedFile>& files, const FileStamps& known,
     if (!knownUidsUnique(known))
         return false;
     std::set<std::string> listed;
-    std::set<std::string> uidsNow;
+    UidSet uidsNow;
+    uidsNow.reserve(knownUidCount(known));
     for (const ListedFile& f : files) {
         listed.insert(f.rel);
         auto k = known.find(f.rel);

@@ -472,6 +472,39 @@ int ContactsIndex::allContacts(std::vector<ContactSummary>& contacts) {
     return rc == SQLITE_DONE ? CONTACTS_ERROR_NONE : CONTACTS_ERROR_DB;
 }
 
+int ContactsIndex::contactsCount(int& count) {
+    count = 0;
+    if (!ok())
+        return CONTACTS_ERROR_DB;
+    std::lock_guard<std::mutex> own(mutex_);
+    SqliteStatement& sel = cached("SELECT COUNT(*) FROM contacts");
+    if (sel.step() != SQLITE_ROW)
+        return CONTACTS_ERROR_DB;
+    count = sel.columnInt(0);
+    sel.reset();  // ends the read, so no snapshot is held between calls
+    return CONTACTS_ERROR_NONE;
+}
+
+int ContactsIndex::contactSummary(int id, ContactSummary& summary) {
+    summary = {};
+    if (!ok())
+        return CONTACTS_ERROR_DB;
+    std::lock_guard<std::mutex> own(mutex_);
+    SqliteStatement& sel = cached("SELECT display_name, deleted FROM contacts WHERE id = ?");
+    sel.bind(1, id);
+    const int rc = sel.step();
+    if (rc == SQLITE_DONE)
+        return CONTACTS_ERROR_NO_DATA;
+    if (rc != SQLITE_ROW)
+        return CONTACTS_ERROR_DB;
+    summary.id = id;
+    summary.personId = id;
+    summary.displayName = sel.columnText(0);
+    summary.deleted = sel.columnInt(1) != 0;
+    sel.reset();  // ends the read, so no snapshot is held between calls
+    return CONTACTS_ERROR_NONE;
+}
+
 int ContactsIndex::changesAfter(int addressBookId, int sinceVersion,
                                 std::vector<ContactChange>& changes, int& currentVersion) {
     changes.clear();

@@ -45,6 +45,9 @@ class ContactsIndex {
 
     int currentVersion(int& version);
     int allContacts(std::vector<ContactSummary>& contacts);
+    int contactsCount(int& count);
+    // NO_DATA when no contact has this id.
+    int contactSummary(int id, ContactSummary& summary);
     int changesAfter(int addressBookId, int sinceVersion, std::vector<ContactChange>& changes,
                      int& currentVersion);
     int contactByPersonId(int personId, ContactRecord& record);

@@ -204,6 +204,21 @@ int LinuxContactsService::getAllContacts(std::vector<ContactSummary>& contacts) 
     return index->allContacts(contacts);
 }
 
+int LinuxContactsService::getContactsCount(int& count) {
+    count = 0;
+    auto index = currentIndex();
+    if (!index)
+        return CONTACTS_ERROR_NOT_CONNECTED;
+    return index->contactsCount(count);
+}
+
+int LinuxContactsService::getContactSummary(int contactId, ContactSummary& summary) {
+    auto index = currentIndex();
+    if (!index)
+        return CONTACTS_ERROR_NOT_CONNECTED;
+    return index->contactSummary(contactId, summary);
+}
+
 int LinuxContactsService::getChangesByVersion(int addressBookId, int sinceVersion,
                                               std::vector<ContactChange>& changes,
                                               int& currentVersion) {

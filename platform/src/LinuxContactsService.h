@@ -39,6 +39,8 @@ class LinuxContactsService : public ContactsService {
 
     int getCurrentVersion(int& version) override;
     int getAllContacts(std::vector<ContactSummary>& contacts) override;
+    int getContactsCount(int& count) override;
+    int getContactSummary(int contactId, ContactSummary& summary) override;
     int getChangesByVersion(int addressBookId, int sinceVersion,
                             std::vector<ContactChange>& changes, int& currentVersion) override;
     int getContactByPersonId(int personId, ContactRecord& record) override;

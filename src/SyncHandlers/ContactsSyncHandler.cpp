@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -44,6 +45,32 @@ ContactSyncInfo* lookup(GHashTable* map, int id) {
 void put(GHashTable* map, ContactSyncInfo* info) {
     g_hash_table_insert(map, GINT_TO_POINTER(info->id), info);
 }
+
+// One stored row (rowid, _id, contact_id, dirty, version) into the map; a repeated _id keeps the
+// latest row's values.
+void putStoredRow(GHashTable* map, const Bundle& row) {
+    auto* info = new ContactSyncInfo;
+    info->id = parseColumn(getValStr(&row, columnKey(1)), -1);
+    info->contactId = parseColumn(getValStr(&row, columnKey(2)), -1);
+    info->dirty = parseColumn(getValStr(&row, columnKey(3)), 2);
+    info->version = parseColumn(getValStr(&row, columnKey(4)), -1);
+    put(map, info);
+}
+
+// The stored rows' column list, spaces kept.
+std::string storedProjection() {
+    char projection[128];
+    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s ", kColId, kColContactId,
+                  kColDirty, kColVersion);
+    return projection;
+}
+
+// Longest id list of one "_id IN (...)" condition: with the rest of its SELECT it stays well
+// inside the query text buffer.
+constexpr size_t kMaxIdListChars = 3000;
+
+// Up to this many change records, each contact is looked up by id; more read the whole list.
+constexpr size_t kLookUpLimit = 256;
 
 }  // namespace
 
@@ -134,7 +161,7 @@ int ContactsSyncHandler::syncData(int syncType) {
         LOGE("Failed to read the stored contacts");
     } else {
         result = _calcuDeltaSyncData(map.get());
-        LOGD("Final Delta count is [%d]", static_cast<int>(g_hash_table_size(map.get())));
+        LOGD("Final Delta count is [%d]", _deltaCount(map.get()));
         if (result == 0) {
             result = _writeNewSyncData(map.get());
         } else {
@@ -204,31 +231,74 @@ bool ContactsSyncHandler::_isSyncRequiredByContactsDbVersion() {
 }
 
 int ContactsSyncHandler::_readOldSyncData(GHashTable* map) {
-    char projection[128];
-    std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s ", kColId, kColContactId,
-                  kColDirty, kColVersion);
-    // One SELECT may move only a bounded number of columns, so the table is read in pages.
-    int total = 0;
-    const bool ok = KeysetReader::readAll(
-        kContactsTable, projection, "", kReadPageRows, [map, &total](const Bundle& row) {
-            auto* info = new ContactSyncInfo;
-            info->id = parseColumn(getValStr(&row, columnKey(1)), -1);
-            info->contactId = parseColumn(getValStr(&row, columnKey(2)), -1);
-            info->dirty = parseColumn(getValStr(&row, columnKey(3)), 2);
-            info->version = parseColumn(getValStr(&row, columnKey(4)), -1);
-            put(map, info);  // a repeated _id keeps the latest row's values
-            ++total;
-        });
-    if (!ok)
+    // The delta needs a stored person only when a change record names it (read then, by id) or
+    // when its rows still wait for an upload (they are written back): those are read here. The
+    // other rows are counted, as persons, so the map's size is known without reading them.
+    mStoredIds = 0;
+    Bundle counted;
+    if (selectAll(kContactsTable, std::string("COUNT(DISTINCT ") + kColId + ")", &counted) != 0 ||
+        getValStr(&counted, bundlekeys::RECORD0) != bundlekeys::SUCCESS) {
+        LOGE("counting the stored contacts failed");
         return -1;
-    if (total == 0) {
-        LOGD("no information present");
     }
-    return 0;
+    std::vector<uint8_t> bytes;
+    if (counted.getByte(recordKey(1), bytes) == pelio::platform::BUNDLE_ERROR_NONE) {
+        if (auto row = Bundle::decode(bytes))
+            mStoredIds = parseColumn(getValStr(&*row, columnKey(0)), 0);
+    }
+    if (mStoredIds == 0) {
+        LOGD("no information present");
+        return 0;
+    }
+    const std::string waiting = std::string(kColId) + " IN (SELECT " + kColId + " FROM " +
+                                kContactsTable + " WHERE " + kColDirty +
+                                " != " + plm::dirtyText(plm::DIRTY_SYNCED) + ")";
+    // One SELECT may move only a bounded number of columns, so the rows are read in pages.
+    return KeysetReader::readAll(kContactsTable, storedProjection(), waiting, kReadPageRows,
+                                 [map](const Bundle& row) { putStoredRow(map, row); })
+               ? 0
+               : -1;
 }
 
-int ContactsSyncHandler::_readContactChanges(GHashTable* map, int synced, int& current,
-                                             std::vector<pp::ContactSummary>& all,
+int ContactsSyncHandler::_readStoredRows(GHashTable* map, const std::set<int>& personIds) {
+    if (mStoredIds == 0)
+        return 0;  // an empty table (a first or forced collection): only this collector adds rows
+    std::string list;
+    auto flush = [&]() {
+        if (list.empty())
+            return true;
+        const std::string where = std::string(kColId) + " IN (" + list + ")";
+        list.clear();
+        return KeysetReader::readAll(kContactsTable, storedProjection(), where, kReadPageRows,
+                                     [map](const Bundle& row) { putStoredRow(map, row); });
+    };
+    for (const int id : personIds) {
+        if (lookup(map, id) != nullptr)
+            continue;  // its rows are read already
+        if (!list.empty())
+            list += ',';
+        list += '\'' + std::to_string(id) + '\'';  // _id is text: compared as text, by its index
+        if (list.size() >= kMaxIdListChars && !flush())
+            return -1;
+    }
+    return flush() ? 0 : -1;
+}
+
+int ContactsSyncHandler::_deltaCount(GHashTable* map) const {
+    // The stored persons, and the new ones this collection added.
+    int count = mStoredIds;
+    GHashTableIter iter;
+    gpointer key = nullptr;
+    gpointer value = nullptr;
+    g_hash_table_iter_init(&iter, map);
+    while (g_hash_table_iter_next(&iter, &key, &value)) {
+        if (static_cast<const ContactSyncInfo*>(value)->newRow)
+            ++count;
+    }
+    return count;
+}
+
+int ContactsSyncHandler::_readContactChanges(int synced, int& current,
                                              std::vector<pp::ContactChange>& changes) {
     auto& contacts = pp::contactsService();
     int ret = contacts.getCurrentVersion(current);
@@ -238,8 +308,9 @@ int ContactsSyncHandler::_readContactChanges(GHashTable* map, int synced, int& c
     }
     LOGD("syncedVersion[%d] vs currentVersion[%d]", synced, current);
 
-    ret = contacts.getAllContacts(all);
-    LOGD("ret[%d], allCnt[%d]", ret, static_cast<int>(all.size()));
+    int allCount = 0;
+    ret = contacts.getContactsCount(allCount);
+    LOGD("ret[%d], allCnt[%d]", ret, allCount);
     if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
         LOGE("contacts list next failed with ret[%d]", ret);
         return 1;
@@ -247,7 +318,7 @@ int ContactsSyncHandler::_readContactChanges(GHashTable* map, int synced, int& c
     int changesVersion = 0;
     ret = contacts.getChangesByVersion(-1, synced, changes, changesVersion);
     LOGD("ret[%d], recordCnt[%d], hashTableSize[%d]", ret, static_cast<int>(changes.size()),
-         static_cast<int>(g_hash_table_size(map)));
+         mStoredIds);
     if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
         LOGE("contacts list next failed with ret[%d]", ret);
         return 1;
@@ -263,7 +334,7 @@ void ContactsSyncHandler::_applyContactChange(GHashTable* map, const pp::Contact
         LOGE("Invalid contact");
         return;
     }
-    const pp::ContactSummary& contact = *found->second;
+    const pp::ContactSummary& contact = found->second;
     if (contact.personId < 1) {
         LOGE("Invalid person");
         return;
@@ -310,6 +381,47 @@ void ContactsSyncHandler::_applyContactChange(GHashTable* map, const pp::Contact
     }
 }
 
+int ContactsSyncHandler::_lookUpChangedContacts(GHashTable* map,
+                                                const std::vector<pp::ContactChange>& changes,
+                                                ContactsById& byId) {
+    // Each contact a change record names, found by its id in the contact list, and the stored
+    // rows of its person. Many records (a first or forced collection) read the list once.
+    auto& contacts = pp::contactsService();
+    if (changes.size() > kLookUpLimit) {
+        std::vector<pp::ContactSummary> all;
+        const int ret = contacts.getAllContacts(all);
+        if (ret != pp::CONTACTS_ERROR_NONE && ret != pp::CONTACTS_ERROR_NO_DATA) {
+            LOGE("contacts list next failed with ret[%d]", ret);
+            return 1;
+        }
+        for (auto& c : all)
+            byId.emplace(c.id, std::move(c));  // the first entry of an id wins, as in a walk
+    } else {
+        for (const auto& change : changes) {
+            pp::ContactSummary summary;
+            const int ret = contacts.getContactSummary(change.contactId, summary);
+            if (ret == pp::CONTACTS_ERROR_NO_DATA)
+                continue;  // not in the list: "Invalid contact" when the record is applied
+            if (ret != pp::CONTACTS_ERROR_NONE) {
+                LOGE("contacts list next failed with ret[%d]", ret);
+                return 1;
+            }
+            byId.emplace(change.contactId, std::move(summary));
+        }
+    }
+    std::set<int> personIds;
+    for (const auto& change : changes) {
+        const auto found = byId.find(change.contactId);
+        if (found != byId.end() && found->second.personId >= 1)
+            personIds.insert(found->second.personId);
+    }
+    if (_readStoredRows(map, personIds) != 0) {
+        LOGE("Failed to read the stored contacts");
+        return 1;
+    }
+    return 0;
+}
+
 int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
     LOGD("calculate delta - begin");
     int synced = 0;
@@ -325,17 +437,12 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
 
     DeltaCounts counts;
     int current = 0;
-    std::vector<pp::ContactSummary> all;
     std::vector<pp::ContactChange> changes;
-    int result = _readContactChanges(map, synced, current, all, changes);
+    ContactsById byId;
+    int result = _readContactChanges(synced, current, changes);
+    if (result == 0)
+        result = _lookUpChangedContacts(map, changes, byId);
     if (result == 0) {
-        // The contact list in its own order, found by id (the first entry of an id wins, as a
-        // walk from the start would find it).
-        ContactsById byId;
-        byId.reserve(all.size());
-        for (const auto& c : all)
-            byId.emplace(c.id, &c);
-
         for (const auto& change : changes) {
             if (isInterrupted()) {
                 LOGD("forced sync pending, delta calculation stopped");

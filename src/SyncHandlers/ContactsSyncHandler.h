@@ -22,6 +22,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -58,7 +59,7 @@ class ContactsSyncHandler : public BaseSyncHandler {
     // written when no collection was stored since start). 0 on success.
     int writeNewSyncContactsDbVersion(bool reset);
 
-    // Rows per SELECT of _readOldSyncData (keeps one SELECT within the row-transfer bound).
+    // Rows per SELECT of the stored-row reads (keeps one SELECT within the row-transfer bound).
     static constexpr int kReadPageRows = 750;
 
   private:
@@ -67,7 +68,12 @@ class ContactsSyncHandler : public BaseSyncHandler {
     bool _isSyncRequired();
     bool _isSyncRequiredByPreviousSyncStatus();
     bool _isSyncRequiredByContactsDbVersion();
+    // Counts the stored persons and reads the rows of those still waiting for an upload.
     int _readOldSyncData(GHashTable* map);
+    // Reads the stored rows of these persons into the map, but for persons already in it.
+    int _readStoredRows(GHashTable* map, const std::set<int>& personIds);
+    // The size the map would have with every stored person in it.
+    int _deltaCount(GHashTable* map) const;
     int _calcuDeltaSyncData(GHashTable* map);
 
     // What one delta calculation marked, for its closing log line.
@@ -76,12 +82,16 @@ class ContactsSyncHandler : public BaseSyncHandler {
         int updated = 0;
         int deleted = 0;
     };
-    using ContactsById = std::unordered_map<int, const pelio::platform::ContactSummary*>;
-    // Reads the current version, the contact list and the change log since `synced` on this
-    // thread's connection; 0, or 1 when the contacts service failed.
-    int _readContactChanges(GHashTable* map, int synced, int& current,
-                            std::vector<pelio::platform::ContactSummary>& all,
+    using ContactsById = std::unordered_map<int, pelio::platform::ContactSummary>;
+    // Reads the current version, the contact list's size and the change log since `synced` on
+    // this thread's connection; 0, or 1 when the contacts service failed.
+    int _readContactChanges(int synced, int& current,
                             std::vector<pelio::platform::ContactChange>& changes);
+    // Looks up the contact of every change record by id and reads its person's stored rows into
+    // the map; 0, or 1 when the contacts service or the table failed.
+    int _lookUpChangedContacts(GHashTable* map,
+                               const std::vector<pelio::platform::ContactChange>& changes,
+                               ContactsById& byId);
     // Marks the person of one change record in the map (a new entry, a deletion, an update, or
     // nothing for a record without a valid person or name).
     void _applyContactChange(GHashTable* map, const pelio::platform::ContactChange& change,
@@ -93,6 +103,8 @@ class ContactsSyncHandler : public BaseSyncHandler {
     int mReadVersion = -1;
     // Whether the running collection is a forced one (it started from an empty table).
     bool mForcedCollection = false;
+    // Distinct persons in the table when the running collection started.
+    int mStoredIds = 0;
     std::atomic<int> mCollectedVersion{-1};
 };
 

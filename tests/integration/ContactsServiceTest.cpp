@@ -146,6 +146,16 @@ TEST_F(ContactsServiceTest, ChangeLogByVersionAndStableIds) {
     ContactRecord gone;
     EXPECT_EQ(contactsService().getContactByPersonId(cat, gone), CONTACTS_ERROR_NO_DATA);
     EXPECT_EQ(record(ann).displayName, "Ann Updated");
+    // Looked up by id, the list gives the same entries, the deleted one included.
+    ContactSummary one;
+    EXPECT_EQ(contactsService().getContactSummary(cat, one), CONTACTS_ERROR_NONE);
+    EXPECT_TRUE(one.deleted && one.displayName == "Cat" && one.personId == cat);
+    EXPECT_EQ(contactsService().getContactSummary(ann, one), CONTACTS_ERROR_NONE);
+    EXPECT_TRUE(!one.deleted && one.displayName == "Ann Updated");
+    EXPECT_EQ(contactsService().getContactSummary(cat + ann + bob, one), CONTACTS_ERROR_NO_DATA);
+    int count = -1;
+    EXPECT_EQ(contactsService().getContactsCount(count), CONTACTS_ERROR_NONE);
+    EXPECT_EQ(count, static_cast<int>(names.size()));
 
     // The card comes back under its UID: same id, inserted again.
     write("work/c.vcf", card("uid-cat", "Cat"));

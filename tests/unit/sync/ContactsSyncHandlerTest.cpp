@@ -79,9 +79,17 @@ TEST_F(ContactsSyncHandlerTest, FirstRunThenNothingRequiredThenADelta) {
     addPerson("Dee");
     contacts_.commit();
     const auto dee = std::to_string(contacts_.idOf("Dee"));
+    // Cid, unchanged, also has an older pending row: its latest row (in step) is what counts.
+    exec("UPDATE contacts SET dirty = 1 WHERE _id = '" + cid + "'");
+    exec("INSERT INTO contacts (_id, contact_id, dirty, version) VALUES ('" + cid + "', " + cid +
+         ", 4, 1)");
+    log_.clear();
     EXPECT_EQ(handler.syncData(98), 0);
     // Cid is unchanged: left alone (and at its old version).
-    EXPECT_EQ(dirtyById(), (Dirty{{ann, {3}}, {bob, {2}}, {cid, {4}}, {dee, {1}}}));
+    EXPECT_EQ(dirtyById(), (Dirty{{ann, {3}}, {bob, {2}}, {cid, {1, 4}}, {dee, {1}}}));
+    // Every stored person counts, whether the delta read its rows or not: three, and Dee new.
+    EXPECT_TRUE(log_.hasMessage("ret[0], recordCnt[3], hashTableSize[3]"));
+    EXPECT_TRUE(log_.hasMessage("Final Delta count is [4]"));
     EXPECT_EQ(query("SELECT DISTINCT version FROM contacts WHERE _id != '" + cid + "'"),
               std::vector<std::string>{std::to_string(contacts_.version())});
 }

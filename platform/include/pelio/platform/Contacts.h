@@ -18,6 +18,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace pelio::platform {
@@ -130,6 +131,30 @@ class ContactsService {
     virtual int getCurrentVersion(int& version) = 0;
     // All contacts in id order, deleted ones included (marked).
     virtual int getAllContacts(std::vector<ContactSummary>& contacts) = 0;
+    // How many entries getAllContacts() would give, without reading them. The default reads
+    // the list; a service with an index counts there.
+    virtual int getContactsCount(int& count) {
+        std::vector<ContactSummary> all;
+        const int rc = getAllContacts(all);
+        count = static_cast<int>(all.size());
+        return rc;
+    }
+    // The entry of getAllContacts() with this contact id (deleted ones included);
+    // CONTACTS_ERROR_NO_DATA when there is none. The default walks the list; a service with an
+    // index looks the id up there.
+    virtual int getContactSummary(int contactId, ContactSummary& summary) {
+        std::vector<ContactSummary> all;
+        const int rc = getAllContacts(all);
+        if (rc != CONTACTS_ERROR_NONE && rc != CONTACTS_ERROR_NO_DATA)
+            return rc;
+        for (auto& c : all) {
+            if (c.id == contactId) {
+                summary = std::move(c);
+                return CONTACTS_ERROR_NONE;
+            }
+        }
+        return CONTACTS_ERROR_NO_DATA;
+    }
     // Changes after sinceVersion over one address book (-1: all), and the current version.
     virtual int getChangesByVersion(int addressBookId, int sinceVersion,
                                     std::vector<ContactChange>& changes, int& currentVersion) = 0;
