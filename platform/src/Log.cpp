@@ -1,5 +1,6 @@
 #include "pelio/platform/Log.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,13 +20,20 @@ struct LogState {
     std::mutex mutex;
     std::vector<LogSink*> sinks;
     bool toStderr = true;
+    pid_t pid = 0;  // this process's id, read once (a system call each time otherwise)
 #ifdef PELIO_HAVE_JOURNAL
     int journalChecked = 0;  // 0 unknown, 1 available, -1 not available
 #endif
 };
 
 LogState& state() {
-    static LogState* s = new LogState();  // never destroyed: threads may log during exit
+    static LogState* s = [] {
+        auto* made = new LogState();  // never destroyed: threads may log during exit
+        made->pid = getpid();
+        // A forked child reads its own id again before it logs.
+        pthread_atfork(nullptr, nullptr, [] { state().pid = getpid(); });
+        return made;
+    }();
     return *s;
 }
 
@@ -106,7 +114,7 @@ int dlog_vprint(int priority, const char* tag, const char* fmt, va_list ap) {
     std::lock_guard<std::mutex> guard(s.mutex);
     if (s.toStderr) {
         std::fprintf(stderr, "%c/%s(%d): %s\n", logPriorityLetter(priority), tag,
-                     static_cast<int>(getpid()), message.c_str());
+                     static_cast<int>(s.pid), message.c_str());
     }
 #ifdef PELIO_HAVE_JOURNAL
     if (journalAvailable(s)) {
