@@ -4,8 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #ifdef PELIO_HAVE_JOURNAL
@@ -92,6 +95,32 @@ char logPriorityLetter(int priority) {
     }
 }
 
+namespace {
+
+// "<letter>/<tag>(<pid>): <message>" and a newline to standard error in one write (stderr is
+// unbuffered: through stdio the line would be formatted a second time).
+void writeLine(int priority, const char* tag, pid_t pid, const std::string& message) {
+    std::string line;
+    line.reserve(message.size() + std::strlen(tag) + 24);
+    line += logPriorityLetter(priority);
+    line += '/';
+    line += tag;
+    line += '(';
+    line += std::to_string(pid);
+    line += "): ";
+    line += message;
+    line += '\n';
+    for (size_t done = 0; done < line.size();) {
+        const ssize_t n = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;  // nowhere to log that logging failed
+        done += static_cast<size_t>(n);
+    }
+}
+
+}  // namespace
 }  // namespace pelio::platform
 
 int dlog_vprint(int priority, const char* tag, const char* fmt, va_list ap) {
@@ -99,23 +128,28 @@ int dlog_vprint(int priority, const char* tag, const char* fmt, va_list ap) {
     if (tag == nullptr || fmt == nullptr)
         return -1;
 
+    // Most messages fit the stack buffer: they are formatted once.
+    char small[1024];
     va_list copy;
     va_copy(copy, ap);
-    const int needed = std::vsnprintf(nullptr, 0, fmt, copy);
+    const int needed = std::vsnprintf(small, sizeof small, fmt, copy);
     va_end(copy);
     if (needed < 0)
         return -1;
-    std::string message(static_cast<size_t>(needed), '\0');
-    std::vsnprintf(message.data(), message.size() + 1, fmt, ap);
+    std::string message;
+    if (static_cast<size_t>(needed) < sizeof small) {
+        message.assign(small, static_cast<size_t>(needed));
+    } else {
+        message.resize(static_cast<size_t>(needed));
+        std::vsnprintf(message.data(), message.size() + 1, fmt, ap);
+    }
     while (!message.empty() && message.back() == '\n')
         message.pop_back();
 
     LogState& s = state();
     std::lock_guard<std::mutex> guard(s.mutex);
-    if (s.toStderr) {
-        std::fprintf(stderr, "%c/%s(%d): %s\n", logPriorityLetter(priority), tag,
-                     static_cast<int>(s.pid), message.c_str());
-    }
+    if (s.toStderr)
+        writeLine(priority, tag, s.pid, message);
 #ifdef PELIO_HAVE_JOURNAL
     if (journalAvailable(s)) {
         sd_journal_send("MESSAGE=%s", message.c_str(), "PRIORITY=%d", journalPriority(priority),
