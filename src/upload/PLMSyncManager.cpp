@@ -912,7 +912,8 @@ std::unique_ptr<SyncData> PLMSyncManager::_composeAndPost(UploadRun& run) {
     std::unique_ptr<SyncData> data = mHooks.makeSyncData
                                          ? mHooks.makeSyncData(run.item, sink)
                                          : JSONComposer().makeSyncData(run.item, sink);
-    poster.finish();  // a failed post has set run.allPosted false
+    if (!poster.finish())
+        run.allPosted = false;  // also when a post ended in an exception
     return data;
 }
 
