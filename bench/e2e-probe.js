@@ -8,10 +8,11 @@
 //     database (the one plm_ database) every 100 ms until it holds COUNT documents or, with
 //     DOC_ID, every 20 ms until that document's revision differs from OLD_REV. Prints one JSON line: epoch milliseconds of
 //     "docs" (the condition met) and "end" (process gone), "cpu_ms", "hwm_kib", "pid".
-//   e2e-probe.js ingest COUCH_URL SOURCE_DB TYPE TARGET_DB
+//   e2e-probe.js ingest COUCH_URL SOURCE_DB TYPE TARGET_DB [COUCH_PID]
 //     Raw ingest: the documents of type TYPE from SOURCE_DB, without revisions, gzip-posted into
 //     the new TARGET_DB through _bulk_docs in bodies of 1,000 over one kept connection. Prints
-//     JSON: "docs" (how many) and "seconds" (compression and posting, the reading excluded).
+//     JSON: "docs" (how many) and "seconds" (compression and posting, the reading excluded), and
+//     with COUCH_PID "db_cpu_ms", the database server's CPU time over the same span.
 //   e2e-probe.js warm COUCH_URL COUNT
 //     Warms the database server up before anything is measured: COUNT small documents posted
 //     through _bulk_docs in bodies of 100 and then of 1,000 into a scratch database, which is
@@ -115,13 +116,14 @@ async function watch(busAddress, couch, count, docId, oldRev) {
     console.log(JSON.stringify(out));
 }
 
-async function ingest(couch, sourceDb, type, targetDb) {
+async function ingest(couch, sourceDb, type, targetDb, couchPid) {
     const all = await getJson(`${couch}/${sourceDb}/_all_docs?include_docs=true`);
     if (!all) throw new Error(`cannot read ${sourceDb}`);
     const docs = all.rows.map(r => r.doc).filter(d => d.type === type);
     docs.forEach(d => delete d._rev);
     const made = await request(`${couch}/${targetDb}`, "PUT");
     if (made.status !== 201) throw new Error(`cannot create ${targetDb}: ${made.body}`);
+    const cpu0 = couchPid ? sample(+couchPid) : null;
     const start = process.hrtime.bigint();
     for (let i = 0; i < docs.length; i += 1000) {
         const body = zlib.gzipSync(JSON.stringify({ docs: docs.slice(i, i + 1000) }));
@@ -130,7 +132,10 @@ async function ingest(couch, sourceDb, type, targetDb) {
         if (r.status !== 201) throw new Error(`_bulk_docs answered ${r.status}: ${r.body.slice(0, 200)}`);
     }
     const seconds = Number(process.hrtime.bigint() - start) / 1e9;
-    console.log(JSON.stringify({ docs: docs.length, seconds }));
+    const cpu1 = couchPid ? sample(+couchPid) : null;
+    const out = { docs: docs.length, seconds };
+    if (cpu0 && cpu1) out.db_cpu_ms = cpu1.cpu_ms - cpu0.cpu_ms;
+    console.log(JSON.stringify(out));
 }
 
 async function warm(couch, count) {

@@ -210,6 +210,10 @@ int LinuxPreferences::set(const std::string& key, PreferenceType type, const std
         return PREFERENCE_ERROR_IO_ERROR;
     bool damaged = false;
     Map values = load(file, damaged);
+    const auto stored = values.find(key);
+    if (!damaged && stored != values.end() && stored->second.type == type &&
+        stored->second.text == text)
+        return PREFERENCE_ERROR_NONE;  // already so: the file is not written (nor synced) again
     values[key] = Value{type, text};
     return save(file, values, damaged);
 }

@@ -1,5 +1,5 @@
 // The Linux preference store: one GLib key file, re-read on every call, replaced atomically on
-// every write. See pelio/platform/Preferences.h for the layout and the failure behaviour.
+// every write that changes a value. See pelio/platform/Preferences.h for the layout and the failure behaviour.
 #pragma once
 
 #include <glib.h>

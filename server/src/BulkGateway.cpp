@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 
+#include "BulkWriteQueue.h"
 #include "GzipCodec.h"
 #include "JsonDepth.h"
 #include "Text.h"
@@ -250,12 +251,18 @@ bool storesAnyInsert(const std::vector<BulkGateway::Item*>& pending,
 
 // Posts one round; `results` gets one answer per sent document. When the database refuses the
 // whole write, each document goes on its own so that each gets its answer.
-std::optional<BulkGateway::Answer> postRound(const CouchClient& couch, const std::string& dbPath,
-                                             const json& forward,
+std::optional<BulkGateway::Answer> postRound(const CouchClient& couch, BulkWriteQueue& writes,
+                                             const std::string& dbPath, const json& forward,
                                              const std::vector<BulkGateway::Item*>& sent,
                                              std::vector<json>& results) {
-    const CouchClient::Reply r = couch.post(dbPath + "/_bulk_docs", json{{"docs", forward}}.dump());
-    json parsed = isWriteAnswer(r.status) ? json::parse(r.body, nullptr, false) : json(nullptr);
+    std::vector<std::string> ids;
+    ids.reserve(sent.size());
+    for (const BulkGateway::Item* p : sent) {
+        ids.push_back(p->id);
+    }
+    const BulkWriteQueue::Written w = writes.post(dbPath, forward, ids);
+    const CouchClient::Reply& r = w.reply;
+    const json& parsed = w.results;
     if (isWriteAnswer(r.status) && parsed.is_array() && parsed.size() == sent.size()) {
         results = matchResults(parsed, sent);
     } else if (isRefusal(r.status)) {
@@ -306,7 +313,11 @@ void explainConflicts(const CouchClient& couch, const std::string& dbPath,
 
 BulkGateway::BulkGateway(const CouchClient& couch, const SessionToken& tokens,
                          std::size_t maxBodyBytes, std::function<std::int64_t()> clock)
-    : couch_(couch), tokens_(tokens), maxBodyBytes_(maxBodyBytes), clock_(std::move(clock)) {}
+    : couch_(couch),
+      tokens_(tokens),
+      maxBodyBytes_(maxBodyBytes),
+      clock_(std::move(clock)),
+      writes_(couch) {}
 
 std::optional<BulkGateway::Answer> BulkGateway::parse(const std::string& body,
                                                       std::size_t maxBodyBytes, Batch& batch) {
@@ -431,7 +442,8 @@ std::optional<BulkGateway::Answer> BulkGateway::write(const std::string& dbPath,
         const json forward = forwardRound(pending, *current, answers, sent);
         std::vector<json> results;
         if (!forward.empty()) {
-            if (std::optional<Answer> trouble = postRound(couch_, dbPath, forward, sent, results)) {
+            if (std::optional<Answer> trouble =
+                    postRound(couch_, writes_, dbPath, forward, sent, results)) {
                 return trouble;
             }
         }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "BulkWriteQueue.h"
 #include "CouchClient.h"
 #include "ReplaceHints.h"
 #include "SessionToken.h"
@@ -26,11 +27,12 @@
 // - anything a single document does wrong (a wrong type, an id starting with "_", a revision or
 //   member the database would refuse) is answered in that document's element; the others are
 //   stored. Only an unreachable database fails the whole request (502).
+// Writes that requests make to one database at the same time go to it together (BulkWriteQueue).
 // The answer is a JSON array in the order of "docs" (plain text; the listener gzips it). A batch
 // costs at most a fixed number of database requests (a first write, three rounds of one revision
 // lookup and one write, and one lookup for the conflicts), except when the database refuses a whole
 // write: then its documents are written one by one so that each gets its own answer. Thread-safe:
-// its only mutable state is the ReplaceHints, which locks.
+// its only mutable state is the ReplaceHints and the BulkWriteQueue, which lock.
 class BulkGateway {
   public:
     struct Answer {
@@ -76,4 +78,5 @@ class BulkGateway {
     std::size_t maxBodyBytes_;
     std::function<std::int64_t()> clock_;
     mutable ReplaceHints hints_;
+    mutable BulkWriteQueue writes_;
 };

@@ -1,10 +1,12 @@
 #include "upload/BodyPoster.h"
 
+#include <algorithm>
 #include <exception>
 
 #include "PelioLog.h"
 
-BodyPoster::BodyPoster(Post post) : mPost(std::move(post)) {}
+BodyPoster::BodyPoster(Post post, int inFlight)
+    : mPost(std::move(post)), mInFlight(static_cast<size_t>(std::max(inFlight, 1))) {}
 
 BodyPoster::~BodyPoster() {
     finish();
@@ -12,13 +14,13 @@ BodyPoster::~BodyPoster() {
 
 bool BodyPoster::submit(std::string body, const std::shared_ptr<SentRows>& sent) {
     std::unique_lock<std::mutex> lock(mMutex);
-    mChanged.wait(lock, [this] { return !mBusy; });
+    mChanged.wait(lock, [this] { return mBusy < mInFlight || mFailed; });
     if (mFailed || mClosing)
         return false;
-    mPending = Job{std::move(body), sent};
-    mBusy = true;
-    if (!mThread.joinable())
-        mThread = std::thread([this] { run(); });
+    mWaiting.push_back(Job{std::move(body), sent});
+    ++mBusy;
+    if (mIdle == 0 && mThreads.size() < mInFlight)
+        mThreads.emplace_back([this] { run(); });
     mChanged.notify_all();
     return true;
 }
@@ -26,38 +28,49 @@ bool BodyPoster::submit(std::string body, const std::shared_ptr<SentRows>& sent)
 bool BodyPoster::finish() {
     {
         std::unique_lock<std::mutex> lock(mMutex);
-        mChanged.wait(lock, [this] { return !mBusy; });
+        mChanged.wait(lock, [this] { return mBusy == 0; });
         mClosing = true;
         mChanged.notify_all();
     }
-    if (mThread.joinable())
-        mThread.join();
+    for (std::thread& thread : mThreads) {
+        if (thread.joinable())
+            thread.join();
+    }
     std::lock_guard<std::mutex> lock(mMutex);
     return !mFailed;
 }
 
 void BodyPoster::run() {
     for (;;) {
-        std::optional<Job> job;
+        Job job;
         {
             std::unique_lock<std::mutex> lock(mMutex);
-            mChanged.wait(lock, [this] { return mPending.has_value() || mClosing; });
-            if (!mPending)
+            ++mIdle;
+            mChanged.wait(lock, [this] { return !mWaiting.empty() || mClosing; });
+            --mIdle;
+            if (mWaiting.empty())
                 return;
-            job.swap(mPending);
+            job = std::move(mWaiting.front());
+            mWaiting.pop_front();
+            if (mFailed) {
+                // A post failed after this body was handed over: it is dropped unposted.
+                --mBusy;
+                mChanged.notify_all();
+                continue;
+            }
         }
         bool posted = false;
         try {
-            posted = mPost(std::move(job->body), job->sent);
+            posted = mPost(std::move(job.body), job.sent);
         } catch (const std::exception& e) {
             LOGE("posting a body failed [%s]", e.what());
         } catch (...) {
             LOGE("posting a body failed");
         }
-        job.reset();  // the body goes before the next one is taken
+        job = Job{};  // the body goes before the next one is taken
         std::lock_guard<std::mutex> lock(mMutex);
         mFailed = mFailed || !posted;
-        mBusy = false;
+        --mBusy;
         mChanged.notify_all();
     }
 }

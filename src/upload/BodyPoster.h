@@ -1,22 +1,28 @@
-// Posts the bodies of one composition in order on a thread of its own, so that the composer
-// writes the next body while the last one is on the wire. At most one body waits to be posted
-// besides the one being posted: memory does not grow with the number of bodies.
+// Posts the bodies of one composition on threads of its own, so that the composer writes the
+// next body while earlier ones are on the wire. Up to `inFlight` bodies are posted at once, each
+// on its own thread and connection, so the server is never idle between one body's last reply
+// and the next body's first part. A body waits in submit() until a thread is free: memory does
+// not grow with the number of bodies (at most `inFlight` posted, one being composed).
 //
 // Threads: submit() and finish() are called by one thread (the sync worker, while it composes);
-// the post function runs on the poster's thread, one body at a time, started by the first
-// submit(). The poster is joined by finish() or the destructor, so it never outlives the
-// composition that made it.
+// the post function runs on the poster's threads, one body per thread at a time, so it must be
+// safe to call from `inFlight` threads at once. Threads are started as bodies arrive and joined
+// by finish() or the destructor, so none outlives the composition that made it.
+// Order: bodies are handed over in order, but with more than one in flight their posts overlap
+// and may end in any order. The bodies of one composition hold distinct documents.
 // Errors: a post that returns false (or throws, which is logged and counts as false) stops the
-// poster: later bodies are dropped unposted, and submit() and finish() return false.
+// poster: bodies handed over later are dropped unposted (those already on the wire finish), and
+// submit() and finish() return false.
 #pragma once
 
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "upload/SyncData.h"
 
@@ -24,15 +30,16 @@ class BodyPoster {
   public:
     using Post = std::function<bool(std::string body, const std::shared_ptr<SentRows>& sent)>;
 
-    explicit BodyPoster(Post post);
+    // inFlight: bodies posted at once (at least 1).
+    explicit BodyPoster(Post post, int inFlight = 1);
     ~BodyPoster();
     BodyPoster(const BodyPoster&) = delete;
     BodyPoster& operator=(const BodyPoster&) = delete;
 
-    // Waits until the body before is posted, then hands this one over. False when a post has
+    // Waits until a posting thread is free, then hands this body over. False when a post has
     // failed: the body is not posted.
     bool submit(std::string body, const std::shared_ptr<SentRows>& sent);
-    // Waits until every body handed over is posted and ends the poster's thread. False when a
+    // Waits until every body handed over is posted and ends the poster's threads. False when a
     // post failed.
     bool finish();
 
@@ -44,11 +51,13 @@ class BodyPoster {
     void run();
 
     Post mPost;
+    const size_t mInFlight;
     std::mutex mMutex;
     std::condition_variable mChanged;
-    std::optional<Job> mPending;
-    bool mBusy = false;  // a body is waiting or being posted
+    std::deque<Job> mWaiting;  // handed over, not yet taken by a thread
+    size_t mBusy = 0;          // bodies waiting or being posted
+    size_t mIdle = 0;          // threads waiting for a body
     bool mFailed = false;
     bool mClosing = false;
-    std::thread mThread;
+    std::vector<std::thread> mThreads;
 };

@@ -33,6 +33,8 @@ constexpr int kUnitCountStandAlone = 100;
 constexpr int kDeflateLevel = 6;
 // A reply larger than this is refused (the transfer is aborted and the part counts as failed).
 constexpr size_t kMaxReplyBytes = 64u << 20;
+// Parts of one body on the wire at once, each over its own connection.
+constexpr size_t kPartsInFlight = 4;
 
 // Transfer limits of the bulk post: no overall time-out (large bodies on slow links must finish),
 // but a connect time-out and a stall limit. Tests shorten them.
@@ -503,8 +505,12 @@ void DataUploadHandler::performSync(SyncData* syncData, SyncResult* syncResult) 
     LOGD("Zipping start");
     std::vector<ZippedItemPtr> zipped = _getZippedPartedSyncDataList(parts);
     LOGD("Zipping End");
-    if (!zipped.empty())
+    if (!zipped.empty()) {
         LOGD("Zipping succedded");
+        // The plain parts are only the fallback for failed zipping; several bodies are posted at
+        // once, so they go now.
+        std::vector<std::string>().swap(parts);
+    }
 
     std::string reply = zipped.empty() ? _curlPostingUnzipped(parts) : _curlPostingZipped(zipped);
     zipped.clear();
@@ -617,7 +623,7 @@ std::vector<std::string> DataUploadHandler::_getPartedSyncDataList(const std::st
 }
 
 std::vector<DataUploadHandler::ZippedItemPtr> DataUploadHandler::_getZippedPartedSyncDataList(
-    std::vector<std::string> parts) {
+    const std::vector<std::string>& parts) {
     LOGD("sourceCnt has [%d]", static_cast<int>(parts.size()));
     std::vector<ZippedItemPtr> zipped;
     if (parts.empty()) {
@@ -665,52 +671,93 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
         LOGE("Upload failed!");
         return result;
     }
-    ZippedReply reply;
-    for (const ZippedItemPtr& part : zippedParts) {
-        reply = ZippedReply();
-        curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION,
+    // Parts go up over a few connections at once: while one waits for the server's answer the
+    // next ones travel. Each connection's handle is reused for the parts it takes; the answers are
+    // joined in the parts' order whatever order they come in.
+    struct Lane {
+        CURL* curl = nullptr;
+        size_t part = 0;
+        bool busy = false;
+        ZippedReply reply;
+    };
+    std::vector<pelio::CurlEasy> handles;
+    handles.push_back(std::move(curl));
+    while (handles.size() < std::min(kPartsInFlight, zippedParts.size())) {
+        pelio::CurlEasy more(curl_easy_init());
+        if (!more || !_setCurlEnvironment(more.get(), header.get()))
+            break;  // fewer connections, same parts
+        handles.push_back(std::move(more));
+    }
+    pelio::CurlMulti multi(curl_multi_init());
+    if (!multi) {
+        LOGE("Failed to curl_easy_init");
+        LOGE("Upload failed!");
+        return result;
+    }
+    std::vector<Lane> lanes(handles.size());
+    std::vector<std::optional<std::string>> texts(zippedParts.size());
+    size_t next = 0;
+    size_t busy = 0;
+    bool failed = false;
+    auto start = [&](Lane& lane) {
+        const ZippedItemPtr& part = zippedParts[next];
+        lane.part = next++;
+        lane.reply = ZippedReply();
+        curl_easy_setopt(lane.curl, CURLOPT_WRITEFUNCTION,
                          &DataUploadHandler::SavePostResultZipped);
-        curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &reply);
-        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, part->item.get());
-        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(part->size));
-        CURLcode rc = curl_easy_perform(curl.get());
-        LOGD("postSize[%d], postResult[%d]", part->size, static_cast<int>(rc));
-        if (rc != CURLE_OK) {
-            LOGE("Failed to perform");
-            result.clear();
-            LOGE("Upload failed!");
+        curl_easy_setopt(lane.curl, CURLOPT_WRITEDATA, &lane.reply);
+        curl_easy_setopt(lane.curl, CURLOPT_POSTFIELDS, part->item.get());
+        curl_easy_setopt(lane.curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(part->size));
+        lane.busy = curl_multi_add_handle(multi.get(), lane.curl) == CURLM_OK;
+        busy += lane.busy ? 1 : 0;
+        failed = failed || !lane.busy;
+    };
+    for (size_t i = 0; i < lanes.size(); ++i) {
+        lanes[i].curl = handles[i].get();
+        start(lanes[i]);
+    }
+    while (busy > 0 && !failed) {
+        int running = 0;
+        if (curl_multi_perform(multi.get(), &running) != CURLM_OK) {
+            failed = true;
             break;
         }
-        long httpCode = 0;
-        curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &httpCode);
-        LOGD("partialPostCurlResult[%d], httpResponseCode[%d]", static_cast<int>(rc),
-             static_cast<int>(httpCode));
-        if (reply.item.empty()) {
-            LOGD("size is 0");
-            continue;
+        int left = 0;
+        while (CURLMsg* msg = curl_multi_info_read(multi.get(), &left)) {
+            if (msg->msg != CURLMSG_DONE)
+                continue;
+            auto lane = std::find_if(lanes.begin(), lanes.end(), [msg](const Lane& l) {
+                return l.busy && l.curl == msg->easy_handle;
+            });
+            if (lane == lanes.end())
+                continue;
+            const CURLcode rc = msg->data.result;  // read before the handle leaves the multi
+            curl_multi_remove_handle(multi.get(), lane->curl);
+            lane->busy = false;
+            --busy;
+            if (failed)
+                continue;
+            std::optional<std::string> text =
+                _partReplyText(lane->curl, rc, static_cast<int>(zippedParts[lane->part]->size),
+                               lane->reply, failed);
+            texts[lane->part] = std::move(text);
+            if (!failed && next < zippedParts.size())
+                start(*lane);
         }
-        if (!reply.recorded) {
-            LOGD("item is NULL");
-            continue;
+        if (busy > 0 && !failed)
+            curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr);
+    }
+    for (Lane& lane : lanes) {
+        if (lane.busy)
+            curl_multi_remove_handle(multi.get(), lane.curl);  // a failed part stops the others
+    }
+    if (failed) {
+        result.clear();
+    } else {
+        for (std::optional<std::string>& text : texts) {
+            if (text)
+                appendPartReply(result, std::move(*text));
         }
-        LOGD("zippedItem[%p], zippedItem.item[%p], zippedItem.size[%u]", static_cast<void*>(&reply),
-             static_cast<void*>(reply.item.data()), static_cast<unsigned>(reply.item.size()));
-        std::string text;
-        if (isGzip(reply.item)) {
-            UMgrGzip gzip;
-            gzip.deCompress(reply.item.data(), reply.item.size(), text);
-            if (text.empty()) {
-                LOGE("Failed to deCompress the reply of [%u] bytes",
-                     static_cast<unsigned>(reply.item.size()));
-                result.clear();
-                break;
-            }
-        } else {
-            // A server or proxy that answered without compression: the reply is the text.
-            LOGW("reply is not gzip, read as plain text");
-            text.assign(reply.item.begin(), reply.item.end());
-        }
-        appendPartReply(result, text);
     }
     if (!result.empty()) {
         LOGD("Upload succedded");
@@ -720,6 +767,49 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
     }
     LOGD("End of plm syncing request");
     return result;
+}
+
+std::optional<std::string> DataUploadHandler::_partReplyText(CURL* curl, CURLcode rc, int postSize,
+                                                             const ZippedReply& reply,
+                                                             bool& failed) {
+    LOGD("postSize[%d], postResult[%d]", postSize, static_cast<int>(rc));
+    if (rc != CURLE_OK) {
+        LOGE("Failed to perform");
+        LOGE("Upload failed!");
+        failed = true;
+        return std::nullopt;
+    }
+    long httpCode = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &httpCode);
+    LOGD("partialPostCurlResult[%d], httpResponseCode[%d]", static_cast<int>(rc),
+         static_cast<int>(httpCode));
+    if (reply.item.empty()) {
+        LOGD("size is 0");
+        return std::nullopt;
+    }
+    if (!reply.recorded) {
+        LOGD("item is NULL");
+        return std::nullopt;
+    }
+    LOGD("zippedItem[%p], zippedItem.item[%p], zippedItem.size[%u]",
+         static_cast<const void*>(&reply), static_cast<const void*>(reply.item.data()),
+         static_cast<unsigned>(reply.item.size()));
+    std::string text;
+    if (isGzip(reply.item)) {
+        UMgrGzip gzip;
+        gzip.deCompress(reply.item.data(), reply.item.size(), text);
+        if (text.empty()) {
+            LOGE("Failed to deCompress the reply of [%u] bytes",
+                 static_cast<unsigned>(reply.item.size()));
+            failed = true;
+            return std::nullopt;
+        }
+    } else {
+        // A server or proxy that answered without compression: the reply is the text.
+        LOGW("reply is not gzip, read as plain text");
+        text.assign(reply.item.begin(), reply.item.end());
+    }
+    return text;
 }
 
 std::string DataUploadHandler::_curlPostingUnzipped(const std::vector<std::string>& parts) {
@@ -937,9 +1027,10 @@ bool DataUploadHandler::_getCompanianMode() {
         return false;
     LOGD("Not checked before. Checking now");
     std::string proxy = _getProxyAddress();
-    mCompanionMode = proxy == plm::COMPANION_PROXY_MARKER ? 1 : 2;
-    bool retv = mCompanionMode == 1;
-    LOGD("Paring mode[%d], retv[%d]", mCompanionMode, retv);
+    const int mode = proxy == plm::COMPANION_PROXY_MARKER ? 1 : 2;
+    mCompanionMode.store(mode);
+    bool retv = mode == 1;
+    LOGD("Paring mode[%d], retv[%d]", mode, retv);
     return retv;
 }
 

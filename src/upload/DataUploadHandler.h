@@ -1,16 +1,17 @@
 // DataUploadHandler: the PDS session (open / close / wipe through the transport library), bulk
 // posting of SyncData (parting, gzip, HTTP POST) and the server / network / proxy configuration.
 //
-// Thread: the sync worker thread only (all calls block). Owned by the sync manager, created on
-// first use and kept for the life of the process. It is the OrvaneCallbacks object it hands to
-// the transport library and owns that library handle.
-// The operations are virtual so that tests of the sync manager can hand it a fake uploader.
-// Errors: open gives 0 / -1 / 13 / 23, close and wipe give false, performSync leaves its outcome
-// in the SyncResult; library exceptions never leave these operations. Every exception raised
-// on the way (the service's Orvane*Exception classes, the library's OrvaneError, and the
-// std::invalid_argument / std::out_of_range of a malformed proxy port while the library handle is
-// built) is caught as std::exception inside openPds, closePds and wipePds themselves; openPds
-// tells 13 and 23 from -1 by the OrvaneError's code, never by its text.
+// Thread: the sync worker thread (all calls block); performSync also on the sync manager's body
+// posting threads, several at once (each call has its own transfer). Owned by the sync manager,
+// created on first use and kept for the life of the process. It is the OrvaneCallbacks object it
+// hands to the transport library and owns that library handle. The operations are virtual so that
+// tests of the sync manager can hand it a fake uploader. Errors: open gives 0 / -1 / 13 / 23, close
+// and wipe give false, performSync leaves its outcome in the SyncResult; library exceptions never
+// leave these operations. Every exception raised on the way (the service's Orvane*Exception
+// classes, the library's OrvaneError, and the std::invalid_argument / std::out_of_range of a
+// malformed proxy port while the library handle is built) is caught as std::exception inside
+// openPds, closePds and wipePds themselves; openPds tells 13 and 23 from -1 by the OrvaneError's
+// code, never by its text.
 //
 // Decisions of this implementation:
 // - Preferences are read and written through the platform preference store directly (typed
@@ -38,6 +39,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -103,9 +105,13 @@ class DataUploadHandler : public OrvaneCallbacks {
     // Posting (bulk documents).
     bool _checkPreConditionToPerformSync(SyncData* syncData, SyncResult* syncResult);
     std::vector<std::string> _getPartedSyncDataList(const std::string& jsonMessage, int unitCount);
-    std::vector<ZippedItemPtr> _getZippedPartedSyncDataList(std::vector<std::string> parts);
+    std::vector<ZippedItemPtr> _getZippedPartedSyncDataList(const std::vector<std::string>& parts);
     std::string _curlPostingZipped(const std::vector<ZippedItemPtr>& zippedParts);
     std::string _curlPostingUnzipped(const std::vector<std::string>& parts);
+    // One zipped part's transfer is over: its reply as text, or nothing to join (an empty or
+    // missing reply). A transfer error or an unreadable reply sets `failed`.
+    std::optional<std::string> _partReplyText(CURL* curl, CURLcode rc, int postSize,
+                                              const ZippedReply& reply, bool& failed);
     static size_t SavePostResultZipped(char* chunk, size_t size, size_t count, void* reply);
     static size_t SavePostResultUnzipped(char* chunk, size_t size, size_t count, void* reply);
     static int _onProgress(void* handler, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
@@ -154,6 +160,8 @@ class DataUploadHandler : public OrvaneCallbacks {
     std::string mCookie;
     std::string mDbUrl;
     std::string mLatestPlmId;
-    int mCompanionMode = 0;  // 0 not checked yet, 1 companion (paired), 2 stand-alone
+    // 0 not checked yet, 1 companion (paired), 2 stand-alone; bodies are posted from more than
+    // one thread at once.
+    std::atomic<int> mCompanionMode{0};
     std::unique_ptr<Orvane> mOrvane;
 };

@@ -43,6 +43,9 @@ constexpr int kPdsAttempts = 2;
 constexpr int kPdsResultBlocked = 13;
 constexpr int kPdsResultSyncBlocked = 23;
 constexpr const char* kUnknownPlmId = "Unknown";
+// Bodies on the wire at once: while one waits for the server's answers, the next one's parts
+// already travel, so the database is not idle between two bodies.
+constexpr int kBodiesInFlight = 2;
 
 std::mutex gInstanceMutex;
 std::atomic<PLMSyncManager*> gInstance{nullptr};
@@ -898,10 +901,12 @@ bool PLMSyncManager::composeAndSync(int item) {
 }
 
 std::unique_ptr<SyncData> PLMSyncManager::_composeAndPost(UploadRun& run) {
-    // The next body is composed while the last one is posted.
-    BodyPoster poster([this, &run](std::string body, const std::shared_ptr<SentRows>& sent) {
-        return _postBody(run, std::move(body), sent);
-    });
+    // The next body is composed while earlier ones are posted.
+    BodyPoster poster(
+        [this, &run](std::string body, const std::shared_ptr<SentRows>& sent) {
+            return _postBody(run, std::move(body), sent);
+        },
+        kBodiesInFlight);
     const BodySink sink = [this, &run, &poster](std::string body,
                                                 const std::shared_ptr<SentRows>& sent) {
         // The session is opened here, for the first body, before anything goes up.

@@ -162,15 +162,15 @@ class PLMSyncManager : public SyncHandlerHost {
         DataUploadHandler* handler = nullptr;
         bool sessionTried = false;  // the open step ran (for the first body)
         bool sessionOpen = false;
-        // Every body so far posted and answered; cleared by the body poster's thread, read by
+        // Every body so far posted and answered; cleared by the body poster's threads, read by
         // the worker once the poster has finished.
-        bool allPosted = true;
+        std::atomic<bool> allPosted{true};
     };
     std::unique_ptr<SyncData> _composeAndPost(UploadRun& run);
     // Opens the PDS session unless it is open (two attempts); on failure the item is failed.
     bool _openSessionFor(UploadRun& run);
-    // Posts one body and keeps its result; false stops the composition. Runs on the body
-    // poster's thread while the worker composes the next body; the session is open.
+    // Posts one body and keeps its result; false stops the composition. Runs on one of the body
+    // poster's threads while the worker composes the next body; the session is open.
     bool _postBody(UploadRun& run, std::string body, const std::shared_ptr<SentRows>& sent);
     // Nothing was composed: the item is in step, or failed when rows could not be composed.
     void _nothingToSync(int item, const SyncData* syncData);

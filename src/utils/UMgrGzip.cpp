@@ -92,7 +92,10 @@ int UMgrGzip::deCompress(const unsigned char* source, size_t sourceSize, std::st
         LOGE("Empty source size");
         return RESULT;
     }
-    pelio::MallocPtr<char> work(static_cast<char*>(std::calloc(kChunkRoom + 1, 1)));
+    // Not zero-filled: each chunk is cut at its first zero byte among the bytes inflated into it,
+    // which is what a zeroed buffer read as a C string gives. Only the pages inflate writes to
+    // are touched, which for a short reply is one or two, not the whole megabyte.
+    pelio::MallocPtr<char> work(static_cast<char*>(std::malloc(kChunkRoom + 1)));
     if (!work) {
         LOGE("Failed to Calloc");
         return RESULT;
@@ -109,18 +112,18 @@ int UMgrGzip::deCompress(const unsigned char* source, size_t sourceSize, std::st
     int rc = Z_DATA_ERROR;
     if (inflateInit2_(&stream, 31, "1.2.8", static_cast<int>(sizeof(z_stream))) == Z_OK) {
         do {
-            std::memset(work.get(), 0, kChunkRoom + 1);
             stream.next_out = reinterpret_cast<Bytef*>(work.get());
             stream.avail_out = static_cast<uInt>(kChunkRoom);
             rc = inflate(&stream, Z_NO_FLUSH);
             LOGD("inflate result[%d], deCompressing Size[%u]", rc, stream.avail_out);
-            produced += kChunkRoom - stream.avail_out;
+            const size_t chunk = kChunkRoom - stream.avail_out;
+            produced += chunk;
             if (produced > kMaxInflated) {
                 LOGE("inflated size over [%u] bytes, refused", static_cast<unsigned>(kMaxInflated));
                 rc = Z_DATA_ERROR;
                 break;
             }
-            text << work.get();  // up to the chunk's first zero byte
+            text.write(work.get(), static_cast<std::streamsize>(strnlen(work.get(), chunk)));
         } while (stream.avail_out == 0 && rc == Z_OK);
         inflateEnd(&stream);
     }

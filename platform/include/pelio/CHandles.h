@@ -57,6 +57,7 @@ using SqliteText = CHandle<char, sqlite3_free>;
 #include <curl/curl.h>
 namespace pelio {
 using CurlEasy = CHandle<CURL, curl_easy_cleanup>;
+using CurlMulti = CHandle<CURLM, curl_multi_cleanup>;
 using CurlList = CHandle<curl_slist, curl_slist_free_all>;
 }  // namespace pelio
 #endif
