@@ -6,7 +6,8 @@
 //     writes "pid N" to standard error once found. Until the process ends it samples, every 10 ms,
 //     user+system CPU time (/proc/PID/stat) and peak resident memory (VmHWM); it polls the device
 //     database (the one plm_ database) every 100 ms until it holds COUNT documents or, with
-//     DOC_ID, every 20 ms until that document's revision differs from OLD_REV. Prints one JSON line: epoch milliseconds of
+//     DOC_ID, every 20 ms until that document's revision differs from OLD_REV; it fails when the
+//     service has ended without that. Prints one JSON line: epoch milliseconds of
 //     "docs" (the condition met) and "end" (process gone), "cpu_ms", "hwm_kib", "pid".
 //   e2e-probe.js ingest COUCH_URL SOURCE_DB TYPE TARGET_DB [COUCH_PID]
 //     Raw ingest: the documents of type TYPE from SOURCE_DB, without revisions, gzip-posted into
@@ -96,23 +97,27 @@ async function watch(busAddress, couch, count, docId, oldRev) {
     })();
     const poller = (async () => {
         let db = null;
-        while (Date.now() < deadline) {
+        let found = false;
+        // Once the service has ended, one more look decides: the documents are there or will not
+        // come.
+        for (let lastLook = false; !found && !lastLook && Date.now() < deadline;) {
+            lastLook = out.end !== 0;
             db = db || await deviceDb(couch);
             if (db && docId) {
                 const doc = await getJson(`${couch}/${db}/${encodeURIComponent(docId)}`);
-                if (doc && doc._rev !== oldRev) break;
+                found = !!doc && doc._rev !== oldRev;
             } else if (db) {
                 const info = await getJson(`${couch}/${db}`);
-                if (info && info.doc_count >= count) break;
+                found = !!info && info.doc_count >= count;
             }
             // Polling competes with the sync for the database: a forced sync's thousands of
             // documents are counted every 100 ms, one document's revision every 20 ms.
-            await sleep(docId ? 20 : 100);
+            if (!found) await sleep(docId ? 20 : 100);
         }
-        out.docs = Date.now();
+        out.docs = found ? Date.now() : Infinity;
     })();
     await Promise.all([sampler, poller]);
-    if (out.docs > deadline) throw new Error("the documents did not arrive");
+    if (out.docs === Infinity) throw new Error("the documents did not arrive before the service ended");
     console.log(JSON.stringify(out));
 }
 

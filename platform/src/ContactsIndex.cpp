@@ -118,6 +118,18 @@ SqliteStatement& ContactsIndex::cached(const char* sql) {
     return statements_.get(db_.get(), sql);
 }
 
+bool ContactsIndex::stepCached(const char* sql) {
+    SqliteStatement& st = cached(sql);
+    const int rc = st.step();
+    st.reset();
+    if (rc != SQLITE_DONE) {
+        dlog_print(DLOG_ERROR, kTag, "contacts: SQL failed (%s): %s", sql,
+                   sqlite3_errmsg(db_.get()));
+        return false;
+    }
+    return true;
+}
+
 int ContactsIndex::readVersion(int& version) {
     SqliteStatement st(db_.get(), "SELECT value FROM meta WHERE key = 'version'");
     if (st.step() != SQLITE_ROW)
@@ -540,11 +552,40 @@ int ContactsIndex::contactByPersonId(int personId, ContactRecord& record) {
     record = ContactRecord{};
     if (!ok())
         return CONTACTS_ERROR_DB;
-    std::lock_guard<std::mutex> own(mutex_);
     if (personId < 1)
         return CONTACTS_ERROR_INVALID_PARAMETER;
-    if (!exec("BEGIN"))
+    std::vector<ContactRecord> records;
+    std::vector<int> results;
+    const int rc = contactsByPersonIds({personId}, records, results);
+    if (rc != CONTACTS_ERROR_NONE)
+        return rc;
+    record = std::move(records.front());
+    return results.front();
+}
+
+int ContactsIndex::contactsByPersonIds(const std::vector<int>& personIds,
+                                       std::vector<ContactRecord>& records,
+                                       std::vector<int>& results) {
+    records.assign(personIds.size(), ContactRecord{});
+    results.assign(personIds.size(), CONTACTS_ERROR_DB);
+    if (!ok())
         return CONTACTS_ERROR_DB;
+    std::lock_guard<std::mutex> own(mutex_);
+    // One read transaction for all of them (an upload looks its contacts up a few dozen at a
+    // time); its statements are kept prepared like the look-ups'.
+    if (!stepCached("BEGIN"))
+        return CONTACTS_ERROR_DB;
+    for (std::size_t i = 0; i < personIds.size(); ++i) {
+        results[i] = personIds[i] < 1 ? CONTACTS_ERROR_INVALID_PARAMETER
+                                      : readContact(personIds[i], records[i]);
+        if (results[i] != CONTACTS_ERROR_NONE)
+            records[i] = ContactRecord{};
+    }
+    stepCached("COMMIT");
+    return CONTACTS_ERROR_NONE;
+}
+
+int ContactsIndex::readContact(int personId, ContactRecord& record) {
     int rc = CONTACTS_ERROR_NONE;
     {
         SqliteStatement& sel = cached(
@@ -571,37 +612,32 @@ int ContactsIndex::contactByPersonId(int personId, ContactRecord& record) {
         }
         sel.reset();  // a statement left on its row would hold this read open
     }
-    if (rc == CONTACTS_ERROR_NONE) {
-        SqliteStatement& sel = cached(
-            "SELECT id, kind, value, type, is_default, label FROM fields WHERE contact_id=? "
-            "ORDER BY kind, position");
-        sel.bind(1, personId);
-        int step;
-        while ((step = sel.step()) == SQLITE_ROW) {
-            const int id = sel.columnInt(0);
-            const int type = sel.columnInt(3);
-            const bool isDefault = sel.columnInt(4) != 0;
-            switch (sel.columnInt(1)) {
-                case kNumber:
-                    record.numbers.push_back(
-                        {id, type, isDefault, sel.columnText(2), sel.columnText(5)});
-                    break;
-                case kEmail:
-                    record.emails.push_back({id, type, isDefault, sel.columnText(2)});
-                    break;
-                default:
-                    record.addresses.push_back({id, type, isDefault, sel.columnText(2)});
-                    break;
-            }
-        }
-        if (step != SQLITE_DONE)
-            rc = CONTACTS_ERROR_DB;
-        record.hasPhoneNumber = !record.numbers.empty();
-    }
-    exec("COMMIT");
     if (rc != CONTACTS_ERROR_NONE)
-        record = ContactRecord{};
-    return rc;
+        return rc;
+    SqliteStatement& sel = cached(
+        "SELECT id, kind, value, type, is_default, label FROM fields WHERE contact_id=? "
+        "ORDER BY kind, position");
+    sel.bind(1, personId);
+    int step;
+    while ((step = sel.step()) == SQLITE_ROW) {
+        const int id = sel.columnInt(0);
+        const int type = sel.columnInt(3);
+        const bool isDefault = sel.columnInt(4) != 0;
+        switch (sel.columnInt(1)) {
+            case kNumber:
+                record.numbers.push_back(
+                    {id, type, isDefault, sel.columnText(2), sel.columnText(5)});
+                break;
+            case kEmail:
+                record.emails.push_back({id, type, isDefault, sel.columnText(2)});
+                break;
+            default:
+                record.addresses.push_back({id, type, isDefault, sel.columnText(2)});
+                break;
+        }
+    }
+    record.hasPhoneNumber = !record.numbers.empty();
+    return step == SQLITE_DONE ? CONTACTS_ERROR_NONE : CONTACTS_ERROR_DB;
 }
 
 }  // namespace pelio::platform

@@ -51,6 +51,11 @@ class ContactsIndex {
     int changesAfter(int addressBookId, int sinceVersion, std::vector<ContactChange>& changes,
                      int& currentVersion);
     int contactByPersonId(int personId, ContactRecord& record);
+    // Several look-ups in one read transaction: results[i] and records[i] are what
+    // contactByPersonId(personIds[i]) gives. Returns CONTACTS_ERROR_DB when the index could not
+    // be read at all (every result says so too).
+    int contactsByPersonIds(const std::vector<int>& personIds, std::vector<ContactRecord>& records,
+                            std::vector<int>& results);
 
     // Caps this connection's page cache at about kib KiB (SQLite's default is 2 MiB a connection).
     // Lookups by id walk the tables in id order and reuse few pages, so a reader needs little.
@@ -83,6 +88,10 @@ class ContactsIndex {
     // The statement of `sql` on this connection, prepared the first time and reset since its
     // last use. Used under mutex_ only; finalised before the connection closes.
     SqliteStatement& cached(const char* sql);
+    // The live contact personId into record, inside a transaction the caller holds.
+    int readContact(int personId, ContactRecord& record);
+    // One step of a kept statement that returns no rows (BEGIN, COMMIT); false is logged.
+    bool stepCached(const char* sql);
 
     std::mutex mutex_;  // one transaction at a time on this connection
     SqliteDb db_;

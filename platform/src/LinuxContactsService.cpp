@@ -235,6 +235,18 @@ int LinuxContactsService::getContactByPersonId(int personId, ContactRecord& reco
     return index->contactByPersonId(personId, record);
 }
 
+void LinuxContactsService::getContactsByPersonIds(const std::vector<int>& personIds,
+                                                  std::vector<ContactRecord>& records,
+                                                  std::vector<int>& results) {
+    auto index = currentIndex();
+    if (!index) {
+        records.assign(personIds.size(), ContactRecord{});
+        results.assign(personIds.size(), CONTACTS_ERROR_NOT_CONNECTED);
+        return;
+    }
+    index->contactsByPersonIds(personIds, records, results);
+}
+
 int LinuxContactsService::addChangedCallback(const std::string& viewUri, ContactsChangedCallback cb,
                                              void* userData) {
     if (cb == nullptr || !knownView(viewUri))

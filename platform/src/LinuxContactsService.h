@@ -44,6 +44,9 @@ class LinuxContactsService : public ContactsService {
     int getChangesByVersion(int addressBookId, int sinceVersion,
                             std::vector<ContactChange>& changes, int& currentVersion) override;
     int getContactByPersonId(int personId, ContactRecord& record) override;
+    void getContactsByPersonIds(const std::vector<int>& personIds,
+                                std::vector<ContactRecord>& records,
+                                std::vector<int>& results) override;
 
     int addChangedCallback(const std::string& viewUri, ContactsChangedCallback cb,
                            void* userData) override;

@@ -220,6 +220,12 @@ bool ContactsJsonComposer::getFirstNameFromContactId(const std::string& idText,
     const int personId = static_cast<int>(std::strtol(idText.c_str(), nullptr, 10));
     pp::ContactRecord contact;
     const int ret = pp::contactsService().getContactByPersonId(personId, contact);
+    return _takeLookedUp(idText, ret, contact, record);
+}
+
+bool ContactsJsonComposer::_takeLookedUp(const std::string& idText, int ret,
+                                         const pp::ContactRecord& contact,
+                                         ContactComposeRecord& record) {
     if (ret != pp::CONTACTS_ERROR_NONE) {
         LOGE("contacts_db_get_records_with_query failed[%d] for person[%s]", ret, idText.c_str());
         return false;
@@ -386,7 +392,23 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
 ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
     Counts counts;
     SentRows& sent = *mResult->sentRows;
-    for (const SelectedRow& selected : mRows) {
+    // Contacts are looked up a few dozen at a time, as their documents are made, and released
+    // after: memory does not grow with the size of the address book.
+    std::vector<int> personIds;
+    std::vector<pp::ContactRecord> contacts;
+    std::vector<int> results;
+    size_t looked = 0;  // index into contacts / results of the next live row
+    for (size_t i = 0; i < mRows.size(); ++i) {
+        if (i % kLookupRows == 0) {
+            personIds.clear();
+            for (size_t k = i; k < std::min(mRows.size(), i + kLookupRows); ++k) {
+                if (mRows[k].dirty != plm::DIRTY_DELETED)
+                    personIds.push_back(mRows[k].contactId);
+            }
+            pp::contactsService().getContactsByPersonIds(personIds, contacts, results);
+            looked = 0;
+        }
+        const SelectedRow& selected = mRows[i];
         ContactComposeRecord record;
         record.contactId = selected.contactId;
         record.dirty = selected.dirty;
@@ -394,10 +416,11 @@ ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
         record.version = selected.version;
         record.revision = selected.revision;
         const std::string idText = std::to_string(record.contactId);
-        // Looked up as its document is made, and released after: memory does not grow with the
-        // size of the address book.
-        if (record.dirty != plm::DIRTY_DELETED)
-            record.readable = getFirstNameFromContactId(idText, record);
+        if (record.dirty != plm::DIRTY_DELETED) {
+            record.readable = looked < results.size() &&
+                              _takeLookedUp(idText, results[looked], contacts[looked], record);
+            ++looked;
+        }
         if (!record.readable) {
             // Never an empty document: the row stays dirty and the next collection sees what
             // became of the person.

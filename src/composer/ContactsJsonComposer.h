@@ -56,6 +56,7 @@ struct ContactComposeRecord {
 class ContactsJsonComposer : public JSONComposer {
   public:
     static constexpr int kBatchSize = 1000;
+    static constexpr size_t kLookupRows = 64;  // rows whose contacts are looked up together
     // Rows per SELECT: three columns each keep one SELECT within the row-transfer bound.
     static constexpr int kSelectPageRows = 750;  // five columns a row
     static constexpr size_t kIdWidth = 12;
@@ -109,9 +110,12 @@ class ContactsJsonComposer : public JSONComposer {
     bool _appendDocument(JsonObjectPtr document);
     bool _flushBatch();
     bool _readRows();
-    // Looks each record up and makes its document, in bodies of kBatchSize; stops early when
+    // Looks the records up and makes their documents, in bodies of kBatchSize; stops early when
     // the sink says so.
     Counts _composeRecords();
+    // What getFirstNameFromContactId does, from a look-up already made (ret its result).
+    bool _takeLookedUp(const std::string& idText, int ret,
+                       const pelio::platform::ContactRecord& contact, ContactComposeRecord& record);
 
     // What the shadow table says of one selected row. Only this is kept for every row; the
     // contact's own data is looked up while its document is made, so the list stays small

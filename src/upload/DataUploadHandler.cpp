@@ -33,8 +33,10 @@ constexpr int kUnitCountStandAlone = 100;
 constexpr int kDeflateLevel = 6;
 // A reply larger than this is refused (the transfer is aborted and the part counts as failed).
 constexpr size_t kMaxReplyBytes = 64u << 20;
-// Parts of one body on the wire at once, each over its own connection.
-constexpr size_t kPartsInFlight = 4;
+// Parts of one body on the wire at once, each over its own connection. The sync manager posts two
+// bodies at once, so a sync holds at most six connections to the server (servers bound the
+// connections of one client; pds-server's default bound is eight).
+constexpr size_t kPartsInFlight = 3;
 
 // Transfer limits of the bulk post: no overall time-out (large bodies on slow links must finish),
 // but a connect time-out and a stall limit. Tests shorten them.

@@ -156,15 +156,29 @@ TEST_F(ContactsJsonComposerTest, LiveDocumentEnvelopeNamesAndNumbers) {
 }
 
 TEST_F(ContactsJsonComposerTest, UnreadablePersonIsNotSentAndLeavesTheDomainIncomplete) {
+    // Known persons around an unknown one and a deletion, across a look-up of 64 rows: each
+    // document carries its own person's name.
+    const int first = contacts_.putMany("P", 100);
+    insertRows(first, 40, 1);
     insertRows(4242, 1, 1);  // the contacts service does not know it
-    insertRows(57, 1, 2, "3-abc");
+    insertRows(9057, 1, 2, "3-abc");
+    insertRows(first + 40, 60, 1);
     auto data = compose();
-    EXPECT_TRUE(!data->complete && counts(*data) == "0/0/1");
-    EXPECT_EQ(Body(data->documents[0]).size(), 1u);
+    EXPECT_TRUE(!data->complete && counts(*data) == "100/0/1");
+    Body body(data->documents[0]);
+    ASSERT_EQ(body.size(), 101u);
+    for (guint i = 0; i < body.size(); ++i) {
+        JsonObject* doc = body.at(i);
+        if (!json_object_has_member(doc, "meta_data"))
+            continue;  // the deletion
+        const int person = std::stoi(str(doc, "_id").substr(4));
+        EXPECT_EQ(str(json_object_get_object_member(doc, "meta_data"), "displayname"),
+                  "P" + std::to_string(person - first));
+    }
     // What each document was composed from, for the outcome of its answer.
-    ASSERT_EQ(data->sentRows->size(), 1u);
-    const SentRow& row = data->sentRows->at("con_00000057");
-    EXPECT_TRUE(row.deletion() && (row.key == SentRow::Columns{{"_id", "57"}}));
+    ASSERT_EQ(data->sentRows->size(), 101u);
+    const SentRow& row = data->sentRows->at("con_00009057");
+    EXPECT_TRUE(row.deletion() && (row.key == SentRow::Columns{{"_id", "9057"}}));
     EXPECT_EQ(row.state, (SentRow::Columns{{"dirty", "2"}, {"version", "1"}}));
 }
 

@@ -160,6 +160,17 @@ class ContactsService {
                                     std::vector<ContactChange>& changes, int& currentVersion) = 0;
     // The live contact whose person id equals personId; CONTACTS_ERROR_NO_DATA when there is none.
     virtual int getContactByPersonId(int personId, ContactRecord& record) = 0;
+    // Several of those at once: results[i] and records[i] are what getContactByPersonId
+    // (personIds[i]) gives. The default asks one by one; a service with an index reads them all
+    // in one go.
+    virtual void getContactsByPersonIds(const std::vector<int>& personIds,
+                                        std::vector<ContactRecord>& records,
+                                        std::vector<int>& results) {
+        records.assign(personIds.size(), ContactRecord{});
+        results.assign(personIds.size(), CONTACTS_ERROR_NONE);
+        for (std::size_t i = 0; i < personIds.size(); ++i)
+            results[i] = getContactByPersonId(personIds[i], records[i]);
+    }
 
     // Change callbacks of a view (person, contact or phone log), run on the main loop thread.
     virtual int addChangedCallback(const std::string& viewUri, ContactsChangedCallback cb,
