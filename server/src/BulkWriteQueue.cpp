@@ -44,7 +44,15 @@ BulkWriteQueue::Written BulkWriteQueue::post(const std::string& dbPath, const js
         db.writing = true;
         const std::vector<Waiter*> joined = takeJoinable(db);
         lock.unlock();
-        writeJoined(dbPath, joined);
+        try {
+            writeJoined(dbPath, joined);
+        } catch (...) {
+            // Whatever went wrong, the database is free again and each write tries on its own
+            // (an error that comes back then reaches the request that made it).
+            for (Waiter* w : joined) {
+                w->alone = true;
+            }
+        }
         lock.lock();
         for (Waiter* w : joined) {
             w->done = true;

@@ -18,7 +18,7 @@ using nlohmann::json;
 
 namespace {
 
-class BulkWriteQueueTest : public ::testing::Test {
+class BulkWriteQueueThreadedTest : public ::testing::Test {
   protected:
     void SetUp() override {
         server.Post("/db/_bulk_docs", [this](const httplib::Request& req, httplib::Response& res) {
@@ -97,7 +97,7 @@ void expectOwnResults(const std::vector<BulkWriteQueue::Written>& written,
     }
 }
 
-TEST_F(BulkWriteQueueTest, WritesAtTheSameTimeGoTogetherAndEachGetsItsOwnAnswers) {
+TEST_F(BulkWriteQueueThreadedTest, WritesAtTheSameTimeGoTogetherAndEachGetsItsOwnAnswers) {
     BulkWriteQueue queue(*couch, 250);
     const std::vector<std::string> prefixes{"a", "b", "c", "d", "e"};
     expectOwnResults(writeAtOnce(queue, prefixes, 100), prefixes, 100);
@@ -117,7 +117,7 @@ TEST_F(BulkWriteQueueTest, WritesAtTheSameTimeGoTogetherAndEachGetsItsOwnAnswers
     EXPECT_EQ(requests.size(), 3u);
 }
 
-TEST_F(BulkWriteQueueTest, AFailedJoinedRequestIsPostedAgainWriteByWrite) {
+TEST_F(BulkWriteQueueThreadedTest, AFailedJoinedRequestIsPostedAgainWriteByWrite) {
     BulkWriteQueue queue(*couch);
     refuseAbove = 100;  // the database refuses any request that joins two writes
     const std::vector<std::string> prefixes{"a", "b", "c"};
