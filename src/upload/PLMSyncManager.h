@@ -128,7 +128,8 @@ class PLMSyncManager : public SyncHandlerHost {
 
     // Worker steps (the worker thread; tests call them directly with the worker off).
     // composeAndSync: true when every document of the item was posted and answered. Bodies are
-    // composed, posted and released one at a time; the session is opened for the first one.
+    // posted as they are composed, two at a time, and released once answered; the session is
+    // opened for the first one.
     bool composeAndSync(int item);
     // The idle work of the worker: close an open PDS session (with retries), apply the outcomes,
     // move a pending item back to syncQueue or run the exit check. The caller holds the sync lock.
