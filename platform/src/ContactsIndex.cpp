@@ -114,14 +114,12 @@ bool ContactsIndex::exec(const char* sql) {
     return true;
 }
 
-SqliteStatement& ContactsIndex::cached(const char* sql) {
+StatementCache::Lease ContactsIndex::cached(const char* sql) {
     return statements_.get(db_.get(), sql);
 }
 
 bool ContactsIndex::stepCached(const char* sql) {
-    SqliteStatement& st = cached(sql);
-    const int rc = st.step();
-    st.reset();
+    const int rc = cached(sql)->step();
     if (rc != SQLITE_DONE) {
         dlog_print(DLOG_ERROR, kTag, "contacts: SQL failed (%s): %s", sql,
                    sqlite3_errmsg(db_.get()));
@@ -160,8 +158,8 @@ bool ContactsIndex::writeContact(int id, const ParsedCard& card, int bookId, boo
                  "display_name=?, has_name=?, favorite=?, first=?, last=?, addition=?, prefix=?, "
                  "suffix=?, phonetic_first=?, phonetic_middle=?, phonetic_last=?, card_key=?, "
                  "deleted=0 WHERE id=?";
-    SqliteStatement& st = cached(sql);
-    st.bind(1, bookId)
+    const auto st = cached(sql);
+    st->bind(1, bookId)
         .bind(2, card.file)
         .bind(3, card.fingerprint())
         .bind(4, card.displayName)
@@ -177,8 +175,8 @@ bool ContactsIndex::writeContact(int id, const ParsedCard& card, int bookId, boo
         .bind(14, card.name.phoneticLast)
         .bind(15, card.key);
     if (!insert)
-        st.bind(16, id);
-    if (!st.run())
+        st->bind(16, id);
+    if (!st->run())
         return false;
     newId = insert ? static_cast<int>(sqlite3_last_insert_rowid(db_.get())) : id;
     return writeFields(newId, card);
@@ -190,18 +188,18 @@ bool ContactsIndex::writeFields(int contactId, const ParsedCard& card) {
     for (int kind : {kNumber, kEmail, kAddress}) {
         std::multimap<std::string, int> old;  // value -> field id, in id order
         {
-            SqliteStatement& sel =
+            const auto sel =
                 cached("SELECT id, value FROM fields WHERE contact_id=? AND kind=? ORDER BY id");
-            sel.bind(1, contactId).bind(2, kind);
+            sel->bind(1, contactId).bind(2, kind);
             int rc;
-            while ((rc = sel.step()) == SQLITE_ROW)
-                old.emplace(sel.columnText(1), sel.columnInt(0));
+            while ((rc = sel->step()) == SQLITE_ROW)
+                old.emplace(sel->columnText(1), sel->columnInt(0));
             if (rc != SQLITE_DONE)
                 return false;
         }
-        SqliteStatement& upd =
+        const auto upd =
             cached("UPDATE fields SET position=?, type=?, is_default=?, label=? WHERE id=?");
-        SqliteStatement& ins = cached(
+        const auto ins = cached(
             "INSERT INTO fields(contact_id, kind, position, value, type, is_default, label) "
             "VALUES(?,?,?,?,?,?,?)");
         const auto values = fieldsOf(card, kind);
@@ -210,7 +208,7 @@ bool ContactsIndex::writeFields(int contactId, const ParsedCard& card) {
             auto match = old.find(v.value);
             bool ok;
             if (match != old.end()) {
-                ok = upd.bind(1, static_cast<int>(pos))
+                ok = upd->bind(1, static_cast<int>(pos))
                          .bind(2, v.type)
                          .bind(3, v.isDefault ? 1 : 0)
                          .bind(4, v.label)
@@ -218,7 +216,7 @@ bool ContactsIndex::writeFields(int contactId, const ParsedCard& card) {
                          .run();
                 old.erase(match);
             } else {
-                ok = ins.bind(1, contactId)
+                ok = ins->bind(1, contactId)
                          .bind(2, kind)
                          .bind(3, static_cast<int>(pos))
                          .bind(4, v.value)
@@ -230,9 +228,9 @@ bool ContactsIndex::writeFields(int contactId, const ParsedCard& card) {
             if (!ok)
                 return false;
         }
-        SqliteStatement& del = cached("DELETE FROM fields WHERE id=?");
+        const auto del = cached("DELETE FROM fields WHERE id=?");
         for (const auto& [value, id] : old) {
-            if (!del.bind(1, id).run())
+            if (!del->bind(1, id).run())
                 return false;
         }
     }
@@ -419,9 +417,11 @@ bool ContactsIndex::applyCards(const ContactsScan& scan,
                                  old.deleted ? CONTACTS_CHANGE_INSERTED : CONTACTS_CHANGE_UPDATED);
         } else if (old.sourceFile != card.file || old.bookId != bookId) {
             // Moved without a visible change: follow it quietly.
-            SqliteStatement& mv =
-                cached("UPDATE contacts SET source_file=?, address_book_id=? WHERE id=?");
-            if (!mv.bind(1, card.file).bind(2, bookId).bind(3, old.id).run())
+            if (!cached("UPDATE contacts SET source_file=?, address_book_id=? WHERE id=?")
+                     ->bind(1, card.file)
+                     .bind(2, bookId)
+                     .bind(3, old.id)
+                     .run())
                 return false;
         }
     }
@@ -489,11 +489,10 @@ int ContactsIndex::contactsCount(int& count) {
     if (!ok())
         return CONTACTS_ERROR_DB;
     std::lock_guard<std::mutex> own(mutex_);
-    SqliteStatement& sel = cached("SELECT COUNT(*) FROM contacts");
-    if (sel.step() != SQLITE_ROW)
+    const auto sel = cached("SELECT COUNT(*) FROM contacts");
+    if (sel->step() != SQLITE_ROW)
         return CONTACTS_ERROR_DB;
-    count = sel.columnInt(0);
-    sel.reset();  // ends the read, so no snapshot is held between calls
+    count = sel->columnInt(0);
     return CONTACTS_ERROR_NONE;
 }
 
@@ -502,18 +501,17 @@ int ContactsIndex::contactSummary(int id, ContactSummary& summary) {
     if (!ok())
         return CONTACTS_ERROR_DB;
     std::lock_guard<std::mutex> own(mutex_);
-    SqliteStatement& sel = cached("SELECT display_name, deleted FROM contacts WHERE id = ?");
-    sel.bind(1, id);
-    const int rc = sel.step();
+    const auto sel = cached("SELECT display_name, deleted FROM contacts WHERE id = ?");
+    sel->bind(1, id);
+    const int rc = sel->step();
     if (rc == SQLITE_DONE)
         return CONTACTS_ERROR_NO_DATA;
     if (rc != SQLITE_ROW)
         return CONTACTS_ERROR_DB;
     summary.id = id;
     summary.personId = id;
-    summary.displayName = sel.columnText(0);
-    summary.deleted = sel.columnInt(1) != 0;
-    sel.reset();  // ends the read, so no snapshot is held between calls
+    summary.displayName = sel->columnText(0);
+    summary.deleted = sel->columnInt(1) != 0;
     return CONTACTS_ERROR_NONE;
 }
 
@@ -549,16 +547,9 @@ int ContactsIndex::changesAfter(int addressBookId, int sinceVersion,
 }
 
 int ContactsIndex::contactByPersonId(int personId, ContactRecord& record) {
-    record = ContactRecord{};
-    if (!ok())
-        return CONTACTS_ERROR_DB;
-    if (personId < 1)
-        return CONTACTS_ERROR_INVALID_PARAMETER;
     std::vector<ContactRecord> records;
     std::vector<int> results;
-    const int rc = contactsByPersonIds({personId}, records, results);
-    if (rc != CONTACTS_ERROR_NONE)
-        return rc;
+    contactsByPersonIds({personId}, records, results);
     record = std::move(records.front());
     return results.front();
 }
@@ -588,51 +579,50 @@ int ContactsIndex::contactsByPersonIds(const std::vector<int>& personIds,
 int ContactsIndex::readContact(int personId, ContactRecord& record) {
     int rc = CONTACTS_ERROR_NONE;
     {
-        SqliteStatement& sel = cached(
+        const auto sel = cached(
             "SELECT display_name, has_name, favorite, first, last, addition, prefix, "
             "suffix, phonetic_first, phonetic_middle, phonetic_last FROM contacts "
             "WHERE id=? AND deleted=0");
-        const int step = sel.bind(1, personId).step();
+        const int step = sel->bind(1, personId).step();
         if (step == SQLITE_ROW) {
             record.id = personId;
             record.personId = personId;
-            record.displayName = sel.columnText(0);
-            record.hasName = sel.columnInt(1) != 0;
-            record.isFavorite = sel.columnInt(2) != 0;
-            record.name.first = sel.columnText(3);
-            record.name.last = sel.columnText(4);
-            record.name.addition = sel.columnText(5);
-            record.name.prefix = sel.columnText(6);
-            record.name.suffix = sel.columnText(7);
-            record.name.phoneticFirst = sel.columnText(8);
-            record.name.phoneticMiddle = sel.columnText(9);
-            record.name.phoneticLast = sel.columnText(10);
+            record.displayName = sel->columnText(0);
+            record.hasName = sel->columnInt(1) != 0;
+            record.isFavorite = sel->columnInt(2) != 0;
+            record.name.first = sel->columnText(3);
+            record.name.last = sel->columnText(4);
+            record.name.addition = sel->columnText(5);
+            record.name.prefix = sel->columnText(6);
+            record.name.suffix = sel->columnText(7);
+            record.name.phoneticFirst = sel->columnText(8);
+            record.name.phoneticMiddle = sel->columnText(9);
+            record.name.phoneticLast = sel->columnText(10);
         } else {
             rc = step == SQLITE_DONE ? CONTACTS_ERROR_NO_DATA : CONTACTS_ERROR_DB;
         }
-        sel.reset();  // a statement left on its row would hold this read open
     }
     if (rc != CONTACTS_ERROR_NONE)
         return rc;
-    SqliteStatement& sel = cached(
+    const auto sel = cached(
         "SELECT id, kind, value, type, is_default, label FROM fields WHERE contact_id=? "
         "ORDER BY kind, position");
-    sel.bind(1, personId);
+    sel->bind(1, personId);
     int step;
-    while ((step = sel.step()) == SQLITE_ROW) {
-        const int id = sel.columnInt(0);
-        const int type = sel.columnInt(3);
-        const bool isDefault = sel.columnInt(4) != 0;
-        switch (sel.columnInt(1)) {
+    while ((step = sel->step()) == SQLITE_ROW) {
+        const int id = sel->columnInt(0);
+        const int type = sel->columnInt(3);
+        const bool isDefault = sel->columnInt(4) != 0;
+        switch (sel->columnInt(1)) {
             case kNumber:
                 record.numbers.push_back(
-                    {id, type, isDefault, sel.columnText(2), sel.columnText(5)});
+                    {id, type, isDefault, sel->columnText(2), sel->columnText(5)});
                 break;
             case kEmail:
-                record.emails.push_back({id, type, isDefault, sel.columnText(2)});
+                record.emails.push_back({id, type, isDefault, sel->columnText(2)});
                 break;
             default:
-                record.addresses.push_back({id, type, isDefault, sel.columnText(2)});
+                record.addresses.push_back({id, type, isDefault, sel->columnText(2)});
                 break;
         }
     }

@@ -85,9 +85,9 @@ class ContactsIndex {
     int addressBookId(const std::string& path, int& id);
     bool writeContact(int id, const ParsedCard& card, int bookId, bool insert, int& newId);
     bool writeFields(int contactId, const ParsedCard& card);
-    // The statement of `sql` on this connection, prepared the first time and reset since its
-    // last use. Used under mutex_ only; finalised before the connection closes.
-    SqliteStatement& cached(const char* sql);
+    // The statement of `sql` on this connection, prepared the first time, reset when the lease
+    // goes. Used under mutex_ only; finalised before the connection closes.
+    StatementCache::Lease cached(const char* sql);
     // The live contact personId into record, inside a transaction the caller holds.
     int readContact(int personId, ContactRecord& record);
     // One step of a kept statement that returns no rows (BEGIN, COMMIT); false is logged.

@@ -343,9 +343,7 @@ int MediaIndex::song(long long id, MediaInfoRecord& out) {
     {
         // One song is looked up for every document: its statement is prepared once.
         const std::lock_guard<std::mutex> lock(lookupMutex_);
-        SqliteStatement& st = lookups_.get(db_.get(), kSongById.c_str());
-        rc = songsWhere(st, id, found);
-        st.reset();
+        rc = songsWhere(*lookups_.get(db_.get(), kSongById.c_str()), id, found);
     }
     if (rc != MEDIA_CONTENT_ERROR_NONE)
         return rc;

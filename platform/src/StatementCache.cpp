@@ -2,14 +2,11 @@
 
 namespace pelio::platform {
 
-SqliteStatement& StatementCache::get(sqlite3* db, const char* sql) {
+StatementCache::Lease StatementCache::get(sqlite3* db, const char* sql) {
     std::unique_ptr<SqliteStatement>& slot = statements_[sql];
-    if (!slot || !slot->ok()) {
+    if (!slot || !slot->ok())
         slot = std::make_unique<SqliteStatement>(db, sql);
-    } else {
-        slot->reset();
-    }
-    return *slot;
+    return Lease(*slot);
 }
 
 }  // namespace pelio::platform
