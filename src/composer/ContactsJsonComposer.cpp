@@ -215,17 +215,9 @@ bool ContactsJsonComposer::getAllDataFromRecord(const pp::ContactRecord& contact
     return true;
 }
 
-bool ContactsJsonComposer::getFirstNameFromContactId(const std::string& idText,
+bool ContactsJsonComposer::getFirstNameFromContactId(const std::string& idText, int ret,
+                                                     const pp::ContactRecord& contact,
                                                      ContactComposeRecord& record) {
-    const int personId = static_cast<int>(std::strtol(idText.c_str(), nullptr, 10));
-    pp::ContactRecord contact;
-    const int ret = pp::contactsService().getContactByPersonId(personId, contact);
-    return _takeLookedUp(idText, ret, contact, record);
-}
-
-bool ContactsJsonComposer::_takeLookedUp(const std::string& idText, int ret,
-                                         const pp::ContactRecord& contact,
-                                         ContactComposeRecord& record) {
     if (ret != pp::CONTACTS_ERROR_NONE) {
         LOGE("contacts_db_get_records_with_query failed[%d] for person[%s]", ret, idText.c_str());
         return false;
@@ -417,8 +409,9 @@ ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
         record.revision = selected.revision;
         const std::string idText = std::to_string(record.contactId);
         if (record.dirty != plm::DIRTY_DELETED) {
-            record.readable = looked < results.size() &&
-                              _takeLookedUp(idText, results[looked], contacts[looked], record);
+            record.readable =
+                looked < results.size() &&
+                getFirstNameFromContactId(idText, results[looked], contacts[looked], record);
             ++looked;
         }
         if (!record.readable) {

@@ -68,9 +68,11 @@ class ContactsJsonComposer : public JSONComposer {
     // The whole composition; item -1 and counts -1 when there is nothing to send.
     std::unique_ptr<SyncData> makeUploadJSON();
 
-    // Fills record from the live contact whose person id is idText; false when the look-up failed
-    // (record left as it was).
-    bool getFirstNameFromContactId(const std::string& idText, ContactComposeRecord& record);
+    // Fills record from the live contact whose person id is idText, as looked up (ret the
+    // look-up's result); false when the look-up failed (record left as it was).
+    bool getFirstNameFromContactId(const std::string& idText, int ret,
+                                   const pelio::platform::ContactRecord& contact,
+                                   ContactComposeRecord& record);
     bool getAllDataFromRecord(const pelio::platform::ContactRecord& contact,
                               ContactComposeRecord& record);
     bool getNameFromRecord(const pelio::platform::ContactRecord& contact,
@@ -113,9 +115,6 @@ class ContactsJsonComposer : public JSONComposer {
     // Looks the records up and makes their documents, in bodies of kBatchSize; stops early when
     // the sink says so.
     Counts _composeRecords();
-    // What getFirstNameFromContactId does, from a look-up already made (ret its result).
-    bool _takeLookedUp(const std::string& idText, int ret,
-                       const pelio::platform::ContactRecord& contact, ContactComposeRecord& record);
 
     // What the shadow table says of one selected row. Only this is kept for every row; the
     // contact's own data is looked up while its document is made, so the list stays small
