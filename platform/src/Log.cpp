@@ -5,10 +5,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #ifdef PELIO_HAVE_JOURNAL
@@ -19,22 +24,65 @@
 namespace pelio::platform {
 namespace {
 
+#ifdef PELIO_HAVE_JOURNAL
+struct JournalLine {
+    int priority;
+    std::string tag;
+    std::string message;
+};
+#endif
+
+// Lines leave through one writer thread: a caller formats its line and appends it to `pending`,
+// and the writer, woken by the first line, lets more gather for a couple of milliseconds and
+// hands them to standard error in one write, so a burst of lines from the sync threads costs a
+// few system calls, not one per line. Warnings and errors, and
+// every line once the process is exiting or has forked, are written out by the caller itself,
+// together with everything before them, before it returns.
 struct LogState {
-    std::mutex mutex;
+    std::mutex mutex;  // guards everything below but `io`
     std::vector<LogSink*> sinks;
     bool toStderr = true;
     pid_t pid = 0;  // this process's id, read once (a system call each time otherwise)
 #ifdef PELIO_HAVE_JOURNAL
     int journalChecked = 0;  // 0 unknown, 1 available, -1 not available
+    std::vector<JournalLine> pendingJournal;
 #endif
+    std::string pending;  // standard error's lines not yet written, in order
+    std::condition_variable wake;
+    bool writerWaiting = false;
+    bool writerStarted = false;
+    bool direct = false;  // no writer thread: each caller writes out what is pending
+    // Held while a batch is written; taken before `mutex` is released, so batches leave in the
+    // order they were taken.
+    std::mutex io;
 };
 
 LogState& state() {
     static LogState* s = [] {
         auto* made = new LogState();  // never destroyed: threads may log during exit
         made->pid = getpid();
-        // A forked child reads its own id again before it logs.
-        pthread_atfork(nullptr, nullptr, [] { state().pid = getpid(); });
+        // A forked child reads its own id again before it logs, has no writer thread and leaves
+        // the parent's pending lines to the parent.
+        pthread_atfork(
+            [] {
+                state().mutex.lock();
+                state().io.lock();
+            },
+            [] {
+                state().io.unlock();
+                state().mutex.unlock();
+            },
+            [] {
+                LogState& child = state();
+                child.pid = getpid();
+                child.direct = true;
+                child.pending.clear();
+#ifdef PELIO_HAVE_JOURNAL
+                child.pendingJournal.clear();
+#endif
+                child.io.unlock();
+                child.mutex.unlock();
+            });
         return made;
     }();
     return *s;
@@ -97,21 +145,26 @@ char logPriorityLetter(int priority) {
 
 namespace {
 
-// "<letter>/<tag>(<pid>): <message>" and a newline to standard error in one write (stderr is
-// unbuffered: through stdio the line would be formatted a second time).
-void writeLine(int priority, const char* tag, pid_t pid, const std::string& message) {
-    std::string line;
-    line.reserve(message.size() + std::strlen(tag) + 24);
-    line += logPriorityLetter(priority);
-    line += '/';
-    line += tag;
-    line += '(';
-    line += std::to_string(pid);
-    line += "): ";
-    line += message;
-    line += '\n';
-    for (size_t done = 0; done < line.size();) {
-        const ssize_t n = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+constexpr size_t kMaxPending = 1 << 20;
+// How long the writer lets lines gather after the first one before it writes them.
+constexpr std::chrono::milliseconds kGatherTime{2};
+
+// Appends "<letter>/<tag>(<pid>): <message>" and a newline.
+void appendLine(std::string& out, int priority, const char* tag, pid_t pid,
+                const std::string& message) {
+    out += logPriorityLetter(priority);
+    out += '/';
+    out += tag;
+    out += '(';
+    out += std::to_string(pid);
+    out += "): ";
+    out += message;
+    out += '\n';
+}
+
+void writeAll(const std::string& text) {
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t n = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -120,7 +173,82 @@ void writeLine(int priority, const char* tag, pid_t pid, const std::string& mess
     }
 }
 
+// Takes what is pending and writes it; `lock` holds the state's mutex and is released while the
+// text is written (other threads go on logging meanwhile).
+void writePending(LogState& s, std::unique_lock<std::mutex>& lock) {
+    std::string text;
+    text.swap(s.pending);
+#ifdef PELIO_HAVE_JOURNAL
+    std::vector<JournalLine> journal;
+    journal.swap(s.pendingJournal);
+#endif
+    std::lock_guard<std::mutex> io(s.io);
+    lock.unlock();
+    writeAll(text);
+#ifdef PELIO_HAVE_JOURNAL
+    for (const JournalLine& line : journal) {
+        sd_journal_send("MESSAGE=%s", line.message.c_str(), "PRIORITY=%d",
+                        journalPriority(line.priority), "SYSLOG_IDENTIFIER=%s", line.tag.c_str(),
+                        nullptr);
+    }
+#endif
+}
+
+bool nothingPending(const LogState& s) {
+#ifdef PELIO_HAVE_JOURNAL
+    if (!s.pendingJournal.empty())
+        return false;
+#endif
+    return s.pending.empty();
+}
+
+[[noreturn]] void runWriter() {
+    LogState& s = state();
+    for (;;) {
+        std::unique_lock<std::mutex> lock(s.mutex);
+        s.writerWaiting = true;
+        s.wake.wait(lock, [&s] { return !nothingPending(s); });
+        s.writerWaiting = false;
+        // Lets a burst gather: its lines then cost one write, not a wake-up and a write each.
+        lock.unlock();
+        std::this_thread::sleep_for(kGatherTime);
+        lock.lock();
+        writePending(s, lock);
+    }
+}
+
+// Called with the state's mutex held. Starts the writer thread on the first line; without one
+// (it could not start, the process is exiting, or it forked) the caller writes.
+bool haveWriter(LogState& s) {
+    if (s.direct)
+        return false;
+    if (!s.writerStarted) {
+        s.writerStarted = true;
+        try {
+            std::thread(runWriter).detach();  // lives as long as the process
+        } catch (const std::system_error&) {
+            s.direct = true;
+            return false;
+        }
+        // Whatever is pending when the process exits is written then; lines logged later
+        // (by destructors of statics) are written by their callers.
+        std::atexit([] {
+            flushLog();
+            std::lock_guard<std::mutex> guard(state().mutex);
+            state().direct = true;
+        });
+    }
+    return true;
+}
+
 }  // namespace
+
+void flushLog() {
+    LogState& s = state();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    writePending(s, lock);
+}
+
 }  // namespace pelio::platform
 
 int dlog_vprint(int priority, const char* tag, const char* fmt, va_list ap) {
@@ -147,17 +275,30 @@ int dlog_vprint(int priority, const char* tag, const char* fmt, va_list ap) {
         message.pop_back();
 
     LogState& s = state();
-    std::lock_guard<std::mutex> guard(s.mutex);
-    if (s.toStderr)
-        writeLine(priority, tag, s.pid, message);
-#ifdef PELIO_HAVE_JOURNAL
-    if (journalAvailable(s)) {
-        sd_journal_send("MESSAGE=%s", message.c_str(), "PRIORITY=%d", journalPriority(priority),
-                        "SYSLOG_IDENTIFIER=%s", tag, nullptr);
-    }
-#endif
+    std::unique_lock<std::mutex> lock(s.mutex);
     for (LogSink* sink : s.sinks)
         sink->write(priority, tag, message);
+    bool queued = false;
+    if (s.toStderr) {
+        appendLine(s.pending, priority, tag, s.pid, message);
+        queued = true;
+    }
+#ifdef PELIO_HAVE_JOURNAL
+    if (journalAvailable(s)) {
+        s.pendingJournal.push_back({priority, tag, message});
+        queued = true;
+    }
+#endif
+    if (!queued)
+        return needed;
+    // A writer that cannot keep up (standard error blocked) holds its callers back, as a plain
+    // write would, rather than letting the pending text grow without bound.
+    if (priority >= DLOG_WARN || s.pending.size() > kMaxPending || !haveWriter(s)) {
+        writePending(s, lock);
+    } else if (s.writerWaiting) {
+        s.writerWaiting = false;  // one wake-up is enough
+        s.wake.notify_one();
+    }
     return needed;
 }
 

@@ -6,7 +6,11 @@
 // The service formats its messages as "<file>: <function>(<line>) > <text>" (see the service's
 // PelioLog.h), which makes the fixed line format of the service.
 //
-// Thread-safe: lines from several threads never interleave. Tests add a sink to read the lines.
+// Thread-safe: lines from several threads never interleave, and leave in the order they were
+// logged. Debug and info lines are handed to a writer thread, which writes what has gathered in
+// one go, within a couple of milliseconds; a warning or an error is written out, with every line
+// before it, before the call returns, and so is everything pending when the process exits. Tests
+// add a sink to read the lines (sinks are called at once, on the caller's thread).
 #pragma once
 
 #include <cstdarg>
@@ -35,6 +39,10 @@ void removeLogSink(LogSink* sink);
 
 // Turns the standard-error copy on or off (on by default; tests with noisy cases may quieten it).
 void setLogToStderr(bool enabled);
+
+// Writes out the lines still waiting for the writer thread: every line logged before the call is
+// on standard error (and in the journal) when it returns.
+void flushLog();
 
 // The priority letter of a line: 'D', 'I', 'W', 'E' ('?' for anything else).
 char logPriorityLetter(int priority);
