@@ -812,7 +812,20 @@ void PLMSyncManager::_processSyncResults() {
         // Not under the domain's lock (the sync lock is held here, and the lock order puts
         // domain locks outside it): an answer only touches a row still as it was sent, in one
         // transaction, so a collection running meanwhile costs at most a second upload.
-        if (!SyncOutcomeProcessor::applyResponse(result->jsonResponse, *result->sentRows, marks))
+        bool applied = false;
+        switch (result->reply) {
+            case SyncResult::Reply::Read:
+                applied =
+                    SyncOutcomeProcessor::applyAnswers(result->answers, *result->sentRows, marks);
+                break;
+            case SyncResult::Reply::Unread:
+                applied = SyncOutcomeProcessor::applyResponse(result->jsonResponse,
+                                                              *result->sentRows, marks);
+                break;
+            case SyncResult::Reply::Unreadable:
+                break;
+        }
+        if (!applied)
             failed.insert(result->itemType);
         if (std::none_of(sentByItem.begin(), sentByItem.end(),
                          [&result](const auto& e) { return e.second == result->sentRows; })) {
@@ -995,6 +1008,13 @@ bool PLMSyncManager::_postBody(UploadRun& run, std::string body,
         LOGE("syncResult->jsonResponse has no length");
         run.allPosted = false;
         return false;
+    }
+    // Read here, while later posts are on their way; applied when the session has closed.
+    if (SyncOutcomeProcessor::readAnswers(syncResult->jsonResponse, syncResult->answers)) {
+        syncResult->reply = SyncResult::Reply::Read;
+        std::string().swap(syncResult->jsonResponse);
+    } else {
+        syncResult->reply = SyncResult::Reply::Unreadable;
     }
     std::lock_guard<std::mutex> guard(mSyncResultsMutex);
     mSyncResults.push_back(std::move(syncResult));

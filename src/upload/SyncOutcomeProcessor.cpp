@@ -50,9 +50,7 @@ bool isIdentifier(const std::string& name) {
 
 struct Outcome {
     const SentRow* row;
-    std::string id;
-    std::string rev;
-    bool conflict;
+    const DocAnswer* answer;
 };
 
 // "col1 = ? AND col2 = ?" over columns; false when a name is not an identifier.
@@ -129,15 +127,15 @@ bool applyAccepted(sqlite3* db, StatementCache& cache, const Outcome& outcome) {
         changed = run(db, cache,
                       "UPDATE " + row.table + " SET rev_id = ?, dirty = " +
                           plm::dirtyText(plm::DIRTY_SYNCED) + " WHERE " + where,
-                      {outcome.rev}, {&row.key, &row.state});
+                      {outcome.answer->rev}, {&row.key, &row.state});
         if (changed < 0) {
             LOGE("error in update");
             return false;
         }
     }
     if (changed == 0) {
-        LOGD("[%s] changed since it was sent, kept for the next sync", outcome.id.c_str());
-        if (!storeRevision(db, cache, row, outcome.rev)) {
+        LOGD("[%s] changed since it was sent, kept for the next sync", outcome.answer->id.c_str());
+        if (!storeRevision(db, cache, row, outcome.answer->rev)) {
             LOGE("error in update");
             return false;
         }
@@ -145,32 +143,39 @@ bool applyAccepted(sqlite3* db, StatementCache& cache, const Outcome& outcome) {
     return true;
 }
 
-// One reply's element, read into an outcome; false when it is skipped.
-bool readElement(JsonNode* element, const SentRows& sent, SyncOutcomeProcessor::Marks& marks,
-                 Outcome& outcome) {
+// One reply's element, read into an answer; false when it is skipped (not an object, or refused
+// for another reason than a conflict with a known revision).
+bool readElement(JsonNode* element, DocAnswer& answer) {
     if (element == nullptr || !JSON_NODE_HOLDS_OBJECT(element))
         return false;
     JsonObject* object = json_node_get_object(element);
-    outcome.id = SyncOutcomeProcessor::getFieldStringFromJNode(element, "id");
-    outcome.conflict = false;
+    answer.id = SyncOutcomeProcessor::getFieldStringFromJNode(element, "id");
+    answer.conflict = false;
     if (json_object_has_member(object, "error")) {
         const std::string reason = SyncOutcomeProcessor::getFieldStringFromJNode(element, "reason");
         if (reason != kConflictReason || !json_object_has_member(object, "rev"))
             return false;
-        outcome.conflict = true;
+        answer.conflict = true;
     }
-    outcome.rev = SyncOutcomeProcessor::getFieldStringFromJNode(element, "rev");
+    answer.rev = SyncOutcomeProcessor::getFieldStringFromJNode(element, "rev");
+    return true;
+}
 
-    const Domain domain = domainOf(outcome.id);
+// The row an answer applies to, with the domain's conflict mark set; false when it names no
+// domain or no document that was sent.
+bool matchAnswer(const DocAnswer& answer, const SentRows& sent, SyncOutcomeProcessor::Marks& marks,
+                 Outcome& outcome) {
+    const Domain domain = domainOf(answer.id);
     if (domain == Domain::None)
         return false;
-    const auto found = sent.find(outcome.id);
+    const auto found = sent.find(answer.id);
     if (found == sent.end()) {
-        LOGW("answer for a document that was not sent [%s], ignored", outcome.id.c_str());
+        LOGW("answer for a document that was not sent [%s], ignored", answer.id.c_str());
         return false;
     }
     outcome.row = &found->second;
-    if (outcome.conflict) {
+    outcome.answer = &answer;
+    if (answer.conflict) {
         if (domain == Domain::Contacts) {
             LOGD("Doc update conflict for contact id %s",
                  outcome.row->key.empty() ? "" : outcome.row->key.front().second.c_str());
@@ -210,11 +215,11 @@ std::string SyncOutcomeProcessor::getFieldStringFromJNode(JsonNode* node, const 
     return "";
 }
 
-bool SyncOutcomeProcessor::applyResponse(const std::string& jsonResponse, const SentRows& sent,
-                                         Marks& marks) {
+bool SyncOutcomeProcessor::readAnswers(const std::string& jsonResponse,
+                                       std::vector<DocAnswer>& answers) {
+    answers.clear();
     ParserPtr parser(json_parser_new());
     GError* error = nullptr;
-    std::vector<Outcome> outcomes;
     bool walked = false;
     if (!json_parser_load_from_data(parser.get(), jsonResponse.c_str(),
                                     static_cast<gssize>(jsonResponse.size()), &error)) {
@@ -225,24 +230,41 @@ bool SyncOutcomeProcessor::applyResponse(const std::string& jsonResponse, const 
         if (root != nullptr && JSON_NODE_HOLDS_ARRAY(root)) {
             JsonArray* array = json_node_get_array(root);
             const guint length = json_array_get_length(array);
+            answers.reserve(length);
             for (guint i = 0; i < length; ++i) {
-                Outcome outcome{};
-                if (readElement(json_array_get_element(array, i), sent, marks, outcome))
-                    outcomes.push_back(std::move(outcome));
+                DocAnswer answer;
+                if (readElement(json_array_get_element(array, i), answer))
+                    answers.push_back(std::move(answer));
             }
             walked = true;
         }
     }
     parser.reset();
     LOGD("clearing json parser");
-    if (!walked)
-        return false;
+    return walked;
+}
 
+bool SyncOutcomeProcessor::applyResponse(const std::string& jsonResponse, const SentRows& sent,
+                                         Marks& marks) {
+    std::vector<DocAnswer> answers;
+    return readAnswers(jsonResponse, answers) && applyAnswers(answers, sent, marks);
+}
+
+bool SyncOutcomeProcessor::applyAnswers(const std::vector<DocAnswer>& answers, const SentRows& sent,
+                                        Marks& marks) {
+    std::vector<Outcome> outcomes;
+    outcomes.reserve(answers.size());
+    for (const DocAnswer& answer : answers) {
+        Outcome outcome{};
+        if (matchAnswer(answer, sent, marks, outcome))
+            outcomes.push_back(outcome);
+    }
     const bool stored = DbManager::getInstance()->runInTransaction([&outcomes](sqlite3* db) {
         StatementCache cache;
         for (const Outcome& outcome : outcomes) {
-            const bool ok = outcome.conflict ? storeRevision(db, cache, *outcome.row, outcome.rev)
-                                             : applyAccepted(db, cache, outcome);
+            const bool ok = outcome.answer->conflict
+                                ? storeRevision(db, cache, *outcome.row, outcome.answer->rev)
+                                : applyAccepted(db, cache, outcome);
             if (!ok) {
                 LOGE("error in update");
                 return false;
@@ -255,8 +277,8 @@ bool SyncOutcomeProcessor::applyResponse(const std::string& jsonResponse, const 
         return false;
     }
     for (const Outcome& outcome : outcomes) {
-        if (!outcome.conflict)
-            marks.accepted.insert(outcome.id);
+        if (!outcome.answer->conflict)
+            marks.accepted.insert(outcome.answer->id);
     }
     return true;
 }

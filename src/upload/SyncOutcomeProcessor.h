@@ -15,7 +15,8 @@
 // applications, songs) is marked as conflicting. Other refusals leave the row alone. All answers
 // of one reply are applied in one transaction.
 //
-// Thread: the sync worker (under the sync lock and the domain's lock). Errors are logged
+// Thread: the sync worker (under the sync lock and the domain's lock); readAnswers any thread.
+// Errors are logged
 // ("error in update" / "error in delete"); a reply that is not a JSON array, or whose transaction
 // fails, changes nothing and reports false.
 #pragma once
@@ -27,6 +28,7 @@
 #include <unordered_set>
 
 #include "upload/SyncData.h"
+#include "upload/SyncResult.h"
 
 class SyncOutcomeProcessor {
   public:
@@ -40,8 +42,17 @@ class SyncOutcomeProcessor {
     };
 
     // Walks one answer and applies it to the rows in sent. False when it is not a JSON array or
-    // could not be stored (nothing changed then).
+    // could not be stored (nothing changed then). readAnswers then applyAnswers.
     static bool applyResponse(const std::string& jsonResponse, const SentRows& sent, Marks& marks);
+
+    // Reads a reply into the answers it holds for accepted and conflicting documents, in order.
+    // False when it is not a JSON array. Any thread: it touches neither rows nor marks.
+    static bool readAnswers(const std::string& jsonResponse, std::vector<DocAnswer>& answers);
+
+    // Applies answers read from one reply to the rows in sent, in one transaction. False when
+    // that could not be stored (nothing changed then).
+    static bool applyAnswers(const std::vector<DocAnswer>& answers, const SentRows& sent,
+                             Marks& marks);
 
     // The ids of sent that the server did not accept (the documents that must go up again).
     static std::set<std::string> unaccepted(const SentRows& sent, const Marks& marks);

@@ -4,8 +4,17 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "upload/SyncData.h"
+
+// One document's answer in a reply, as read from it: accepted (with its new revision) or refused
+// as a conflict (with the server's revision). Other refusals are not kept.
+struct DocAnswer {
+    std::string id;
+    std::string rev;
+    bool conflict = false;
+};
 
 class SyncResult {
   public:
@@ -20,6 +29,10 @@ class SyncResult {
 
     int status = STATUS_FAILED;
     std::string jsonResponse;  // "[" + joined per-document answers + "]" after a post
+    // The reply read into answers on the posting thread, which then releases jsonResponse; the
+    // answers are applied once the session has closed. Unread: applied from jsonResponse then.
+    enum class Reply { Unread, Read, Unreadable } reply = Reply::Unread;
+    std::vector<DocAnswer> answers;
     int syncType = 1;
     int itemType = -1;
     // The rows the posted documents were composed from (shared by the results of one SyncData).
