@@ -51,6 +51,7 @@ struct ApplicationEndpoint::Impl {
         request.setAppId(self->appId);
         if (self->onLaunch)
             self->onLaunch(request);
+        flushLog();  // what the request logged is out before its caller hears back
 
         const LaunchReply* reply = request.reply();
         Eldbus_Message* answer = eldbus_message_method_return_new(msg);
@@ -124,11 +125,13 @@ void ApplicationEndpoint::releaseName() {
     if (!bus || impl_->released)
         return;
     impl_->released = true;
+    flushLog();  // the service's lines are out before another instance can be started
     eldbus_name_release(bus, impl_->appId.c_str(), nullptr, nullptr);
 }
 
 void ApplicationEndpoint::setState(int state) {
     impl_->state = state;
+    flushLog();
     if (impl_->iface)
         eldbus_service_property_changed(impl_->iface.get(), "State");
 }

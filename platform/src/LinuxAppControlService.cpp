@@ -3,6 +3,7 @@
 
 #include "EldbusHandles.h"
 #include "pelio/platform/AppControl.h"
+#include "pelio/platform/Log.h"
 #include "pelio/platform/MainLoop.h"
 #include "pelio/platform/Slot.h"
 
@@ -96,6 +97,7 @@ void sendNow(const AppControl& request, LaunchReplyCallback onReply) {
         return fail("extras are not valid D-Bus strings (UTF-8 without NUL)");
     }
     auto pending = std::make_unique<PendingLaunch>(PendingLaunch{std::move(onReply), nullptr});
+    flushLog();  // what led to the request is out before the application sees it
     // eldbus_connection_send takes the message reference; the callback owns pending from here.
     if (eldbus_connection_send(bus, msg.release(), &onLaunchReply, pending.get(),
                                kLaunchTimeoutMs)) {

@@ -9,8 +9,10 @@
 // Thread-safe: lines from several threads never interleave, and leave in the order they were
 // logged. Debug and info lines are handed to a writer thread, which writes what has gathered in
 // one go, within a couple of milliseconds; a warning or an error is written out, with every line
-// before it, before the call returns, and so is everything pending when the process exits. Tests
-// add a sink to read the lines (sinks are called at once, on the caller's thread).
+// before it, before the call returns, and so is everything pending when the process exits. The
+// platform flushes the lines before the service answers a launch request, sends one, changes its
+// state or gives up its bus name, so whoever hears from the service over the bus finds its lines
+// written. Tests add a sink to read the lines (sinks are called at once, on the caller's thread).
 #pragma once
 
 #include <cstdarg>
