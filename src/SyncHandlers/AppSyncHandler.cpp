@@ -1,5 +1,6 @@
 #include "SyncHandlers/AppSyncHandler.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -180,15 +181,19 @@ int AppSyncHandler::_readStoredApps(GHashTable* map) {
 
 void AppSyncHandler::_collectInstalledApps(GHashTable* map) {
     const std::string locale = deviceLocale();
+    // One listing of every entry: the visible ones are collected, and the two every device has
+    // are answered from it even when they are not shown.
     std::vector<pp::AppInfo> apps;
-    const int ret =
-        pp::packageManager().listApplications(pp::AppDisplayFilter::VisibleOnly, locale, apps);
-    if (ret != pp::PACKAGE_MANAGER_ERROR_NONE)
+    const int ret = pp::packageManager().listApplications(pp::AppDisplayFilter::Any, locale, apps);
+    const bool listed = ret == pp::PACKAGE_MANAGER_ERROR_NONE;
+    if (!listed)
         LOGE("app_info_foreach_app failed[%d]", ret);
 
     std::deque<std::unique_ptr<AppSyncInfo>> queue;
-    for (const auto& app : apps)
-        queue.push_back(fromPlatform(app));
+    for (const auto& app : apps) {
+        if (!app.noDisplay)
+            queue.push_back(fromPlatform(app));
+    }
 
     struct Required {
         const char* package;
@@ -211,9 +216,15 @@ void AppSyncHandler::_collectInstalledApps(GHashTable* map) {
         }
         LOGD("%s", r.adding);
         pp::AppInfo app;
-        if (pp::packageManager().getApplication(r.package, locale, app) !=
-            pp::PACKAGE_MANAGER_ERROR_NONE) {
-            // Not installed as an entry here: it is part of every device all the same.
+        const auto entry = std::find_if(apps.begin(), apps.end(), [&](const pp::AppInfo& a) {
+            return a.packageName == r.package;
+        });
+        if (entry != apps.end()) {
+            app = *entry;
+        } else if (listed || pp::packageManager().getApplication(r.package, locale, app) !=
+                                 pp::PACKAGE_MANAGER_ERROR_NONE) {
+            // Not installed as an entry here (asked for alone when the listing failed): it is
+            // part of every device all the same.
             app.packageName = r.package;
             app.label = r.fallbackName;
             app.preloaded = true;
