@@ -17,26 +17,31 @@ void JsonTextWriter::next(const char* key) {
     }
 }
 
-void JsonTextWriter::beginObject(const char* key) {
+void JsonTextWriter::open(const char* key, char bracket) {
     next(key);
-    text_ += '{';
+    text_ += bracket;
     first_ = true;
+}
+
+void JsonTextWriter::close(char bracket) {
+    text_ += bracket;
+    first_ = false;
+}
+
+void JsonTextWriter::beginObject(const char* key) {
+    open(key, '{');
 }
 
 void JsonTextWriter::endObject() {
-    text_ += '}';
-    first_ = false;
+    close('}');
 }
 
 void JsonTextWriter::beginArray(const char* key) {
-    next(key);
-    text_ += '[';
-    first_ = true;
+    open(key, '[');
 }
 
 void JsonTextWriter::endArray() {
-    text_ += ']';
-    first_ = false;
+    close(']');
 }
 
 void JsonTextWriter::add(const char* key, const std::string& value) {

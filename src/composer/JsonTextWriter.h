@@ -32,6 +32,8 @@ class JsonTextWriter {
   private:
     // The separator and, for a member, its key.
     void next(const char* key);
+    void open(const char* key, char bracket);
+    void close(char bracket);
     void appendString(const std::string& value);
 
     std::string text_;
