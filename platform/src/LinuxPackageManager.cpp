@@ -1,8 +1,5 @@
 #include "LinuxPackageManager.h"
 
-#include <gio/gdesktopappinfo.h>
-#include <glib.h>
-#include <pelio/CHandles.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +8,7 @@
 #include <system_error>
 
 #include "ContactsFolderWatcher.h"
+#include "DesktopEntryLoader.h"
 #include "pelio/platform/Log.h"
 
 namespace pelio::platform {
@@ -18,7 +16,6 @@ namespace {
 
 constexpr const char* kTag = "PelioPlatform";
 constexpr const char* kSuffix = ".desktop";
-constexpr const char* kVersionKey = "X-AppVersion";
 
 // The desktop entry that wins for one package name.
 struct EntryFile {
@@ -29,15 +26,6 @@ struct EntryFile {
 std::string envOr(const char* name, const std::string& fallback) {
     const char* value = std::getenv(name);
     return value != nullptr && *value != '\0' ? std::string(value) : fallback;
-}
-
-// "en-US.UTF-8" -> "en_US"; empty stays empty (the process's own languages).
-std::string keyFileLocale(const std::string& locale) {
-    std::string text = locale.substr(0, locale.find('.'));
-    for (char& c : text)
-        if (c == '-')
-            c = '_';
-    return text;
 }
 
 // Package name -> winning entry, over every applications folder in precedence order.
@@ -82,43 +70,6 @@ std::map<std::string, EntryFile> findEntries() {
     return entries;
 }
 
-// Reads one entry through GLib's key-file reader and GIO; false (and a log line) when it is
-// not a valid application entry or has no name.
-bool loadEntry(const std::string& id, const EntryFile& file, const std::string& locale,
-               AppInfo& app) {
-    GKeyFilePtr keyFile(g_key_file_new());
-    GError* error = nullptr;
-    if (!g_key_file_load_from_file(keyFile.get(), file.path.c_str(), G_KEY_FILE_KEEP_TRANSLATIONS,
-                                   &error)) {
-        dlog_print(DLOG_WARN, kTag, "%s is not a valid desktop entry: %s", file.path.c_str(),
-                   error != nullptr ? error->message : "unknown error");
-        g_clear_error(&error);
-        return false;
-    }
-    GObjectPtr<GDesktopAppInfo> info(g_desktop_app_info_new_from_keyfile(keyFile.get()));
-    if (!info) {
-        dlog_print(DLOG_WARN, kTag, "%s is not a valid application entry", file.path.c_str());
-        return false;
-    }
-    const std::string keyLocale = keyFileLocale(locale);
-    GCharPtr name(g_key_file_get_locale_string(
-        keyFile.get(), G_KEY_FILE_DESKTOP_GROUP, G_KEY_FILE_DESKTOP_KEY_NAME,
-        keyLocale.empty() ? nullptr : keyLocale.c_str(), nullptr));
-    if (!name || *name == '\0') {
-        dlog_print(DLOG_WARN, kTag, "%s has no name", file.path.c_str());
-        return false;
-    }
-    GCharPtr version(g_desktop_app_info_get_string(info.get(), kVersionKey));
-    app.appId = id;
-    app.packageName = id;
-    app.label = name.get();
-    app.version = version ? version.get() : "";
-    app.preloaded = file.preloaded;
-    app.noDisplay = g_desktop_app_info_get_nodisplay(info.get()) ||
-                    g_desktop_app_info_get_is_hidden(info.get());
-    return true;
-}
-
 bool passes(const AppInfo& app, AppDisplayFilter filter) {
     switch (filter) {
         case AppDisplayFilter::VisibleOnly:
@@ -160,9 +111,10 @@ std::vector<std::string> LinuxPackageManager::applicationFolders() {
 int LinuxPackageManager::listApplications(AppDisplayFilter filter, const std::string& locale,
                                           std::vector<AppInfo>& apps) {
     apps.clear();
+    DesktopEntryLoader loader(locale);
     for (const auto& [id, file] : findEntries()) {
         AppInfo app;
-        if (loadEntry(id, file, locale, app) && passes(app, filter))
+        if (loader.load(id, file.path, file.preloaded, app) && passes(app, filter))
             apps.push_back(std::move(app));
     }
     return PACKAGE_MANAGER_ERROR_NONE;
@@ -174,7 +126,8 @@ int LinuxPackageManager::getApplication(const std::string& packageName, const st
         return PACKAGE_MANAGER_ERROR_INVALID_PARAMETER;
     const auto entries = findEntries();
     const auto it = entries.find(packageName);
-    if (it == entries.end() || !loadEntry(it->first, it->second, locale, app))
+    if (it == entries.end() ||
+        !DesktopEntryLoader(locale).load(it->first, it->second.path, it->second.preloaded, app))
         return PACKAGE_MANAGER_ERROR_NO_SUCH_PACKAGE;
     return PACKAGE_MANAGER_ERROR_NONE;
 }

@@ -1,4 +1,4 @@
-// Linux package manager: XDG desktop entries read with GIO (see PackageManager.h).
+// Linux package manager: XDG desktop entries read by DesktopEntryLoader (see PackageManager.h).
 //
 // Threads: the listing reads the folders on the calling thread; the event watch (one inotify
 // watcher per applications folder, created by setEventCallback) and the snapshot it compares

@@ -1,11 +1,13 @@
 #include "SyncHandlers/AppSyncHandler.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <vector>
 
 #include <pelio/platform/PackageManager.h>
+#include <pelio/platform/SqliteStatement.h>
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
@@ -13,7 +15,6 @@
 #include "composer/AppJsonComposer.h"
 #include "database/DbManager.h"
 #include "database/KeysetReader.h"
-#include "database/MultiQueryTransaction.h"
 #include "upload/PLMSyncMasterTable.h"
 #include "utils/BundleMacro.h"
 #include "utils/PLMUtils.h"
@@ -71,6 +72,68 @@ std::string deviceLocale() {
     return locale;
 }
 
+// The writes of one collection into the shadow table, prepared once on the transaction's
+// connection. Texts are bound, so no quoting is needed; a new row leaves empty texts NULL, an
+// updated one takes them as they are.
+class ShadowStatements {
+  public:
+    explicit ShadowStatements(sqlite3* db)
+        : remove_(db, "DELETE FROM application WHERE _id = ?"),
+          markDeleted_(db, "UPDATE application SET dirty = ? WHERE _id = ?"),
+          insert_(db,
+                  "INSERT INTO application (_id, version, device_mode, name, custom_id, package, "
+                  "pre_installed, dirty) VALUES (?, ?, 0, ?, ?, ?, ?, ?)"),
+          update_(db,
+                  "UPDATE application SET version = ?, name = ?, custom_id = ?, package = ?, "
+                  "pre_installed = ?, dirty = ? WHERE _id = ?") {}
+
+    // False when the statement failed; true also when nothing was to be written.
+    bool write(const AppSyncInfo& info) {
+        if (!info.present) {
+            // Gone from the device.
+            if (info.revId.empty()) {
+                LOGD("Delete Case: never uploaded, removed locally");
+                return run(remove_.bind(1, info.id));
+            }
+            if (info.dirty == plm::DIRTY_DELETED)
+                return true;
+            LOGD("Delete Case");
+            return run(markDeleted_.bind(1, static_cast<int>(plm::DIRTY_DELETED)).bind(2, info.id));
+        }
+        if (!info.stored) {
+            insert_.bind(1, info.id);
+            bindOrNull(insert_, 2, info.version);
+            bindOrNull(insert_, 3, info.name);
+            bindOrNull(insert_, 4, info.customId);
+            bindOrNull(insert_, 5, info.package);
+            return run(insert_.bind(6, info.preInstalled).bind(7, info.dirty));
+        }
+        return run(update_.bind(1, info.version)
+                       .bind(2, info.name)
+                       .bind(3, info.customId)
+                       .bind(4, info.package)
+                       .bind(5, info.preInstalled)
+                       .bind(6, info.dirty)
+                       .bind(7, info.id));
+    }
+
+  private:
+    static void bindOrNull(pp::SqliteStatement& statement, int index, const std::string& text) {
+        if (!text.empty())
+            statement.bind(index, text);  // an unbound parameter is NULL
+    }
+    static bool run(pp::SqliteStatement& statement) {
+        const bool done = statement.error() == SQLITE_OK && statement.run();
+        statement.reset();
+        return done;
+    }
+
+    pp::SqliteStatement remove_;
+    pp::SqliteStatement markDeleted_;
+    pp::SqliteStatement insert_;
+    pp::SqliteStatement update_;
+};
+
 }  // namespace
 
 void free_app_info(gpointer info) {
@@ -95,17 +158,6 @@ AppSyncHandler::AppSyncHandler(SyncHandlerHost* host) : BaseSyncHandler(host) {
 
 AppSyncHandler::~AppSyncHandler() {
     stopWorker();
-}
-
-std::string AppSyncHandler::sqlQuoted(const std::string& text) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        out += c;
-        if (c == '\'')
-            out += '\'';
-    }
-    return out;
 }
 
 int AppSyncHandler::forEachApplicationRow(const std::string& projection, const std::string& where,
@@ -180,15 +232,19 @@ int AppSyncHandler::_readStoredApps(GHashTable* map) {
 
 void AppSyncHandler::_collectInstalledApps(GHashTable* map) {
     const std::string locale = deviceLocale();
+    // One listing of every entry: the visible ones are collected, and the two every device has
+    // are answered from it even when they are not shown.
     std::vector<pp::AppInfo> apps;
-    const int ret =
-        pp::packageManager().listApplications(pp::AppDisplayFilter::VisibleOnly, locale, apps);
-    if (ret != pp::PACKAGE_MANAGER_ERROR_NONE)
+    const int ret = pp::packageManager().listApplications(pp::AppDisplayFilter::Any, locale, apps);
+    const bool listed = ret == pp::PACKAGE_MANAGER_ERROR_NONE;
+    if (!listed)
         LOGE("app_info_foreach_app failed[%d]", ret);
 
     std::deque<std::unique_ptr<AppSyncInfo>> queue;
-    for (const auto& app : apps)
-        queue.push_back(fromPlatform(app));
+    for (const auto& app : apps) {
+        if (!app.noDisplay)
+            queue.push_back(fromPlatform(app));
+    }
 
     struct Required {
         const char* package;
@@ -211,9 +267,15 @@ void AppSyncHandler::_collectInstalledApps(GHashTable* map) {
         }
         LOGD("%s", r.adding);
         pp::AppInfo app;
-        if (pp::packageManager().getApplication(r.package, locale, app) !=
-            pp::PACKAGE_MANAGER_ERROR_NONE) {
-            // Not installed as an entry here: it is part of every device all the same.
+        const auto entry = std::find_if(apps.begin(), apps.end(), [&](const pp::AppInfo& a) {
+            return a.packageName == r.package;
+        });
+        if (entry != apps.end()) {
+            app = *entry;
+        } else if (listed || pp::packageManager().getApplication(r.package, locale, app) !=
+                                 pp::PACKAGE_MANAGER_ERROR_NONE) {
+            // Not installed as an entry here (asked for alone when the listing failed): it is
+            // part of every device all the same.
             app.packageName = r.package;
             app.label = r.fallbackName;
             app.preloaded = true;
@@ -251,91 +313,31 @@ void AppSyncHandler::_applyRecord(GHashTable* map, std::unique_ptr<AppSyncInfo> 
 }
 
 int AppSyncHandler::_writeNewSyncData(GHashTable* map) {
-    DbManager* dbm = db();
-    MultiQueryTransaction transaction(dbm);
-
-    GHashTableIter iter;
-    gpointer key = nullptr;
-    gpointer value = nullptr;
-    g_hash_table_iter_init(&iter, map);
-    while (g_hash_table_iter_next(&iter, &key, &value)) {
-        if (isInterrupted()) {
-            LOGD("forced sync pending, write rolled back");  // not committed
-            return 2;
+    bool interrupted = false;
+    const bool written = db()->runInTransaction([&](sqlite3* db) {
+        ShadowStatements statements(db);
+        GHashTableIter iter;
+        gpointer key = nullptr;
+        gpointer value = nullptr;
+        g_hash_table_iter_init(&iter, map);
+        while (g_hash_table_iter_next(&iter, &key, &value)) {
+            if (isInterrupted()) {
+                interrupted = true;
+                return false;  // rolled back
+            }
+            const auto& info = *static_cast<const AppSyncInfo*>(value);
+            // Every write below but a local removal leaves a document to send.
+            mPending = mPending || info.present || !info.revId.empty();
+            if (!statements.write(info))
+                LOGE("query failed");
         }
-        auto* info = static_cast<AppSyncInfo*>(value);
-        // Every write below but a local removal leaves a document to send.
-        mPending = mPending || info->present || !info->revId.empty();
-        Bundle request;
-        Bundle result;
-        request.addStr(bundlekeys::URI_TABLE_NAME, kTable);
-        int ret = 0;
-        if (!info->present) {
-            // Gone from the device.
-            request.addStr(bundlekeys::WHERE, "_id = ?");
-            request.addStr(bundlekeys::WHERE_ARGS, "(TEXT)" + info->id);
-            if (info->revId.empty()) {
-                LOGD("Delete Case: never uploaded, removed locally");
-                request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_DELETE);
-                ret = dbm->deleteDb(&request, &result);
-            } else if (info->dirty != plm::DIRTY_DELETED) {
-                LOGD("Delete Case");
-                request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
-                request.addStr(bundlekeys::COLUMN_COUNT, "1");
-                request.addStr("COL1", "dirty");
-                request.addStr("dirty", plm::dirtyText(plm::DIRTY_DELETED));
-                ret = dbm->updateDb(&request, &result);
-            } else {
-                continue;
-            }
-        } else if (!info->stored) {
-            // Empty texts are left out (the row keeps NULL there).
-            std::vector<std::pair<std::string, std::string>> columns = {
-                {"_id", info->id},
-                {"version", info->version},
-                {"device_mode", "0"},
-                {"name", info->name},
-                {"custom_id", info->customId},
-                {"package", info->package},
-                {"pre_installed", std::to_string(info->preInstalled)},
-                {"dirty", std::to_string(info->dirty)},
-            };
-            int n = 0;
-            for (const auto& [column, text] : columns) {
-                if (text.empty())
-                    continue;
-                ++n;
-                request.addStr(columnKey(n), column);
-                request.addStr(column, sqlQuoted(text));
-            }
-            request.addStr(bundlekeys::COLUMN_COUNT, std::to_string(n));
-            request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_INSERT);
-            ret = dbm->insertDb(&request, &result);
-        } else {
-            const std::pair<const char*, std::string> columns[] = {
-                {"version", "'" + sqlQuoted(info->version) + "'"},
-                {"name", "'" + sqlQuoted(info->name) + "'"},
-                {"custom_id", "'" + sqlQuoted(info->customId) + "'"},
-                {"package", "'" + sqlQuoted(info->package) + "'"},
-                {"pre_installed", std::to_string(info->preInstalled)},
-                {"dirty", std::to_string(info->dirty)},
-            };
-            int n = 0;
-            for (const auto& [column, text] : columns) {
-                ++n;
-                request.addStr(columnKey(n), column);
-                request.addStr(column, text);
-            }
-            request.addStr(bundlekeys::COLUMN_COUNT, std::to_string(n));
-            request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
-            request.addStr(bundlekeys::WHERE, "_id = ?");
-            request.addStr(bundlekeys::WHERE_ARGS, "(TEXT)" + info->id);
-            ret = dbm->updateDb(&request, &result);
-        }
-        if (ret != 0)
-            LOGE("query failed");
+        return true;
+    });
+    if (interrupted) {
+        LOGD("forced sync pending, write rolled back");  // not committed
+        return 2;
     }
-
-    transaction.commit();
+    if (!written)
+        LOGE("query failed");
     return 0;
 }

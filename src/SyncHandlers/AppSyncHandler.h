@@ -71,9 +71,6 @@ class AppSyncHandler : public BaseSyncHandler {
         const std::string& projection, const std::string& where,
         const std::function<void(const pelio::platform::Bundle&)>& onRow);
 
-    // Text for a single-quoted SQL literal (quotes doubled).
-    static std::string sqlQuoted(const std::string& text);
-
   private:
     using SyncMap = pelio::GHashTablePtr;
 

@@ -10,6 +10,7 @@
 #include "PLMConstants.h"
 #include "PelioLog.h"
 #include "SyncHandlers/AppSyncHandler.h"
+#include "composer/JsonTextWriter.h"
 #include "utils/BundleMacro.h"
 
 using pelio::platform::Bundle;
@@ -94,7 +95,11 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
         LOGD("no information present");
 
     auto result = std::make_unique<SyncData>();
-    JsonArrayPtr docs(json_array_new());
+    // The documents are written as text: a JSON-GLib tree of each one would cost several times
+    // more to build, serialise and free.
+    JsonTextWriter body;
+    body.beginObject();
+    body.beginArray(plm::DOC_DOCS);
     int inserted = 0, deleted = 0, updated = 0;
     for (const AppRow& row : rows) {
         const std::string id = kIdPrefix + row.package;
@@ -103,51 +108,53 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
         sent.key = {{"_id", row.package}};
         sent.state = {{"dirty", std::to_string(row.dirty)}};
         if (row.dirty == plm::DIRTY_DELETED) {
-            json_array_add_object_element(docs.get(),
-                                          makeDeletedDocument(id, row.revision).release());
+            // As makeDeletedDocument() makes it.
+            body.beginObject();
+            body.add(plm::DOC_ID, id);
+            body.add(plm::DOC_REV, row.revision);
+            body.add(plm::DOC_DELETED, true);
+            body.endObject();
             (*result->sentRows)[id] = std::move(sent);
             ++deleted;
             continue;
         }
         const bool preinstalled = std::strtol(row.preInstalledText.c_str(), nullptr, 10) == 1;
-        JsonObjectPtr meta(json_object_new());
-        json_object_set_string_member(meta.get(), "name", row.name.c_str());
-        json_object_set_boolean_member(meta.get(), "preinstalled", preinstalled);
-        json_object_set_string_member(meta.get(), "packagename", row.package.c_str());
-        json_object_set_string_member(meta.get(), "customid",
-                                      getCustomId(row.package, preinstalled, row.name).c_str());
-
-        JsonObjectPtr doc(json_object_new());
-        JsonObject* d = doc.get();
-        json_object_set_string_member(d, plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
-        json_object_set_string_member(d, plm::DOC_ID, id.c_str());
-        json_object_set_string_member(d, plm::DOC_TYPE, "application");
-        json_object_set_int_member(d, plm::DOC_NUMBER, ++gAppDocNumber);
-        json_object_set_double_member(d, plm::DOC_TIMESTAMP, getCurrentTimeMillis());
-        json_object_set_string_member(d, plm::DOC_TIMESTAMP_GMT, getTimestampString().c_str());
-        json_object_set_string_member(d, plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
-        json_object_set_object_member(d, plm::DOC_META_DATA, meta.release());
+        body.beginObject();
+        body.add(plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
+        body.add(plm::DOC_ID, id);
+        body.add(plm::DOC_TYPE, "application");
+        body.add(plm::DOC_NUMBER, static_cast<long long>(++gAppDocNumber));
+        body.addDouble(plm::DOC_TIMESTAMP, getCurrentTimeMillis());
+        body.add(plm::DOC_TIMESTAMP_GMT, getTimestampString());
+        body.add(plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
+        body.beginObject(plm::DOC_META_DATA);
+        body.add("name", row.name);
+        body.add("preinstalled", preinstalled);
+        body.add("packagename", row.package);
+        body.add("customid", getCustomId(row.package, preinstalled, row.name));
+        body.endObject();
         // An insert carries no revision: the server creates or replaces the document, whether it
         // has it (a forced sync sends everything again) or not.
-        if (row.dirty == plm::DIRTY_UPDATED)
-            json_object_set_string_member(d, plm::DOC_REV, row.revision.c_str());
         if (row.dirty == plm::DIRTY_UPDATED) {
+            body.add(plm::DOC_REV, row.revision);
             ++updated;
         } else {
             ++inserted;
         }
-        json_array_add_object_element(docs.get(), doc.release());
+        body.endObject();
         sent.state.emplace_back("name", row.name);
         sent.state.emplace_back("pre_installed", row.preInstalledText);
         (*result->sentRows)[id] = std::move(sent);
     }
+    body.endArray();
+    body.endObject();
 
     if (inserted > 0 || deleted > 0 || updated != 0) {
         result->itemType = plm::SYNC_ITEM_APPLICATION;
         result->insertedCount = inserted;
         result->deletedCount = deleted;
         result->updatedCount = updated;
-        _emitBody(std::move(docs), *result);
+        _emitBodyText(body.take(), *result);
     } else {
         result->sentRows->clear();
     }

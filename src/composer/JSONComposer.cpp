@@ -66,6 +66,10 @@ bool JSONComposer::_emitBody(JsonArrayPtr docs, SyncData& record) {
         json_object_set_array_member(body.get(), plm::DOC_DOCS, docs.release());
         text = jsonToString(body.get());
     }
+    return _emitBodyText(std::move(text), record);
+}
+
+bool JSONComposer::_emitBodyText(std::string text, SyncData& record) {
     if (!mSink) {
         record.documents.push_back(std::move(text));
         return true;

@@ -56,6 +56,8 @@ class JSONComposer {
     // the tree is released before the text leaves. False when the sink asked to stop (the record
     // is then marked incomplete).
     bool _emitBody(JsonArrayPtr docs, SyncData& record);
+    // The same for a body already written as text ({"docs": [...]}, compact).
+    bool _emitBodyText(std::string text, SyncData& record);
     // Whether a sink takes the bodies (composers may then cut a body they would keep whole).
     bool _streaming() const { return static_cast<bool>(mSink); }
 

@@ -107,6 +107,77 @@ TEST(PackageManagerOnLinuxTest, ListsEntriesOfUserAndSystemFoldersWithTheirPrope
     pp::installPackageManager(nullptr);
 }
 
+TEST(PackageManagerOnLinuxTest, AcceptsOnlyApplicationEntriesWhoseProgramsAreInstalled) {
+    pelio::test::TempHome home;
+    pelio::test::LogCapture log;
+    const std::string user = home.dataHome() + "/applications";
+    const std::string bin = home.path() + "/bin";
+    fs::create_directories(bin);
+    std::ofstream(bin + "/pelio-tool") << "#!/bin/sh\n";
+    chmod((bin + "/pelio-tool").c_str(), 0755);
+    std::ofstream(bin + "/pelio-plain") << "not a program\n";  // not executable
+    struct PathGuard {  // the test's programs first; the old PATH back at the end
+        std::string old = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "";
+        ~PathGuard() { setenv("PATH", old.c_str(), 1); }
+    } path;
+    setenv("PATH", (bin + ":" + path.old).c_str(), 1);
+
+    // name -> (entry body, accepted): an entry is listed when its first group is "Desktop
+    // Entry", its Type is Application, and a non-empty TryExec or Exec names an installed program.
+    struct Case {
+        std::string body;
+        bool accepted;
+    };
+    const std::map<std::string, Case> cases = {
+        {"plain", {"[Desktop Entry]\nType=Application\nName=A\nExec=pelio-tool %U\n", true}},
+        {"quoted", {"[Desktop Entry]\nType=Application\nName=A\nExec=\"pelio-tool\" -x\n", true}},
+        {"absolute",
+         {"[Desktop Entry]\nType=Application\nName=A\nExec=" + bin + "/pelio-tool\n", true}},
+        {"noexec", {"[Desktop Entry]\nType=Application\nName=A\n", true}},
+        {"emptyexec", {"[Desktop Entry]\nType=Application\nName=A\nExec=\nTryExec=\n", true}},
+        {"tryexec", {"[Desktop Entry]\nType=Application\nName=A\nTryExec=pelio-tool\n", true}},
+        {"hidden",
+         {"[Desktop Entry]\nType=Application\nName=A\nExec=pelio-tool\nHidden=true\n", true}},
+        {"nodisplay",
+         {"[Desktop Entry]\nType=Application\nName=A\nExec=pelio-tool\nNoDisplay=true\n", true}},
+        {"comment",
+         {"# first\n[Desktop Entry]\nType=Application\nName=A\nExec=pelio-tool\n", true}},
+        {"tryexecmissing",
+         {"[Desktop Entry]\nType=Application\nName=A\nExec=pelio-tool\nTryExec=pelio-none\n",
+          false}},
+        {"tryexecplain",
+         {"[Desktop Entry]\nType=Application\nName=A\nTryExec=" + bin + "/pelio-plain\n", false}},
+        {"execmissing", {"[Desktop Entry]\nType=Application\nName=A\nExec=pelio-none -x\n", false}},
+        {"execunparsable",
+         {"[Desktop Entry]\nType=Application\nName=A\nExec='pelio-tool\n", false}},
+        {"execonlycomment",
+         {"[Desktop Entry]\nType=Application\nName=A\nExec=#pelio-tool\n", false}},
+        {"link", {"[Desktop Entry]\nType=Link\nName=A\nURL=file:///\n", false}},
+        {"notype", {"[Desktop Entry]\nName=A\nExec=pelio-tool\n", false}},
+        {"othergroup",
+         {"[Other]\nA=1\n[Desktop Entry]\nType=Application\nName=A\nExec=pelio-tool\n", false}},
+    };
+    fs::create_directories(user);
+    for (const auto& [name, c] : cases)
+        std::ofstream(user + "/" + name + ".desktop") << c.body;
+
+    std::vector<pp::AppInfo> apps;
+    ASSERT_EQ(pp::packageManager().listApplications(pp::AppDisplayFilter::Any, "", apps), 0);
+    const auto all = byId(apps);
+    for (const auto& [name, c] : cases)
+        EXPECT_EQ(all.count(name) == 1, c.accepted) << name;
+    EXPECT_TRUE(all.at("hidden").noDisplay && all.at("nodisplay").noDisplay &&
+                !all.at("plain").noDisplay);
+    EXPECT_TRUE(log.contains("execmissing.desktop is not a valid application entry"));
+
+    pp::AppInfo one;
+    EXPECT_EQ(pp::packageManager().getApplication("execmissing", "", one),
+              pp::PACKAGE_MANAGER_ERROR_NO_SUCH_PACKAGE);
+    EXPECT_EQ(pp::packageManager().getApplication("tryexec", "", one),
+              pp::PACKAGE_MANAGER_ERROR_NONE);
+    pp::installPackageManager(nullptr);
+}
+
 TEST(PackageManagerOnLinuxTest, InstallUpdateAndRemovalArriveAsCompletedEvents) {
     pelio::test::TempHome home;
     pp::MainLoopScope loop;

@@ -2,10 +2,11 @@
 //
 // Linux: the applications are the XDG desktop entries found through $XDG_DATA_HOME/applications
 // and every $XDG_DATA_DIRS/applications (in that order; the first entry of a desktop file id
-// wins, as in every desktop environment). Entries are read with GLib's key-file reader and GIO's
-// GDesktopAppInfo, never by hand. Package name = desktop file id without ".desktop"; preloaded =
-// found under a system data directory rather than the user's; no-display = NoDisplay=true or
-// Hidden=true; version = the entry's "X-AppVersion" key (empty when it has none).
+// wins, as in every desktop environment). Entries are read with GLib's key-file reader and
+// accepted as GIO's GDesktopAppInfo accepts them (first group "Desktop Entry", Type Application,
+// TryExec and Exec programs installed). Package name = desktop file id without ".desktop";
+// preloaded = found under a system data directory rather than the user's; no-display =
+// NoDisplay=true or Hidden=true; version = the entry's "X-AppVersion" key (empty when it has none).
 // Install, update and removal are seen by watching the applications folders (inotify, main loop)
 // and comparing the entries; each is delivered as one completed event (state 2, progress 100).
 //
