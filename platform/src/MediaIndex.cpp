@@ -198,16 +198,17 @@ bool MediaIndex::writePlaylist(const std::string& path, const FileStamp& stamp,
     return true;
 }
 
-int MediaIndex::rescan(const std::string& root, int& changed) {
+int MediaIndex::rescan(const std::string& root, int& changed, bool& linked) {
     changed = 0;
     std::error_code ec;
+    linked = std::filesystem::is_symlink(root, ec);
     if (!std::filesystem::is_directory(root, ec)) {
         dlog_print(DLOG_WARN, kTag, "media: music folder %s is missing; the library is kept",
                    root.c_str());
         return MEDIA_CONTENT_ERROR_NO_DATA;
     }
     StampMap files;
-    ec = listFiles(root, files);
+    ec = listFiles(root, files, linked);
     if (ec) {
         // A walk cut short would look like removed files: keep the index as it is.
         dlog_print(DLOG_WARN, kTag, "media: reading %s failed (%s); the library is kept",
@@ -231,12 +232,14 @@ int MediaIndex::rescan(const std::string& root, int& changed) {
     return MEDIA_CONTENT_ERROR_NONE;
 }
 
-std::error_code MediaIndex::listFiles(const std::string& root, StampMap& files) {
+std::error_code MediaIndex::listFiles(const std::string& root, StampMap& files, bool& linked) {
     namespace fs = std::filesystem;
     std::error_code ec;
     for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
                                              ec);
          !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        std::error_code typeError;
+        linked = linked || it->is_symlink(typeError);  // the entry's own type: no extra call
         struct stat st {};
         if (stat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode))
             continue;

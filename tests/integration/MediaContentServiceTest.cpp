@@ -1,14 +1,19 @@
 // The Linux media content service on real tagged audio files in a throw-away home.
 #include <gtest/gtest.h>
 
+#include <pelio/platform/MainLoop.h>
 #include <pelio/platform/MediaContent.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <thread>
 
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/MainLoopWait.h"
 #include "support/TempHome.h"
 
 using namespace pelio::platform;
@@ -51,10 +56,23 @@ class MediaContentServiceTest : public ::testing::Test {
         return byTitle;
     }
 
+    // How many log lines contain fragment.
+    int logged(const std::string& fragment) const {
+        int n = 0;
+        for (const auto& line : log_.lines())
+            n += line.message.find(fragment) != std::string::npos;
+        return n;
+    }
+
     pelio::test::TempHome home_;
     pelio::test::LogCapture log_;
     std::string music_;
 };
+
+constexpr const char* kRescanned = "media: rescan of ";
+constexpr const char* kSkipped = "unchanged since the last rescan; not rescanned";
+
+void ignoreUpdate(int, int, int, int, int, const char*, const char*, const char*, void*) {}
 
 TEST_F(MediaContentServiceTest, IndexesTaggedFilesOfEveryFormatAndPlaylists) {
     make("make_song", "a/one.mp3", "\"One\" \"Ann\" \"First\" \"Rock\"");
@@ -130,6 +148,90 @@ TEST_F(MediaContentServiceTest, IdsStayAcrossRescansAndRestartsAndAreNeverReused
     EXPECT_EQ(songs().size(), 2u);
     EXPECT_TRUE(log_.contains("one.mp3 cannot be read") &&
                 log_.contains("is missing; the library is kept"));
+}
+
+TEST_F(MediaContentServiceTest, ThreadedConnectRescansUnlessTheWatcherVouchesForTheIndex) {
+    // Seeds outside the music folder, copied in to add and change songs: an untagged song (named
+    // after its file) and two tagged versions of one song, of different sizes.
+    make("make_song", "../seeds/plain.mp3", "\"\" \"\" \"\" \"\"");
+    make("make_song", "../seeds/red.mp3", "\"Red\" \"Ann\" \"Hues\" \"Pop\"");
+    make("make_song", "../seeds/blue.mp3", "\"Turquoise\" \"Ann\" \"Hues\" \"Pop\"");
+    const std::string seeds = home_.path() + "/seeds/";
+    ASSERT_NE(fs::file_size(seeds + "red.mp3"), fs::file_size(seeds + "blue.mp3"));
+    const auto put = [&](const std::string& seed, const std::string& rel) {
+        fs::create_directories((fs::path(music_) / rel).parent_path());
+        fs::copy_file(seeds + seed, music_ + "/" + rel, fs::copy_options::overwrite_existing);
+    };
+    constexpr int kRounds = 8;
+    put("red.mp3", "hue.mp3");
+    put("plain.mp3", "gone.mp3");
+    for (int i = 0; i < kRounds; ++i)
+        put("plain.mp3", "old/gone" + std::to_string(i) + ".mp3");
+
+    // Without a watcher every connect rescans.
+    EXPECT_EQ(songs().size(), kRounds + 2u);
+    EXPECT_EQ(songs().count("Red"), 1u);
+    EXPECT_EQ(logged(kRescanned), 2);
+
+    pelio::platform::MainLoopScope loop;
+    auto& media = mediaContentService();
+    ASSERT_EQ(media.connect(), MEDIA_CONTENT_ERROR_NONE);  // held, like the service's observer
+    ASSERT_EQ(media.setDbUpdatedCallback(ignoreUpdate, nullptr), MEDIA_CONTENT_ERROR_NONE);
+    // The rescan that follows the start of the watch; then a connect may skip its own.
+    const auto pumpUntil = [](const std::function<bool()>& done) {
+        for (int slice = 0; slice < 400 && !done(); ++slice)
+            pelio::test::runMainLoopUntil([] { return false; }, 0.05);
+    };
+    pumpUntil([&] { return logged(kRescanned) == 4; });
+    EXPECT_EQ(songs().size(), kRounds + 2u);
+    EXPECT_EQ(logged(kSkipped), 1);
+
+    // Changes made just before a connect, their events not yet read by the main loop.
+    put("plain.mp3", "new/fresh.mp3");
+    put("blue.mp3", "hue.mp3");
+    fs::remove(music_ + "/gone.mp3");
+    auto lib = songs();
+    EXPECT_TRUE(lib.count("fresh") && lib.count("Turquoise") && !lib.count("Red") &&
+                !lib.count("gone"));
+    EXPECT_EQ(logged(kSkipped), 1);
+
+    // The same from a worker while the main loop reads the events, rewatches and rescans: every
+    // connect sees every change made before it, whether it rescans or not; after each round, the
+    // worker connects until one connect finds the index vouched for.
+    std::atomic<bool> finished{false};
+    std::thread worker([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            const std::string n = std::to_string(i);
+            const std::string hue = i % 2 ? "Turquoise" : "Red";
+            put("plain.mp3", "round" + n + "/deeper/new" + n + ".mp3");
+            put(i % 2 ? "blue.mp3" : "red.mp3", "hue.mp3");
+            fs::remove(music_ + "/old/gone" + n + ".mp3");
+            const auto inStep = [&](const std::map<std::string, MediaInfoRecord>& found) {
+                return found.count("new" + n) == 1 && found.count(hue) == 1 &&
+                       found.count("gone" + n) == 0 && found.size() == kRounds + 2u;
+            };
+            EXPECT_TRUE(inStep(songs())) << "round " << i;
+            const int skipped = logged(kSkipped);
+            EXPECT_TRUE(pelio::test::eventually([&] {
+                const bool right = inStep(songs());
+                EXPECT_TRUE(right) << "round " << i;
+                return !right || logged(kSkipped) > skipped;
+            })) << "round " << i;
+        }
+        finished = true;
+    });
+    pumpUntil([&] { return finished.load(); });
+    worker.join();
+
+    // Without the watcher again, every connect rescans.
+    EXPECT_EQ(media.unsetDbUpdatedCallback(), MEDIA_CONTENT_ERROR_NONE);
+    const int rescans = logged(kRescanned);
+    const int skips = logged(kSkipped);
+    EXPECT_EQ(songs().size(), kRounds + 2u);
+    EXPECT_EQ(songs().size(), kRounds + 2u);
+    EXPECT_EQ(logged(kRescanned), rescans + 2);
+    EXPECT_EQ(logged(kSkipped), skips);
+    media.disconnect();
 }
 
 }  // namespace
