@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -113,11 +114,15 @@ int LinuxMediaContentService::rescan(int& changed) {
     WatchMark mark;
     const bool watched = watchMark(mark);
     bool linked = false;
+    const auto started = std::chrono::steady_clock::now();
     const int rc = current->rescan(root_, changed, linked);
     inStep_ = watched && !linked && rc == MEDIA_CONTENT_ERROR_NONE;
     inStepMark_ = mark;
-    dlog_print(DLOG_DEBUG, kTag, "media: rescan of %s: %d changed [%d]", root_.c_str(), changed,
-               rc);
+    const long long ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                             std::chrono::steady_clock::now() - started)
+                             .count();
+    dlog_print(DLOG_DEBUG, kTag, "media: rescan of %s: %d changed [%d], %lld ms", root_.c_str(),
+               changed, rc, ms);
     return rc;
 }
 

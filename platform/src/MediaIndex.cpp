@@ -76,6 +76,11 @@ MediaIndex::MediaIndex(const std::string& dbPath) {
         exec(
             "CREATE TABLE IF NOT EXISTS ignored(path TEXT PRIMARY KEY, size INTEGER NOT NULL, "
             "mtime INTEGER NOT NULL)") &&
+        // The album and artist lists ask, per album and per artist, whether a song has it: by
+        // index, not a scan of every song per row.
+        exec("CREATE INDEX IF NOT EXISTS songs_album ON songs(album_id)") &&
+        exec("CREATE INDEX IF NOT EXISTS songs_artist ON songs(artist_id)") &&
+        exec("CREATE INDEX IF NOT EXISTS albums_artist ON albums(artist_id)") &&
         exec("COMMIT");
     if (!created) {
         exec("ROLLBACK");
