@@ -25,8 +25,8 @@ bool callsForRewatch(const struct inotify_event& ev, int rootWatch) {
         return true;
     if (ev.mask & IN_Q_OVERFLOW)
         return true;
-    return ev.wd == rootWatch && (ev.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED |
-                                             IN_UNMOUNT)) != 0;
+    return ev.wd == rootWatch &&
+           (ev.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT)) != 0;
 }
 
 }  // namespace

@@ -80,8 +80,7 @@ MediaIndex::MediaIndex(const std::string& dbPath) {
         // index, not a scan of every song per row.
         exec("CREATE INDEX IF NOT EXISTS songs_album ON songs(album_id)") &&
         exec("CREATE INDEX IF NOT EXISTS songs_artist ON songs(artist_id)") &&
-        exec("CREATE INDEX IF NOT EXISTS albums_artist ON albums(artist_id)") &&
-        exec("COMMIT");
+        exec("CREATE INDEX IF NOT EXISTS albums_artist ON albums(artist_id)") && exec("COMMIT");
     if (!created) {
         exec("ROLLBACK");
         db_.reset();
@@ -243,10 +242,17 @@ std::error_code MediaIndex::listFiles(const std::string& root, StampMap& files, 
     for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
                                              ec);
          !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        std::error_code typeError;
-        linked = linked || it->is_symlink(typeError);  // the entry's own type: no extra call
+        // One lstat per entry; a link is followed (its file is indexed) and noted.
         struct stat st {};
-        if (stat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        const char* path = it->path().c_str();
+        if (lstat(path, &st) != 0)
+            continue;
+        if (S_ISLNK(st.st_mode)) {
+            linked = true;
+            if (stat(path, &st) != 0)
+                continue;
+        }
+        if (!S_ISREG(st.st_mode))
             continue;
         files[it->path().lexically_normal().string()] = {
             0, static_cast<long long>(st.st_size),
