@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -85,15 +86,43 @@ std::shared_ptr<MediaIndex> LinuxMediaContentService::index() {
     return connections_ > 0 ? index_ : nullptr;
 }
 
+bool LinuxMediaContentService::watchMark(WatchMark& mark) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (!watcher_)
+        return false;
+    mark = {watchers_, watcher_->seen()};
+    return true;
+}
+
+bool LinuxMediaContentService::quietSince(const WatchMark& mark) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return watcher_ && mark.watcher == watchers_ && watcher_->quietSince(mark.seen);
+}
+
 int LinuxMediaContentService::rescan(int& changed) {
     changed = 0;
     std::shared_ptr<MediaIndex> current = index();
     if (!current)
         return MEDIA_CONTENT_ERROR_NOT_CONNECTED;
     std::lock_guard<std::mutex> one(rescanMutex_);
-    const int rc = current->rescan(root_, changed);
-    dlog_print(DLOG_DEBUG, kTag, "media: rescan of %s: %d changed [%d]", root_.c_str(), changed,
-               rc);
+    if (inStep_ && quietSince(inStepMark_)) {
+        dlog_print(DLOG_DEBUG, kTag, "media: %s unchanged since the last rescan; not rescanned",
+                   root_.c_str());
+        return MEDIA_CONTENT_ERROR_NONE;
+    }
+    // Noted before the walk: whatever the watcher sees from here on may have been missed by it.
+    WatchMark mark;
+    const bool watched = watchMark(mark);
+    bool linked = false;
+    const auto started = std::chrono::steady_clock::now();
+    const int rc = current->rescan(root_, changed, linked);
+    inStep_ = watched && !linked && rc == MEDIA_CONTENT_ERROR_NONE;
+    inStepMark_ = mark;
+    const long long ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                             std::chrono::steady_clock::now() - started)
+                             .count();
+    dlog_print(DLOG_DEBUG, kTag, "media: rescan of %s: %d changed [%d], %lld ms", root_.c_str(),
+               changed, rc, ms);
     return rc;
 }
 
@@ -192,12 +221,17 @@ int LinuxMediaContentService::setDbUpdatedCallback(MediaDbUpdatedCallback cb, vo
     }
     auto watcher = std::make_unique<ContactsFolderWatcher>(
         root, [this]() { onFolderChanged(); }, 0.2, "media");
-    if (!watcher->start()) {
+    if (watcher->start()) {
+        // What changed before the watch was in place: a rescan soon, which the next connects
+        // may then rely on.
+        watcher->touch();
+    } else {
         dlog_print(DLOG_WARN, kTag, "media: changes of %s will not be seen until the next connect",
                    root.c_str());
     }
     std::lock_guard<std::mutex> guard(mutex_);
     watcher_ = std::move(watcher);
+    ++watchers_;
     return MEDIA_CONTENT_ERROR_NONE;
 }
 

@@ -1,11 +1,22 @@
 // The media content service on Linux: the music folder indexed into
 // $XDG_DATA_HOME/pelio-platform/media.db (see MediaContent.h for the model).
 //
-// connect() (any thread, counted) opens the index on the first call and rescans the folder on
-// every call, so a collection never reads a stale index. setDbUpdatedCallback() (main loop)
-// starts watching the folder; a change seen there is rescanned on the main loop and, when the
-// rescan found changes, the callback runs there once. Rescans from connect() do not call it (the
-// caller is about to read the library anyway).
+// connect() (any thread, counted) opens the index on the first call and brings it in step with
+// the folder before it returns, so a collection never reads a stale index: a change made before
+// connect() was called is in the index when it returns. setDbUpdatedCallback() (main loop)
+// starts watching the folder, and has it rescanned on the main loop once the watch is in place;
+// a change seen there is rescanned on the main loop and, when the rescan found changes, the
+// callback runs there once. Rescans from connect() do not call it (the caller is about to read
+// the library anyway).
+//
+// A rescan walks the whole folder, so connect() skips it when nothing can have changed: the
+// watcher has been live over the whole tree since the last complete rescan began, has read no
+// event since, has none waiting in the kernel's queue, no debounced rescan pending and no
+// sub-folder it could not watch, and the folder holds no symbolic link. Otherwise (no callback
+// set, an overflow, a failed rescan, any doubt) it rescans. Changes inotify does not report are
+// not seen until a later change or a connect without a watcher: a file written through a hard
+// link from outside the folder, or through a shared memory mapping, or by another machine on a
+// network file system.
 //
 // The folders are read from the environment at the first connection (HOME, XDG_CONFIG_HOME's
 // user-dirs.dirs, XDG_DATA_HOME), or given to the constructor.
@@ -47,11 +58,23 @@ class LinuxMediaContentService : public MediaContentService {
 
   private:
     std::shared_ptr<MediaIndex> index();
+    // Brings the index in step with the folder, or leaves it when the watcher vouches that
+    // nothing changed since the last complete rescan began (changed is then 0).
     int rescan(int& changed);
+    // Which watcher, and its count of what it had seen (ContactsFolderWatcher::seen()).
+    struct WatchMark {
+        unsigned long long watcher = 0;
+        unsigned long long seen = 0;
+    };
+    bool watchMark(WatchMark& mark);  // false without a watcher
+    bool quietSince(const WatchMark& mark);
     void onFolderChanged();
 
-    std::mutex mutex_;        // guards everything below
-    std::mutex rescanMutex_;  // one rescan at a time
+    std::mutex rescanMutex_;  // one rescan at a time; guards the two below (taken before mutex_)
+    bool inStep_ = false;     // the last rescan was complete, and began at inStepMark_
+    WatchMark inStepMark_;
+
+    std::mutex mutex_;  // guards everything below
     std::string root_;
     std::string dbPath_;
     std::shared_ptr<MediaIndex> index_;
@@ -59,6 +82,7 @@ class LinuxMediaContentService : public MediaContentService {
     MediaDbUpdatedCallback callback_ = nullptr;
     void* userData_ = nullptr;
     std::unique_ptr<ContactsFolderWatcher> watcher_;
+    unsigned long long watchers_ = 0;  // watchers made so far: tells the current one's marks
 };
 
 }  // namespace pelio::platform

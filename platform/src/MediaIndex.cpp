@@ -76,7 +76,11 @@ MediaIndex::MediaIndex(const std::string& dbPath) {
         exec(
             "CREATE TABLE IF NOT EXISTS ignored(path TEXT PRIMARY KEY, size INTEGER NOT NULL, "
             "mtime INTEGER NOT NULL)") &&
-        exec("COMMIT");
+        // The album and artist lists ask, per album and per artist, whether a song has it: by
+        // index, not a scan of every song per row.
+        exec("CREATE INDEX IF NOT EXISTS songs_album ON songs(album_id)") &&
+        exec("CREATE INDEX IF NOT EXISTS songs_artist ON songs(artist_id)") &&
+        exec("CREATE INDEX IF NOT EXISTS albums_artist ON albums(artist_id)") && exec("COMMIT");
     if (!created) {
         exec("ROLLBACK");
         db_.reset();
@@ -198,16 +202,17 @@ bool MediaIndex::writePlaylist(const std::string& path, const FileStamp& stamp,
     return true;
 }
 
-int MediaIndex::rescan(const std::string& root, int& changed) {
+int MediaIndex::rescan(const std::string& root, int& changed, bool& linked) {
     changed = 0;
     std::error_code ec;
+    linked = std::filesystem::is_symlink(root, ec);
     if (!std::filesystem::is_directory(root, ec)) {
         dlog_print(DLOG_WARN, kTag, "media: music folder %s is missing; the library is kept",
                    root.c_str());
         return MEDIA_CONTENT_ERROR_NO_DATA;
     }
     StampMap files;
-    ec = listFiles(root, files);
+    ec = listFiles(root, files, linked);
     if (ec) {
         // A walk cut short would look like removed files: keep the index as it is.
         dlog_print(DLOG_WARN, kTag, "media: reading %s failed (%s); the library is kept",
@@ -231,14 +236,23 @@ int MediaIndex::rescan(const std::string& root, int& changed) {
     return MEDIA_CONTENT_ERROR_NONE;
 }
 
-std::error_code MediaIndex::listFiles(const std::string& root, StampMap& files) {
+std::error_code MediaIndex::listFiles(const std::string& root, StampMap& files, bool& linked) {
     namespace fs = std::filesystem;
     std::error_code ec;
     for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
                                              ec);
          !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        // One lstat per entry; a link is followed (its file is indexed) and noted.
         struct stat st {};
-        if (stat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        const char* path = it->path().c_str();
+        if (lstat(path, &st) != 0)
+            continue;
+        if (S_ISLNK(st.st_mode)) {
+            linked = true;
+            if (stat(path, &st) != 0)
+                continue;
+        }
+        if (!S_ISREG(st.st_mode))
             continue;
         files[it->path().lexically_normal().string()] = {
             0, static_cast<long long>(st.st_size),

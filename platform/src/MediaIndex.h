@@ -31,9 +31,10 @@ class MediaIndex {
     bool ok() const { return db_ != nullptr; }
 
     // Brings the index in step with the folder; changed receives the number of songs and
-    // playlists that were added, changed or removed. A missing folder changes nothing and gives
-    // MEDIA_CONTENT_ERROR_NO_DATA.
-    int rescan(const std::string& root, int& changed);
+    // playlists that were added, changed or removed, linked whether the folder is or holds a
+    // symbolic link (what a link points to can change with no sign in the folder). A missing
+    // folder changes nothing and gives MEDIA_CONTENT_ERROR_NO_DATA.
+    int rescan(const std::string& root, int& changed, bool& linked);
 
     int songs(std::vector<MediaInfoRecord>& out);
     int song(long long id, MediaInfoRecord& out);
@@ -54,7 +55,7 @@ class MediaIndex {
 
     // The steps of rescan. listFiles walks the folder (an error means the walk was cut short);
     // the others run inside rescan's transaction and return how many items they changed.
-    static std::error_code listFiles(const std::string& root, StampMap& files);
+    static std::error_code listFiles(const std::string& root, StampMap& files, bool& linked);
     StampMap loadStamps(const char* sql);
     // Writes new and changed files; what it finds is erased from the known maps.
     int updateFiles(const StampMap& files, StampMap& songs, StampMap& lists, StampMap& ignored);

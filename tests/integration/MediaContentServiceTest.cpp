@@ -1,14 +1,19 @@
 // The Linux media content service on real tagged audio files in a throw-away home.
 #include <gtest/gtest.h>
 
+#include <pelio/platform/MainLoop.h>
 #include <pelio/platform/MediaContent.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <thread>
 
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/MainLoopWait.h"
 #include "support/TempHome.h"
 
 using namespace pelio::platform;
@@ -51,10 +56,23 @@ class MediaContentServiceTest : public ::testing::Test {
         return byTitle;
     }
 
+    // How many log lines contain fragment.
+    int logged(const std::string& fragment) const {
+        int n = 0;
+        for (const auto& line : log_.lines())
+            n += line.message.find(fragment) != std::string::npos;
+        return n;
+    }
+
     pelio::test::TempHome home_;
     pelio::test::LogCapture log_;
     std::string music_;
 };
+
+constexpr const char* kRescanned = "media: rescan of ";
+constexpr const char* kSkipped = "unchanged since the last rescan; not rescanned";
+
+void ignoreUpdate(int, int, int, int, int, const char*, const char*, const char*, void*) {}
 
 TEST_F(MediaContentServiceTest, IndexesTaggedFilesOfEveryFormatAndPlaylists) {
     make("make_song", "a/one.mp3", "\"One\" \"Ann\" \"First\" \"Rock\"");
@@ -130,6 +148,101 @@ TEST_F(MediaContentServiceTest, IdsStayAcrossRescansAndRestartsAndAreNeverReused
     EXPECT_EQ(songs().size(), 2u);
     EXPECT_TRUE(log_.contains("one.mp3 cannot be read") &&
                 log_.contains("is missing; the library is kept"));
+}
+
+TEST_F(MediaContentServiceTest, ThreadedConnectRescansUnlessTheWatcherVouchesForTheIndex) {
+    // Seeds outside the music folder, copied in to add and change songs: an untagged song (named
+    // after its file) and two tagged versions of one song, of different sizes.
+    make("make_song", "../seeds/plain.mp3", "\"\" \"\" \"\" \"\"");
+    make("make_song", "../seeds/red.mp3", "\"Red\" \"Ann\" \"Hues\" \"Pop\"");
+    make("make_song", "../seeds/blue.mp3", "\"Turquoise\" \"Ann\" \"Hues\" \"Pop\"");
+    const std::string seeds = home_.path() + "/seeds/";
+    ASSERT_NE(fs::file_size(seeds + "red.mp3"), fs::file_size(seeds + "blue.mp3"));
+    const auto put = [&](const std::string& seed, const std::string& rel) {
+        fs::create_directories((fs::path(music_) / rel).parent_path());
+        fs::copy_file(seeds + seed, music_ + "/" + rel, fs::copy_options::overwrite_existing);
+    };
+    put("red.mp3", "hue.mp3");
+    put("plain.mp3", "gone.mp3");
+
+    // Without a watcher every connect rescans.
+    EXPECT_EQ(songs().size(), 2u);
+    EXPECT_EQ(songs().count("Red"), 1u);
+    EXPECT_EQ(logged(kRescanned), 2);
+
+    pelio::platform::MainLoopScope loop;
+    auto& media = mediaContentService();
+    ASSERT_EQ(media.connect(), MEDIA_CONTENT_ERROR_NONE);  // held, like the service's observer
+    ASSERT_EQ(media.setDbUpdatedCallback(ignoreUpdate, nullptr), MEDIA_CONTENT_ERROR_NONE);
+    // The rescan that follows the start of the watch; then a connect may skip its own.
+    const auto pumpUntil = [](const std::function<bool()>& done) {
+        for (int slice = 0; slice < 400 && !done(); ++slice)
+            pelio::test::runMainLoopUntil([] { return false; }, 0.05);
+    };
+    pumpUntil([&] { return logged(kRescanned) == 4; });
+    EXPECT_EQ(songs().size(), 2u);
+    EXPECT_EQ(logged(kSkipped), 1);
+
+    // Changes made just before a connect, their events not yet read by the main loop.
+    put("plain.mp3", "new/fresh.mp3");
+    put("blue.mp3", "hue.mp3");
+    fs::remove(music_ + "/gone.mp3");
+    auto lib = songs();
+    EXPECT_TRUE(lib.size() == 2 && lib.count("fresh") && lib.count("Turquoise"));
+    EXPECT_EQ(logged(kSkipped), 1);
+
+    // The same from a worker while the main loop reads the events, rewatches and rescans: every
+    // connect sees every change made before it, whether it rescans or not. In each round, a new
+    // folder with a song and a changed song; connects until one finds the index vouched for; then
+    // the new song removed alone, which only the new folder's watch reports.
+    std::atomic<bool> finished{false};
+    std::thread worker([&] {
+        for (int i = 0; i < 8; ++i) {
+            const std::string song = "new" + std::to_string(i);
+            const std::string file = "round" + std::to_string(i) + "/deeper/" + song + ".mp3";
+            const std::string hue = i % 2 ? "Turquoise" : "Red";
+            put("plain.mp3", file);
+            put(i % 2 ? "blue.mp3" : "red.mp3", "hue.mp3");
+            const auto inStep = [&](const std::map<std::string, MediaInfoRecord>& found) {
+                return found.size() == 3 && found.count(song) && found.count(hue);
+            };
+            EXPECT_TRUE(inStep(songs())) << "round " << i;
+            const int skipped = logged(kSkipped);
+            EXPECT_TRUE(pelio::test::eventually([&] {
+                const bool right = inStep(songs());
+                EXPECT_TRUE(right) << "round " << i;
+                return !right || logged(kSkipped) > skipped;
+            })) << "round "
+                << i;
+            fs::remove(music_ + "/" + file);
+            lib = songs();
+            EXPECT_TRUE(lib.size() == 2 && !lib.count(song)) << "round " << i;
+        }
+        finished = true;
+    });
+    pumpUntil([&] { return finished.load(); });
+    worker.join();
+
+    // A link to a file outside the folder: that file changes with no sign in the folder, so
+    // every connect rescans.
+    put("plain.mp3", "../outside.mp3");
+    fs::create_symlink(home_.path() + "/outside.mp3", music_ + "/link.mp3");
+    EXPECT_EQ(songs().count("link"), 1u);
+    const int beforeQuiet = logged(kRescanned);
+    pumpUntil([&] { return logged(kRescanned) > beforeQuiet; });  // the main loop's rescan
+    put("red.mp3", "../outside.mp3");
+    lib = songs();
+    EXPECT_TRUE(lib.count("Red") && !lib.count("link"));
+
+    // Without the watcher again, every connect rescans.
+    EXPECT_EQ(media.unsetDbUpdatedCallback(), MEDIA_CONTENT_ERROR_NONE);
+    const int rescans = logged(kRescanned);
+    const int skips = logged(kSkipped);
+    EXPECT_EQ(songs().size(), 3u);
+    EXPECT_EQ(songs().size(), 3u);
+    EXPECT_EQ(logged(kRescanned), rescans + 2);
+    EXPECT_EQ(logged(kSkipped), skips);
+    media.disconnect();
 }
 
 }  // namespace
