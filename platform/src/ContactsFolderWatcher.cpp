@@ -77,10 +77,6 @@ bool ContactsFolderWatcher::start() {
     return true;
 }
 
-void ContactsFolderWatcher::touch() {
-    restartDebounce();
-}
-
 unsigned long long ContactsFolderWatcher::seen() const {
     std::lock_guard<std::mutex> guard(stateMutex_);
     return seen_;

@@ -4,7 +4,7 @@
 // Any change of a file or folder below the root (re)starts a short debounce timer; when it fires,
 // the onChanged function runs, on the main loop thread. New sub-folders are watched as they
 // appear; after an overflow of the kernel's event queue, or when the root itself goes, the whole
-// tree is watched again. Create, start, touch and destroy on the main loop thread (after
+// tree is watched again. Create, start and destroy on the main loop thread (after
 // ecore_init, which the constructor takes a reference on). Errors: start() returns false and logs
 // (tag "PelioPlatform").
 //
@@ -31,8 +31,6 @@ class ContactsFolderWatcher {
     ContactsFolderWatcher& operator=(const ContactsFolderWatcher&) = delete;
 
     bool start();
-    // Runs onChanged after the debounce, as if a change had been seen (main loop).
-    void touch();
 
     // A count of everything seen so far: every batch of events read, every overflow, every
     // rewatch of the tree moves it on (any thread).

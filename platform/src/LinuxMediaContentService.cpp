@@ -221,11 +221,9 @@ int LinuxMediaContentService::setDbUpdatedCallback(MediaDbUpdatedCallback cb, vo
     }
     auto watcher = std::make_unique<ContactsFolderWatcher>(
         root, [this]() { onFolderChanged(); }, 0.2, "media");
-    if (watcher->start()) {
-        // What changed before the watch was in place: a rescan soon, which the next connects
-        // may then rely on.
-        watcher->touch();
-    } else {
+    // What changed before the watch was in place is found by the next connect: no rescan so far
+    // began under this watcher, so that one rescans.
+    if (!watcher->start()) {
         dlog_print(DLOG_WARN, kTag, "media: changes of %s will not be seen until the next connect",
                    root.c_str());
     }

@@ -4,13 +4,13 @@
 // connect() (any thread, counted) opens the index on the first call and brings it in step with
 // the folder before it returns, so a collection never reads a stale index: a change made before
 // connect() was called is in the index when it returns. setDbUpdatedCallback() (main loop)
-// starts watching the folder, and has it rescanned on the main loop once the watch is in place;
-// a change seen there is rescanned on the main loop and, when the rescan found changes, the
-// callback runs there once. Rescans from connect() do not call it (the caller is about to read
-// the library anyway).
+// starts watching the folder; a change seen there is rescanned on the main loop and, when the
+// rescan found changes, the callback runs there once. Rescans from connect() do not call it (the
+// caller is about to read the library anyway).
 //
 // A rescan walks the whole folder, so connect() skips it when nothing can have changed: the
-// watcher has been live over the whole tree since the last complete rescan began, has read no
+// watcher has been live over the whole tree since the last complete rescan began (the first
+// connect after the watch started always rescans), has read no
 // event since, has none waiting in the kernel's queue, no debounced rescan pending and no
 // sub-folder it could not watch, and the folder holds no symbolic link. Otherwise (no callback
 // set, an overflow, a failed rescan, any doubt) it rescans. Changes inotify does not report are
