@@ -4,6 +4,7 @@
 #include "MediaIndex.h"
 
 #include <pelio/platform/Log.h>
+#include <pelio/platform/MainLoop.h>
 #include <pelio/platform/Slot.h>
 
 #include <unistd.h>
@@ -127,6 +128,7 @@ int LinuxMediaContentService::rescan(int& changed) {
 }
 
 int LinuxMediaContentService::connect() {
+    bool watch = false;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         if (!index_) {
@@ -142,7 +144,12 @@ int LinuxMediaContentService::connect() {
             index_ = std::move(opened);
         }
         ++connections_;
+        // The first connection on the main loop starts the watch before it rescans, so that
+        // rescan already counts for the connects that follow.
+        watch = !watcher_ && !watchTried_ && onMainLoopThread();
     }
+    if (watch)
+        startWatching();
     int changed = 0;
     rescan(changed);  // a missing folder is logged; what is indexed stays readable
     return MEDIA_CONTENT_ERROR_NONE;
@@ -208,21 +215,30 @@ int LinuxMediaContentService::getMediaFromDb(const std::string& mediaId, MediaIn
 int LinuxMediaContentService::setDbUpdatedCallback(MediaDbUpdatedCallback cb, void* userData) {
     if (cb == nullptr)
         return MEDIA_CONTENT_ERROR_INVALID_PARAMETER;
-    std::string root;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         if (connections_ == 0)
             return MEDIA_CONTENT_ERROR_NOT_CONNECTED;
         callback_ = cb;
         userData_ = userData;
+    }
+    startWatching();
+    return MEDIA_CONTENT_ERROR_NONE;
+}
+
+void LinuxMediaContentService::startWatching() {
+    std::string root;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
         if (watcher_)
-            return MEDIA_CONTENT_ERROR_NONE;
+            return;
+        watchTried_ = true;
         root = root_;
     }
     auto watcher = std::make_unique<ContactsFolderWatcher>(
         root, [this]() { onFolderChanged(); }, 0.2, "media");
-    // What changed before the watch was in place is found by the next connect: no rescan so far
-    // began under this watcher, so that one rescans.
+    // What changed before the watch was in place is found by the next rescan: none so far began
+    // under this watcher.
     if (!watcher->start()) {
         dlog_print(DLOG_WARN, kTag, "media: changes of %s will not be seen until the next connect",
                    root.c_str());
@@ -230,7 +246,6 @@ int LinuxMediaContentService::setDbUpdatedCallback(MediaDbUpdatedCallback cb, vo
     std::lock_guard<std::mutex> guard(mutex_);
     watcher_ = std::move(watcher);
     ++watchers_;
-    return MEDIA_CONTENT_ERROR_NONE;
 }
 
 int LinuxMediaContentService::unsetDbUpdatedCallback() {

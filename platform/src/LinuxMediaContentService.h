@@ -3,14 +3,14 @@
 //
 // connect() (any thread, counted) opens the index on the first call and brings it in step with
 // the folder before it returns, so a collection never reads a stale index: a change made before
-// connect() was called is in the index when it returns. setDbUpdatedCallback() (main loop)
-// starts watching the folder; a change seen there is rescanned on the main loop and, when the
-// rescan found changes, the callback runs there once. Rescans from connect() do not call it (the
-// caller is about to read the library anyway).
+// connect() was called is in the index when it returns. The first connect() on the main loop,
+// or else setDbUpdatedCallback() (main loop), starts watching the folder, until
+// unsetDbUpdatedCallback(); a change seen there is rescanned on the main loop and, when the
+// rescan found changes and a callback is set, the callback runs there once. Rescans from connect()
+// do not call it (the caller is about to read the library anyway).
 //
 // A rescan walks the whole folder, so connect() skips it when nothing can have changed: the
-// watcher has been live over the whole tree since the last complete rescan began (the first
-// connect after the watch started always rescans), has read no
+// watcher has been live over the whole tree since the last complete rescan began, has read no
 // event since, has none waiting in the kernel's queue, no debounced rescan pending and no
 // sub-folder it could not watch, and the folder holds no symbolic link. Otherwise (no callback
 // set, an overflow, a failed rescan, any doubt) it rescans. Changes inotify does not report are
@@ -69,6 +69,8 @@ class LinuxMediaContentService : public MediaContentService {
     bool watchMark(WatchMark& mark);  // false without a watcher
     bool quietSince(const WatchMark& mark);
     void onFolderChanged();
+    // Starts the folder watch unless one runs (main loop).
+    void startWatching();
 
     std::mutex rescanMutex_;  // one rescan at a time; guards the two below (taken before mutex_)
     bool inStep_ = false;     // the last rescan was complete, and began at inStepMark_
@@ -83,6 +85,7 @@ class LinuxMediaContentService : public MediaContentService {
     void* userData_ = nullptr;
     std::unique_ptr<ContactsFolderWatcher> watcher_;
     unsigned long long watchers_ = 0;  // watchers made so far: tells the current one's marks
+    bool watchTried_ = false;          // a watch was started (connect starts one only then)
 };
 
 }  // namespace pelio::platform
