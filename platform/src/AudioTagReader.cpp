@@ -1,16 +1,18 @@
 #include "AudioTagReader.h"
 
+#include <fcntl.h>
 #include <taglib/flacfile.h>
+#include <taglib/id3v2framefactory.h>
 #include <taglib/mp4file.h>
 #include <taglib/mpegfile.h>
 #include <taglib/opusfile.h>
 #include <taglib/tag.h>
+#include <taglib/tfilestream.h>
 #include <taglib/tpropertymap.h>
 #include <taglib/vorbisfile.h>
 
-#include <array>
+#include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <memory>
 
 namespace pelio::platform {
@@ -32,49 +34,67 @@ std::string propertyOf(TagLib::File& file, const char* key) {
     return trimmed(it->second.front());
 }
 
+// The file opened for reading only, without updating its access time where its owner allows
+// that: reading the tags leaves no trace that a watch on the folder would report. The stream
+// owns the descriptor. Null when the file cannot be opened.
+std::unique_ptr<TagLib::FileStream> openReadOnly(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOATIME);
+    if (fd < 0 && errno == EPERM)
+        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);  // not the owner's file
+    if (fd < 0)
+        return nullptr;
+    return std::make_unique<TagLib::FileStream>(fd, true);
+}
+
 }  // namespace
 
-std::string AudioTagReader::sniffMimeType(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::array<unsigned char, 12> head{};
-    in.read(reinterpret_cast<char*>(head.data()), head.size());
-    const auto got = in.gcount();
-    if (got >= 3 && std::memcmp(head.data(), "ID3", 3) == 0)
+std::string AudioTagReader::sniffMimeType(const unsigned char* head, size_t got) {
+    if (got >= 3 && std::memcmp(head, "ID3", 3) == 0)
         return "audio/mpeg";
     if (got >= 2 && head[0] == 0xFF && (head[1] & 0xE0) == 0xE0)
         return "audio/mpeg";
-    if (got >= 4 && std::memcmp(head.data(), "fLaC", 4) == 0)
+    if (got >= 4 && std::memcmp(head, "fLaC", 4) == 0)
         return "audio/flac";
-    if (got >= 4 && std::memcmp(head.data(), "OggS", 4) == 0)
+    if (got >= 4 && std::memcmp(head, "OggS", 4) == 0)
         return "audio/ogg";
-    if (got >= 8 && std::memcmp(head.data() + 4, "ftyp", 4) == 0)
+    if (got >= 8 && std::memcmp(head + 4, "ftyp", 4) == 0)
         return "audio/mp4";
     return {};
 }
 
 bool AudioTagReader::read(const std::string& path, AudioTags& tags, std::string& why) {
     tags = {};
-    tags.mimeType = sniffMimeType(path);
+    std::unique_ptr<TagLib::FileStream> stream = openReadOnly(path);
+    if (stream) {
+        const TagLib::ByteVector head = stream->readBlock(12);
+        tags.mimeType =
+            sniffMimeType(reinterpret_cast<const unsigned char*>(head.data()), head.size());
+        stream->seek(0);
+    }
     if (tags.mimeType.empty()) {
         why = "not an audio file";
         return false;
     }
     std::unique_ptr<TagLib::File> file;
-    const char* name = path.c_str();
     if (tags.mimeType == "audio/mpeg") {
-        file = std::make_unique<TagLib::MPEG::File>(name);
+        file = std::make_unique<TagLib::MPEG::File>(stream.get(),
+                                                    TagLib::ID3v2::FrameFactory::instance());
     } else if (tags.mimeType == "audio/flac") {
-        file = std::make_unique<TagLib::FLAC::File>(name);
+        file = std::make_unique<TagLib::FLAC::File>(stream.get(),
+                                                    TagLib::ID3v2::FrameFactory::instance());
     } else if (tags.mimeType == "audio/ogg") {
-        file = std::make_unique<TagLib::Ogg::Vorbis::File>(name);
+        file = std::make_unique<TagLib::Ogg::Vorbis::File>(stream.get());
         if (!file->isValid()) {
-            file = std::make_unique<TagLib::Ogg::Opus::File>(name);
+            file.reset();
+            stream = openReadOnly(path);  // read afresh, from the start
+            if (stream)
+                file = std::make_unique<TagLib::Ogg::Opus::File>(stream.get());
             tags.mimeType = "audio/opus";
         }
     } else {
-        file = std::make_unique<TagLib::MP4::File>(name);
+        file = std::make_unique<TagLib::MP4::File>(stream.get());
     }
-    if (!file->isOpen()) {
+    if (!file || !file->isOpen()) {
         why = "cannot be opened";
         return false;
     }

@@ -5,10 +5,12 @@
 // the wrong extension is still read and a text file named .mp3 is not. Tag text comes as UTF-8
 // whatever its encoding in the file (Latin-1 ID3v1, UTF-16 ID3v2 ...).
 //
-// Stateless; any thread. Errors: read() returns false (not audio, unreadable or damaged beyond
-// its tags) and fills why; it never throws.
+// Files are opened for reading only (and without updating their access time where allowed), so
+// reading them is not a change a watch on the folder reports. Stateless; any thread. Errors: read()
+// returns false (not audio, unreadable or damaged beyond its tags) and fills why; it never throws.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace pelio::platform {
@@ -20,8 +22,8 @@ struct AudioTags {
 
 class AudioTagReader {
   public:
-    // The audio format the first bytes of the file name, or "" when they name none.
-    static std::string sniffMimeType(const std::string& path);
+    // The audio format a file's first bytes (up to 12) name, or "" when they name none.
+    static std::string sniffMimeType(const unsigned char* head, size_t size);
     static bool read(const std::string& path, AudioTags& tags, std::string& why);
 };
 
