@@ -145,7 +145,7 @@ char logPriorityLetter(int priority) {
 
 namespace {
 
-constexpr size_t kMaxPending = 1 << 20;
+constexpr size_t kMaxPending = 256 * 1024;
 // How long the writer lets lines gather after the first one before it writes them.
 constexpr std::chrono::milliseconds kGatherTime{2};
 
