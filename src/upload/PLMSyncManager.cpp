@@ -61,6 +61,17 @@ std::string readStatus(const char* key, bool& ok) {
     return result;
 }
 
+// Reads a result's reply into its answers and releases the text; a reply that is no JSON array
+// is marked unreadable.
+void readReply(SyncResult& result) {
+    if (SyncOutcomeProcessor::readAnswers(result.jsonResponse, result.answers)) {
+        result.reply = SyncResult::Reply::Read;
+        std::string().swap(result.jsonResponse);
+    } else {
+        result.reply = SyncResult::Reply::Unreadable;
+    }
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -812,19 +823,11 @@ void PLMSyncManager::_processSyncResults() {
         // Not under the domain's lock (the sync lock is held here, and the lock order puts
         // domain locks outside it): an answer only touches a row still as it was sent, in one
         // transaction, so a collection running meanwhile costs at most a second upload.
-        bool applied = false;
-        switch (result->reply) {
-            case SyncResult::Reply::Read:
-                applied =
-                    SyncOutcomeProcessor::applyAnswers(result->answers, *result->sentRows, marks);
-                break;
-            case SyncResult::Reply::Unread:
-                applied = SyncOutcomeProcessor::applyResponse(result->jsonResponse,
-                                                              *result->sentRows, marks);
-                break;
-            case SyncResult::Reply::Unreadable:
-                break;
-        }
+        if (result->reply == SyncResult::Reply::Unread)
+            readReply(*result);  // a result not handed over by a post
+        const bool applied =
+            result->reply == SyncResult::Reply::Read &&
+            SyncOutcomeProcessor::applyAnswers(result->answers, *result->sentRows, marks);
         if (!applied)
             failed.insert(result->itemType);
         if (std::none_of(sentByItem.begin(), sentByItem.end(),
@@ -1009,13 +1012,7 @@ bool PLMSyncManager::_postBody(UploadRun& run, std::string body,
         run.allPosted = false;
         return false;
     }
-    // Read here, while later posts are on their way; applied when the session has closed.
-    if (SyncOutcomeProcessor::readAnswers(syncResult->jsonResponse, syncResult->answers)) {
-        syncResult->reply = SyncResult::Reply::Read;
-        std::string().swap(syncResult->jsonResponse);
-    } else {
-        syncResult->reply = SyncResult::Reply::Unreadable;
-    }
+    readReply(*syncResult);  // here, while later posts are on their way; applied after the close
     std::lock_guard<std::mutex> guard(mSyncResultsMutex);
     mSyncResults.push_back(std::move(syncResult));
     return true;

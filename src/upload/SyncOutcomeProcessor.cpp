@@ -244,12 +244,6 @@ bool SyncOutcomeProcessor::readAnswers(const std::string& jsonResponse,
     return walked;
 }
 
-bool SyncOutcomeProcessor::applyResponse(const std::string& jsonResponse, const SentRows& sent,
-                                         Marks& marks) {
-    std::vector<DocAnswer> answers;
-    return readAnswers(jsonResponse, answers) && applyAnswers(answers, sent, marks);
-}
-
 bool SyncOutcomeProcessor::applyAnswers(const std::vector<DocAnswer>& answers, const SentRows& sent,
                                         Marks& marks) {
     std::vector<Outcome> outcomes;

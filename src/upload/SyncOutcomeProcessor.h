@@ -41,10 +41,6 @@ class SyncOutcomeProcessor {
         std::unordered_set<std::string> accepted;
     };
 
-    // Walks one answer and applies it to the rows in sent. False when it is not a JSON array or
-    // could not be stored (nothing changed then). readAnswers then applyAnswers.
-    static bool applyResponse(const std::string& jsonResponse, const SentRows& sent, Marks& marks);
-
     // Reads a reply into the answers it holds for accepted and conflicting documents, in order.
     // False when it is not a JSON array. Any thread: it touches neither rows nor marks.
     static bool readAnswers(const std::string& jsonResponse, std::vector<DocAnswer>& answers);

@@ -30,7 +30,7 @@ class SyncResult {
     int status = STATUS_FAILED;
     std::string jsonResponse;  // "[" + joined per-document answers + "]" after a post
     // The reply read into answers on the posting thread, which then releases jsonResponse; the
-    // answers are applied once the session has closed. Unread: applied from jsonResponse then.
+    // answers are applied once the session has closed (a result added unread is read then).
     enum class Reply { Unread, Read, Unreadable } reply = Reply::Unread;
     std::vector<DocAnswer> answers;
     int syncType = 1;
