@@ -43,7 +43,7 @@ std::string translate(const char* msgid) {
 
 }  // namespace
 
-ContactsJsonComposer::ContactsJsonComposer() : mJsonArr(json_array_new()) {}
+ContactsJsonComposer::ContactsJsonComposer() = default;
 
 ContactsJsonComposer::~ContactsJsonComposer() = default;
 
@@ -260,71 +260,89 @@ bool ContactsJsonComposer::_readRows() {
     return ok;
 }
 
-JsonObjectPtr ContactsJsonComposer::_makeContactObject(const ContactComposeRecord& record) {
-    JsonObjectPtr contact(json_object_new());
-    JsonObject* o = contact.get();
-    json_object_set_string_member(o, "firstname", record.firstName.c_str());
-    json_object_set_string_member(o, "lastname", record.lastName.c_str());
-    json_object_set_boolean_member(o, "starred", record.starred);
-    json_object_set_string_member(o, "middlename", record.middleName.c_str());
-    json_object_set_string_member(o, "nickname", record.nickname.c_str());
-    json_object_set_string_member(o, "displayname", record.displayName.c_str());
-    json_object_set_string_member(o, "phoneticname", record.phoneticName.c_str());
-    json_object_set_string_member(o, "prefix", record.prefix.c_str());
-    json_object_set_string_member(o, "suffix", record.suffix.c_str());
-    JsonObjectPtr countInfo(json_object_new());
-    json_object_set_int_member(countInfo.get(), "times_contacted", record.timesContacted);
-    json_object_set_object_member(o, "contact_count_info", countInfo.release());
+// Strings go in as JSON-GLib's string members take them: up to their first zero byte.
+void ContactsJsonComposer::_writeContactObject(const ContactComposeRecord& record) {
+    JsonTextWriter& w = mBody;
+    w.beginObject(plm::DOC_META_DATA);
+    w.add("firstname", record.firstName.c_str());
+    w.add("lastname", record.lastName.c_str());
+    w.add("starred", record.starred);
+    w.add("middlename", record.middleName.c_str());
+    w.add("nickname", record.nickname.c_str());
+    w.add("displayname", record.displayName.c_str());
+    w.add("phoneticname", record.phoneticName.c_str());
+    w.add("prefix", record.prefix.c_str());
+    w.add("suffix", record.suffix.c_str());
+    w.beginObject("contact_count_info");
+    w.add("times_contacted", static_cast<long long>(record.timesContacted));
+    w.endObject();
 
-    auto addEntries = [o](const char* key, const char* typeKey,
-                          const std::vector<ContactValueEntry>& entries) {
+    auto addEntries = [&w](const char* key, const char* typeKey,
+                           const std::vector<ContactValueEntry>& entries) {
         if (entries.empty())
             return;
-        JsonArrayPtr array(json_array_new());
+        w.beginArray(key);
         for (const auto& entry : entries) {
-            JsonObjectPtr item(json_object_new());
-            json_object_set_string_member(item.get(), typeKey, entry.label.c_str());
-            json_object_set_string_member(item.get(), "clientData", entry.clientValue.c_str());
-            json_object_set_boolean_member(item.get(), "default", entry.isDefault);
-            json_array_add_object_element(array.get(), item.release());
+            w.beginObject();
+            w.add(typeKey, entry.label.c_str());
+            w.add("clientData", entry.clientValue.c_str());
+            w.add("default", entry.isDefault);
+            w.endObject();
         }
-        json_object_set_array_member(o, key, array.release());
+        w.endArray();
     };
     addEntries("phone", "phonetype", record.numbers);
     addEntries("addresstype", "addresstype", record.addresses);
     addEntries("email", "emailtype", record.emails);
     addEntries("event", "eventtype", record.events);
-    return contact;
+    w.endObject();
 }
 
-JsonObjectPtr ContactsJsonComposer::_makeLiveDocument(const ContactComposeRecord& record) {
-    JsonObjectPtr meta = _makeContactObject(record);
-    JsonObjectPtr doc(json_object_new());
-    JsonObject* d = doc.get();
-    const std::string id =
-        BaseSyncHandler::formatFixedWidthId(kIdPrefix, std::to_string(record.contactId), kIdWidth);
-    json_object_set_string_member(d, plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
-    json_object_set_string_member(d, plm::DOC_ID, id.c_str());
-    json_object_set_string_member(d, plm::DOC_TYPE, "contact");
-    json_object_set_int_member(d, plm::DOC_NUMBER, ++gContactDocNumber);
-    json_object_set_double_member(d, plm::DOC_TIMESTAMP, getCurrentTimeMillis());
-    json_object_set_string_member(d, plm::DOC_TIMESTAMP_GMT, getTimestampString().c_str());
-    json_object_set_string_member(d, plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
-    json_object_set_object_member(d, plm::DOC_META_DATA, meta.release());
-    return doc;
+void ContactsJsonComposer::_writeLiveDocument(const ContactComposeRecord& record,
+                                              const std::string& documentId,
+                                              const std::string* revision) {
+    JsonTextWriter& w = mBody;
+    w.beginObject();
+    w.add(plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
+    w.add(plm::DOC_ID, documentId);
+    w.add(plm::DOC_TYPE, "contact");
+    w.add(plm::DOC_NUMBER, static_cast<long long>(++gContactDocNumber));
+    w.addDouble(plm::DOC_TIMESTAMP, getCurrentTimeMillis());
+    w.add(plm::DOC_TIMESTAMP_GMT, getTimestampString());
+    w.add(plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
+    _writeContactObject(record);
+    if (revision != nullptr)
+        w.add(plm::DOC_REV, revision->c_str());
+    w.endObject();
+}
+
+void ContactsJsonComposer::_writeDeletedDocument(const std::string& documentId,
+                                                 const std::string& revision) {
+    // As makeDeletedDocument() makes it.
+    mBody.beginObject();
+    mBody.add(plm::DOC_ID, documentId);
+    mBody.add(plm::DOC_REV, revision.c_str());
+    mBody.add(plm::DOC_DELETED, true);
+    mBody.endObject();
+}
+
+void ContactsJsonComposer::_beginBody() {
+    mBody.beginObject();
+    mBody.beginArray(plm::DOC_DOCS);
 }
 
 bool ContactsJsonComposer::_flushBatch() {
-    JsonArrayPtr docs = std::move(mJsonArr);
-    mJsonArr.reset(json_array_new());
+    mBody.endArray();
+    mBody.endObject();
+    std::string text = mBody.take();
+    _beginBody();
     mItemCounter = 0;
-    const bool go = _emitBody(std::move(docs), *mResult);
+    const bool go = _emitBodyText(std::move(text), *mResult);
     LOGD("after setting mJsonArr");
     return go;
 }
 
-bool ContactsJsonComposer::_appendDocument(JsonObjectPtr document) {
-    json_array_add_object_element(mJsonArr.get(), document.release());
+bool ContactsJsonComposer::_documentWritten() {
     if (mItemCounter == kBatchSize) {
         LOGD("here in 1000");
         return _flushBatch();
@@ -334,7 +352,8 @@ bool ContactsJsonComposer::_appendDocument(JsonObjectPtr document) {
 
 std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
     mItemCounter = 0;
-    mJsonArr.reset(json_array_new());
+    mBody.take();
+    _beginBody();
     mResult = std::make_unique<SyncData>();
     mRows.clear();
 
@@ -430,21 +449,17 @@ ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
         if (record.version != "NULL" && !record.version.empty())
             sentRow.state.emplace_back("version", record.version);
         ++mItemCounter;
-        JsonObjectPtr document;
         if (record.dirty == plm::DIRTY_DELETED) {
-            document = makeDeletedDocument(documentId, record.revision);
+            _writeDeletedDocument(documentId, record.revision);
             ++counts.deleted;
+        } else if (record.dirty == plm::DIRTY_UPDATED && !record.revision.empty()) {
+            _writeLiveDocument(record, documentId, &record.revision);
+            ++counts.updated;
         } else {
-            document = _makeLiveDocument(record);
-            if (record.dirty == plm::DIRTY_UPDATED && !record.revision.empty()) {
-                json_object_set_string_member(document.get(), plm::DOC_REV,
-                                              record.revision.c_str());
-                ++counts.updated;
-            } else {
-                ++counts.inserted;
-            }
+            _writeLiveDocument(record, documentId, nullptr);
+            ++counts.inserted;
         }
-        if (!_appendDocument(std::move(document)))
+        if (!_documentWritten())
             break;
     }
     return counts;

@@ -20,6 +20,7 @@
 #include <pelio/platform/Contacts.h>
 
 #include "composer/JSONComposer.h"
+#include "composer/JsonTextWriter.h"
 
 // A labelled value of a contact (number, e-mail, address, event).
 struct ContactValueEntry {
@@ -106,10 +107,15 @@ class ContactsJsonComposer : public JSONComposer {
     };
 
     void _setLocaleForJsonFields();
-    JsonObjectPtr _makeContactObject(const ContactComposeRecord& record);
-    JsonObjectPtr _makeLiveDocument(const ContactComposeRecord& record);
+    // The documents are written into the body as text: a JSON-GLib tree of each one would cost
+    // several times more to build, serialise and free. `revision`: the "_rev" of an update.
+    void _writeLiveDocument(const ContactComposeRecord& record, const std::string& documentId,
+                            const std::string* revision);
+    void _writeContactObject(const ContactComposeRecord& record);
+    void _writeDeletedDocument(const std::string& documentId, const std::string& revision);
+    void _beginBody();
     // Both false when the sink stopped the upload.
-    bool _appendDocument(JsonObjectPtr document);
+    bool _documentWritten();
     bool _flushBatch();
     bool _readRows();
     // Looks the records up and makes their documents, in bodies of kBatchSize; stops early when
@@ -128,7 +134,7 @@ class ContactsJsonComposer : public JSONComposer {
     };
 
     int mItemCounter = 0;
-    JsonArrayPtr mJsonArr;
+    JsonTextWriter mBody;  // the body being written: {"docs":[ and its documents so far
     std::unique_ptr<SyncData> mResult;  // the record being filled
     std::vector<SelectedRow> mRows;
     std::string mLocale;  // device locale with "_" ("en_US")
