@@ -45,13 +45,14 @@ MediaComposeRecord rowRecord(int type, const std::string& id, const std::string&
     return r;
 }
 
-void setString(JsonObject* o, const char* key, const std::string& value) {
-    json_object_set_string_member(o, key, value.c_str());
+// Strings go in as JSON-GLib's string members take them: up to their first zero byte.
+void setString(JsonTextWriter& w, const char* key, const std::string& value) {
+    w.add(key, value.c_str());
 }
 
 }  // namespace
 
-MediaJsonComposer::MediaJsonComposer() : mDocs(json_array_new()) {}
+MediaJsonComposer::MediaJsonComposer() = default;
 
 MediaJsonComposer::~MediaJsonComposer() = default;
 
@@ -123,7 +124,7 @@ MediaComposeRecord MediaJsonComposer::getPlaylistInfoObject(const std::string& i
 }
 
 void MediaJsonComposer::_append(const MediaComposeRecord& record, const char* prefix,
-                                const char* type, JsonObjectPtr meta) {
+                                const char* type, WriteMeta meta) {
     const std::string docId = BaseSyncHandler::formatFixedWidthId(prefix, record.id, kIdWidth);
     SentRow sent;
     if (record.type == kTypePlaylist) {
@@ -139,39 +140,54 @@ void MediaJsonComposer::_append(const MediaComposeRecord& record, const char* pr
     }
     (*mSentRows)[docId] = std::move(sent);
 
+    if (mBodyDocs == 0) {
+        mBody.beginObject();
+        mBody.beginArray(plm::DOC_DOCS);
+    }
+    ++mBodyDocs;
+    JsonTextWriter& w = mBody;
+    w.beginObject();
     if (record.dirty == plm::DIRTY_DELETED) {
-        json_array_add_object_element(mDocs.get(),
-                                      makeDeletedDocument(docId, record.revision).release());
+        // As makeDeletedDocument() makes it.
+        setString(w, plm::DOC_ID, docId);
+        setString(w, plm::DOC_REV, record.revision);
+        w.add(plm::DOC_DELETED, true);
+        w.endObject();
         ++mDeleted;
         _emitFullBody();
         return;
     }
-    JsonObjectPtr doc(json_object_new());
-    JsonObject* d = doc.get();
-    json_object_set_string_member(d, plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
-    setString(d, plm::DOC_ID, docId);
-    json_object_set_string_member(d, plm::DOC_TYPE, type);
-    json_object_set_int_member(d, plm::DOC_NUMBER, ++gMediaDocNumber);
-    json_object_set_double_member(d, plm::DOC_TIMESTAMP, getCurrentTimeMillis());
-    setString(d, plm::DOC_TIMESTAMP_GMT, getTimestampString());
-    json_object_set_string_member(d, plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
-    json_object_set_object_member(d, plm::DOC_META_DATA, meta.release());
+    w.add(plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
+    setString(w, plm::DOC_ID, docId);
+    w.add(plm::DOC_TYPE, type);
+    w.add(plm::DOC_NUMBER, static_cast<long long>(++gMediaDocNumber));
+    w.addDouble(plm::DOC_TIMESTAMP, getCurrentTimeMillis());
+    setString(w, plm::DOC_TIMESTAMP_GMT, getTimestampString());
+    w.add(plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
+    w.beginObject(plm::DOC_META_DATA);
+    meta(w, record);
+    w.endObject();
     if (record.dirty == plm::DIRTY_UPDATED) {
-        setString(d, plm::DOC_REV, record.revision);
+        setString(w, plm::DOC_REV, record.revision);
         ++mUpdated;
     } else {
         ++mInserted;
     }
-    json_array_add_object_element(mDocs.get(), doc.release());
+    w.endObject();
     _emitFullBody();
 }
 
+std::string MediaJsonComposer::_takeBody() {
+    mBody.endArray();
+    mBody.endObject();
+    mBodyDocs = 0;
+    return mBody.take();
+}
+
 void MediaJsonComposer::_emitFullBody() {
-    if (mRecord == nullptr || !_streaming() || json_array_get_length(mDocs.get()) < kStreamBodyDocs)
+    if (mRecord == nullptr || !_streaming() || mBodyDocs < kStreamBodyDocs)
         return;
-    JsonArrayPtr docs = std::move(mDocs);
-    mDocs.reset(json_array_new());
-    mStopped = !_emitBody(std::move(docs), *mRecord);
+    mStopped = !_emitBodyText(_takeBody(), *mRecord);
 }
 
 void MediaJsonComposer::_composeAll(const std::vector<MediaComposeRecord>& list,
@@ -198,46 +214,43 @@ void MediaJsonComposer::makeSongItemJson(const MediaComposeRecord& record) {
         LOGE("song[%s] is no longer in the library; left for the next sync", record.id.c_str());
         return;
     }
-    JsonObjectPtr meta(json_object_new());
-    JsonObject* m = meta.get();
-    setString(m, "displayname", record.displayName);
-    setString(m, "title", record.title);
-    setString(m, "album_id", record.albumId);
-    setString(m, "album_title", record.album);
-    setString(m, "artist_id", record.artistId);
-    setString(m, "artist_name", record.artist);
-    setString(m, "genre_id", record.genreId);
-    setString(m, "genre_name", record.genre);
-    setString(m, "uri", "");
-    _append(record, "aud_", "audio", std::move(meta));
+    _append(record, "aud_", "audio", [](JsonTextWriter& m, const MediaComposeRecord& r) {
+        setString(m, "displayname", r.displayName);
+        setString(m, "title", r.title);
+        setString(m, "album_id", r.albumId);
+        setString(m, "album_title", r.album);
+        setString(m, "artist_id", r.artistId);
+        setString(m, "artist_name", r.artist);
+        setString(m, "genre_id", r.genreId);
+        setString(m, "genre_name", r.genre);
+        setString(m, "uri", "");
+    });
 }
 
 void MediaJsonComposer::makeAlbumItemJson(const MediaComposeRecord& record) {
-    JsonObjectPtr meta(json_object_new());
-    setString(meta.get(), "album_title", record.album);
-    setString(meta.get(), "album_id", record.albumId);
-    setString(meta.get(), "artist_name", record.artist);
-    _append(record, "aab_", "audio album", std::move(meta));
+    _append(record, "aab_", "audio album", [](JsonTextWriter& m, const MediaComposeRecord& r) {
+        setString(m, "album_title", r.album);
+        setString(m, "album_id", r.albumId);
+        setString(m, "artist_name", r.artist);
+    });
 }
 
 void MediaJsonComposer::makeArtistItemJson(const MediaComposeRecord& record) {
-    JsonObjectPtr meta(json_object_new());
-    setString(meta.get(), "name", record.artist);
-    _append(record, "aat_", "audio artist", std::move(meta));
+    _append(record, "aat_", "audio artist",
+            [](JsonTextWriter& m, const MediaComposeRecord& r) { setString(m, "name", r.artist); });
 }
 
 void MediaJsonComposer::makeGenreItemJson(const MediaComposeRecord& record) {
-    JsonObjectPtr meta(json_object_new());
-    setString(meta.get(), "name", record.genre);
-    _append(record, "agr_", "audio genre", std::move(meta));
+    _append(record, "agr_", "audio genre",
+            [](JsonTextWriter& m, const MediaComposeRecord& r) { setString(m, "name", r.genre); });
 }
 
 void MediaJsonComposer::makePlaylistItemJson(const MediaComposeRecord& record) {
-    JsonObjectPtr meta(json_object_new());
-    setString(meta.get(), "displayname", record.displayName);
-    json_object_set_int_member(meta.get(), "songs_count", record.songsCount);
-    setString(meta.get(), "uri", "");
-    _append(record, "apl_", "audio playlist", std::move(meta));
+    _append(record, "apl_", "audio playlist", [](JsonTextWriter& m, const MediaComposeRecord& r) {
+        setString(m, "displayname", r.displayName);
+        m.add("songs_count", static_cast<long long>(r.songsCount));
+        setString(m, "uri", "");
+    });
 }
 
 void MediaJsonComposer::_readAudioRows() {
@@ -306,7 +319,8 @@ std::unique_ptr<SyncData> MediaJsonComposer::makeUploadJSON() {
     mRecord = result.get();
     mStopped = false;
     mSentRows = result->sentRows;
-    mDocs.reset(json_array_new());
+    mBody.take();
+    mBodyDocs = 0;
     mInserted = mUpdated = mDeleted = 0;
 
     auto& media = pp::mediaContentService();
@@ -337,9 +351,11 @@ std::unique_ptr<SyncData> MediaJsonComposer::makeUploadJSON() {
         result->updatedCount = mUpdated;
         result->deletedCount = mDeleted;
         // The last (streamed) or only body; a streamed upload that stopped sends no more.
-        if (!mStopped && json_array_get_length(mDocs.get()) > 0)
-            _emitBody(std::move(mDocs), *result);
-        mDocs.reset(json_array_new());
+        if (!mStopped && mBodyDocs > 0)
+            _emitBodyText(_takeBody(), *result);
+    }
+    if (mBodyDocs > 0) {
+        _takeBody();  // a stopped upload's documents are not sent
     }
     mRecord = nullptr;
 

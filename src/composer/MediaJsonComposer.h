@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "composer/JSONComposer.h"
+#include "composer/JsonTextWriter.h"
 
 // One row to compose, completed from the media content service for songs.
 struct MediaComposeRecord {
@@ -70,10 +71,16 @@ class MediaJsonComposer : public JSONComposer {
   private:
     void _readAudioRows();
     void _readPlaylistRows();
+    // Writes the record's document into the body (as JSON text: a JSON-GLib tree of each
+    // document would cost several times more to build, serialise and free); `meta` writes the
+    // members of its "meta_data".
+    using WriteMeta = void (*)(JsonTextWriter&, const MediaComposeRecord&);
     void _append(const MediaComposeRecord& record, const char* prefix, const char* type,
-                 JsonObjectPtr meta);
+                 WriteMeta meta);
     // Hands the documents so far to the sink once a streamed body is full.
     void _emitFullBody();
+    // Closes the body being written and returns its text.
+    std::string _takeBody();
     // Every record of list through make, until the sink stops the upload.
     void _composeAll(const std::vector<MediaComposeRecord>& list,
                      void (MediaJsonComposer::*make)(const MediaComposeRecord&));
@@ -89,7 +96,8 @@ class MediaJsonComposer : public JSONComposer {
         int dirty = 0;
     };
 
-    JsonArrayPtr mDocs;
+    JsonTextWriter mBody;  // {"docs":[ and the documents so far, once the first is written
+    guint mBodyDocs = 0;
     std::vector<SongRow> mSongs;
     std::vector<MediaComposeRecord> mAlbums, mArtists, mPlaylists;
     int mInserted = 0, mUpdated = 0, mDeleted = 0;
