@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <system_error>
 
 namespace pelio::platform {
@@ -194,7 +195,10 @@ int LinuxMediaContentService::getPlaylistList(std::vector<MediaPlaylistRecord>& 
     return current->playlists(out);
 }
 
-int LinuxMediaContentService::getMediaFromDb(const std::string& mediaId, MediaInfoRecord& out) {
+namespace {
+
+// A media id's number: its hexadecimal digits, dashes left out; none when it is not one.
+std::optional<long long> parseMediaId(const std::string& mediaId) {
     std::string digits;
     for (char c : mediaId) {
         if (c != '-')
@@ -203,13 +207,38 @@ int LinuxMediaContentService::getMediaFromDb(const std::string& mediaId, MediaIn
     if (digits.empty() || digits.size() > 32 ||
         !std::all_of(digits.begin(), digits.end(),
                      [](unsigned char c) { return std::isxdigit(c) != 0; })) {
-        return MEDIA_CONTENT_ERROR_INVALID_PARAMETER;
+        return std::nullopt;
     }
+    return static_cast<long long>(std::strtoull(digits.c_str(), nullptr, 16));
+}
+
+}  // namespace
+
+int LinuxMediaContentService::getMediaFromDb(const std::string& mediaId, MediaInfoRecord& out) {
+    std::vector<MediaInfoRecord> found;
+    std::vector<int> results;
+    getMediaByIds({mediaId}, found, results);
+    if (results.front() == MEDIA_CONTENT_ERROR_NONE)
+        out = std::move(found.front());
+    return results.front();
+}
+
+void LinuxMediaContentService::getMediaByIds(const std::vector<std::string>& mediaIds,
+                                             std::vector<MediaInfoRecord>& out,
+                                             std::vector<int>& results) {
+    out.assign(mediaIds.size(), MediaInfoRecord{});
+    results.assign(mediaIds.size(), MEDIA_CONTENT_ERROR_INVALID_PARAMETER);
+    std::vector<std::optional<long long>> ids(mediaIds.size());
+    std::transform(mediaIds.begin(), mediaIds.end(), ids.begin(), parseMediaId);
     auto current = index();
-    if (!current)
-        return MEDIA_CONTENT_ERROR_NOT_CONNECTED;
-    const long long id = static_cast<long long>(std::strtoull(digits.c_str(), nullptr, 16));
-    return current->song(id, out);
+    if (!current) {
+        for (std::size_t i = 0; i < ids.size(); ++i) {
+            if (ids[i])
+                results[i] = MEDIA_CONTENT_ERROR_NOT_CONNECTED;
+        }
+        return;
+    }
+    current->songsByIds(ids, out, results);
 }
 
 int LinuxMediaContentService::setDbUpdatedCallback(MediaDbUpdatedCallback cb, void* userData) {

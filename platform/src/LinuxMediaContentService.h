@@ -46,6 +46,8 @@ class LinuxMediaContentService : public MediaContentService {
     int getArtistList(const std::string& condition, std::vector<MediaArtistRecord>& out) override;
     int getPlaylistList(std::vector<MediaPlaylistRecord>& out) override;
     int getMediaFromDb(const std::string& mediaId, MediaInfoRecord& out) override;
+    void getMediaByIds(const std::vector<std::string>& mediaIds, std::vector<MediaInfoRecord>& out,
+                       std::vector<int>& results) override;
     int setDbUpdatedCallback(MediaDbUpdatedCallback cb, void* userData) override;
     int unsetDbUpdatedCallback() override;
 

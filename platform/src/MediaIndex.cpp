@@ -351,20 +351,25 @@ int MediaIndex::songs(std::vector<MediaInfoRecord>& out) {
     return songsWhere(st, 0, out);
 }
 
-int MediaIndex::song(long long id, MediaInfoRecord& out) {
-    std::vector<MediaInfoRecord> found;
-    int rc;
-    {
-        // One song is looked up for every document: its statement is prepared once.
-        const std::lock_guard<std::mutex> lock(lookupMutex_);
-        rc = songsWhere(*lookups_.get(db_.get(), kSongById.c_str()), id, found);
+void MediaIndex::songsByIds(const std::vector<std::optional<long long>>& ids,
+                            std::vector<MediaInfoRecord>& out, std::vector<int>& results) {
+    // An upload looks its songs up a few dozen at a time: one read transaction for them, and
+    // statements prepared once. No rescan runs meanwhile (it writes on this connection).
+    const std::lock_guard<std::mutex> writer(writerMutex());
+    const std::lock_guard<std::mutex> lock(lookupMutex_);
+    const bool inTransaction = lookups_.get(db_.get(), "BEGIN")->step() == SQLITE_DONE;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        if (!ids[i])
+            continue;
+        std::vector<MediaInfoRecord> found;
+        results[i] = songsWhere(*lookups_.get(db_.get(), kSongById.c_str()), *ids[i], found);
+        if (results[i] == MEDIA_CONTENT_ERROR_NONE && found.empty())
+            results[i] = MEDIA_CONTENT_ERROR_NO_DATA;
+        else if (results[i] == MEDIA_CONTENT_ERROR_NONE)
+            out[i] = std::move(found.front());
     }
-    if (rc != MEDIA_CONTENT_ERROR_NONE)
-        return rc;
-    if (found.empty())
-        return MEDIA_CONTENT_ERROR_NO_DATA;
-    out = std::move(found.front());
-    return MEDIA_CONTENT_ERROR_NONE;
+    if (inTransaction)
+        lookups_.get(db_.get(), "COMMIT")->step();
 }
 
 int MediaIndex::albums(std::vector<MediaAlbumRecord>& out) {

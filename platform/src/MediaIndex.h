@@ -18,6 +18,7 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -37,7 +38,10 @@ class MediaIndex {
     int rescan(const std::string& root, int& changed, bool& linked);
 
     int songs(std::vector<MediaInfoRecord>& out);
-    int song(long long id, MediaInfoRecord& out);
+    // The songs with these ids, in one read transaction: out[i] and results[i] for ids[i]
+    // (MEDIA_CONTENT_ERROR_NO_DATA when there is none; a missing id is left as results[i] was).
+    void songsByIds(const std::vector<std::optional<long long>>& ids,
+                    std::vector<MediaInfoRecord>& out, std::vector<int>& results);
     int albums(std::vector<MediaAlbumRecord>& out);
     int artists(std::vector<MediaArtistRecord>& out);
     int playlists(std::vector<MediaPlaylistRecord>& out);
@@ -69,7 +73,7 @@ class MediaIndex {
     int songsWhere(SqliteStatement& st, long long id, std::vector<MediaInfoRecord>& out);
 
     SqliteDb db_;
-    std::mutex lookupMutex_;  // guards lookups_, used by song() from any thread
+    std::mutex lookupMutex_;  // guards lookups_, used by songsByIds() from any thread
     StatementCache lookups_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <pelio/platform/MediaContent.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
@@ -70,19 +71,18 @@ unsigned long MediaJsonComposer::getHexToLongId(const std::string& mediaId) {
     return errno == ERANGE ? 0 : value;
 }
 
-MediaComposeRecord MediaJsonComposer::getSongInfoObject(const std::string& id,
-                                                        const std::string& rev, int dirty) {
-    MediaComposeRecord r = rowRecord(kTypeSong, id, rev, dirty);
-    if (dirty == plm::DIRTY_DELETED)
-        return r;
+std::string MediaJsonComposer::_mediaIdOf(const std::string& id) {
     char hex[32];
     std::snprintf(hex, sizeof hex, "%lx", std::strtoul(id.c_str(), nullptr, 10));
-    pp::MediaInfoRecord media;
-    const int ret = pp::mediaContentService().getMediaFromDb(hex, media);
+    return hex;
+}
+
+void MediaJsonComposer::_fillSong(MediaComposeRecord& r, int ret,
+                                  const pp::MediaInfoRecord& media) {
     if (ret != pp::MEDIA_CONTENT_ERROR_NONE) {
         LOGE("ERROR: media_info_get_media_from_db failed retval[%d]", ret);
         r.found = false;
-        return r;
+        return;
     }
     r.displayName = media.displayName;
     r.title = media.title;
@@ -92,6 +92,16 @@ MediaComposeRecord MediaJsonComposer::getSongInfoObject(const std::string& id,
     r.albumId = media.albumId != 0 ? std::to_string(media.albumId) : "";
     r.artistId = media.artistId != 0 ? std::to_string(media.artistId) : "";
     r.genreId = media.genreId != 0 ? std::to_string(media.genreId) : "";
+}
+
+MediaComposeRecord MediaJsonComposer::getSongInfoObject(const std::string& id,
+                                                        const std::string& rev, int dirty) {
+    MediaComposeRecord r = rowRecord(kTypeSong, id, rev, dirty);
+    if (dirty == plm::DIRTY_DELETED)
+        return r;
+    pp::MediaInfoRecord media;
+    const int ret = pp::mediaContentService().getMediaFromDb(_mediaIdOf(id), media);
+    _fillSong(r, ret, media);
     return r;
 }
 
@@ -200,11 +210,31 @@ void MediaJsonComposer::_composeAll(const std::vector<MediaComposeRecord>& list,
 }
 
 void MediaJsonComposer::_composeSongs() {
-    for (const SongRow& row : mSongs) {
-        if (mStopped)
-            return;
-        MediaComposeRecord record = getSongInfoObject(row.id, row.revision, row.dirty);
+    // Songs are looked up a few dozen at a time, as their documents are made.
+    std::vector<std::string> mediaIds;
+    std::vector<pp::MediaInfoRecord> found;
+    std::vector<int> results;
+    size_t looked = 0;  // index into found / results of the next live row
+    for (size_t i = 0; i < mSongs.size() && !mStopped; ++i) {
+        if (i % kLookupRows == 0) {
+            mediaIds.clear();
+            for (size_t k = i; k < std::min(mSongs.size(), i + kLookupRows); ++k) {
+                if (mSongs[k].dirty != plm::DIRTY_DELETED)
+                    mediaIds.push_back(_mediaIdOf(mSongs[k].id));
+            }
+            pp::mediaContentService().getMediaByIds(mediaIds, found, results);
+            looked = 0;
+        }
+        const SongRow& row = mSongs[i];
+        MediaComposeRecord record = rowRecord(kTypeSong, row.id, row.revision, row.dirty);
         record.stamp = row.stamp;
+        if (row.dirty != plm::DIRTY_DELETED) {
+            if (looked < results.size())
+                _fillSong(record, results[looked], found[looked]);
+            else
+                record.found = false;
+            ++looked;
+        }
         makeSongItemJson(record);
     }
 }

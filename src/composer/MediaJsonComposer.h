@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include <pelio/platform/MediaContent.h>
+
 #include "composer/JSONComposer.h"
 #include "composer/JsonTextWriter.h"
 
@@ -38,6 +40,7 @@ class MediaJsonComposer : public JSONComposer {
   public:
     static constexpr size_t kIdWidth = 12;
     static constexpr int kSelectPageRows = 400;
+    static constexpr size_t kLookupRows = 64;  // rows whose songs are looked up together
     // Documents per body when a sink takes the bodies: a multiple of both part sizes, so the
     // server receives the same parts as from one body holding everything.
     static constexpr guint kStreamBodyDocs = 1000;
@@ -69,6 +72,11 @@ class MediaJsonComposer : public JSONComposer {
     static unsigned long getHexToLongId(const std::string& mediaId);
 
   private:
+    // The media id of a song row's decimal audio_id.
+    static std::string _mediaIdOf(const std::string& id);
+    // Completes a song's record from what the look-up gave (ret its result).
+    static void _fillSong(MediaComposeRecord& record, int ret,
+                          const pelio::platform::MediaInfoRecord& media);
     void _readAudioRows();
     void _readPlaylistRows();
     // Writes the record's document into the body (as JSON text: a JSON-GLib tree of each

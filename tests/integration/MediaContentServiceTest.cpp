@@ -123,6 +123,15 @@ TEST_F(MediaContentServiceTest, IndexesTaggedFilesOfEveryFormatAndPlaylists) {
                 byId.title == "Three");
     EXPECT_EQ(media.getMediaFromDb("zz", byId), MEDIA_CONTENT_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(media.getMediaFromDb("ffffff", byId), MEDIA_CONTENT_ERROR_NO_DATA);
+    // Several at once: each answered as on its own, in order.
+    std::vector<MediaInfoRecord> found;
+    std::vector<int> results;
+    media.getMediaByIds({lib["Three"].mediaId, "zz", "ffffff", lib["One"].mediaId}, found, results);
+    EXPECT_EQ(results,
+              (std::vector<int>{MEDIA_CONTENT_ERROR_NONE, MEDIA_CONTENT_ERROR_INVALID_PARAMETER,
+                                MEDIA_CONTENT_ERROR_NO_DATA, MEDIA_CONTENT_ERROR_NONE}));
+    ASSERT_EQ(found.size(), 4u);
+    EXPECT_EQ(found[0].title + "|" + found[3].title, "Three|One");
     media.disconnect();
 }
 

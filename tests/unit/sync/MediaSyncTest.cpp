@@ -121,6 +121,39 @@ TEST_F(MediaSyncTest, ComposerWritesOneDocumentPerRowInOneBody) {
     EXPECT_EQ(data->sentRows->size(), 3u);
 }
 
+TEST_F(MediaSyncTest, SongsLookedUpTogetherEachGetTheirOwnTexts) {
+    // 150 song rows over three look-ups: every third one deleted (no look-up), every seventh
+    // gone from the library (no document, left dirty).
+    media_->songs.clear();
+    std::string rows;
+    for (int id = 1; id <= 150; ++id) {
+        const bool deleted = id % 3 == 0;
+        if (!deleted && id % 7 != 0)
+            media_->addSong(id, "Song" + std::to_string(id), "", "", "");
+        rows += std::string(rows.empty() ? "" : ",") + "(" + std::to_string(id) + ", 1, " +
+                (deleted ? "2, '1-r'" : "1, NULL") + ")";
+    }
+    exec("INSERT INTO audio(audio_id, type, dirty, rev_id) VALUES" + rows);
+    auto data = JSONComposer().makeSyncData(2);
+    ASSERT_EQ(data->documents.size(), 1u);
+    Body body(data->documents[0]);
+    int live = 0, deleted = 0;
+    for (guint i = 0; i < body.size(); ++i) {
+        const std::string id = str(body.at(i), "_id");
+        const int n = std::stoi(id.substr(4));
+        if (n % 3 == 0) {
+            EXPECT_TRUE(json_object_get_boolean_member(body.at(i), "_deleted")) << id;
+            ++deleted;
+        } else {
+            EXPECT_NE(n % 7, 0) << id;
+            EXPECT_EQ(str(meta(body.at(i)), "title"), "Song" + std::to_string(n)) << id;
+            ++live;
+        }
+    }
+    EXPECT_EQ(deleted, 50);
+    EXPECT_EQ(live, 100 - 14);  // 150 - 50 deleted - 14 gone (multiples of 7, not of 3)
+}
+
 TEST_F(MediaSyncTest, AlbumArtistAndPlaylistDocumentsAndHexIds) {
     MediaJsonComposer composer;
     exec(

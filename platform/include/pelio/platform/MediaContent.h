@@ -106,6 +106,15 @@ class MediaContentService {
     virtual int getPlaylistList(std::vector<MediaPlaylistRecord>& out) = 0;
     // One song by media id; MEDIA_CONTENT_ERROR_NO_DATA when it is not in the library.
     virtual int getMediaFromDb(const std::string& mediaId, MediaInfoRecord& out) = 0;
+    // Several of those at once: results[i] and out[i] are what getMediaFromDb(mediaIds[i])
+    // gives. The default asks one by one; a service with an index reads them all in one go.
+    virtual void getMediaByIds(const std::vector<std::string>& mediaIds,
+                               std::vector<MediaInfoRecord>& out, std::vector<int>& results) {
+        out.assign(mediaIds.size(), MediaInfoRecord{});
+        results.assign(mediaIds.size(), MEDIA_CONTENT_ERROR_NONE);
+        for (std::size_t i = 0; i < mediaIds.size(); ++i)
+            results[i] = getMediaFromDb(mediaIds[i], out[i]);
+    }
 
     // One callback at a time; setting starts watching the folder.
     virtual int setDbUpdatedCallback(MediaDbUpdatedCallback cb, void* userData) = 0;
