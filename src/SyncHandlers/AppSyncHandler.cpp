@@ -93,41 +93,36 @@ class ShadowStatements {
             // Gone from the device.
             if (info.revId.empty()) {
                 LOGD("Delete Case: never uploaded, removed locally");
-                return run(remove_.bind(1, info.id));
+                return remove_.bind(1, info.id).runBound();
             }
             if (info.dirty == plm::DIRTY_DELETED)
                 return true;
             LOGD("Delete Case");
-            return run(markDeleted_.bind(1, static_cast<int>(plm::DIRTY_DELETED)).bind(2, info.id));
+            return markDeleted_.bind(1, static_cast<int>(plm::DIRTY_DELETED))
+                .bind(2, info.id)
+                .runBound();
         }
         if (!info.stored) {
-            insert_.bind(1, info.id);
-            bindOrNull(insert_, 2, info.version);
-            bindOrNull(insert_, 3, info.name);
-            bindOrNull(insert_, 4, info.customId);
-            bindOrNull(insert_, 5, info.package);
-            return run(insert_.bind(6, info.preInstalled).bind(7, info.dirty));
+            return insert_.bind(1, info.id)
+                .bindOrNull(2, info.version)
+                .bindOrNull(3, info.name)
+                .bindOrNull(4, info.customId)
+                .bindOrNull(5, info.package)
+                .bind(6, info.preInstalled)
+                .bind(7, info.dirty)
+                .runBound();
         }
-        return run(update_.bind(1, info.version)
-                       .bind(2, info.name)
-                       .bind(3, info.customId)
-                       .bind(4, info.package)
-                       .bind(5, info.preInstalled)
-                       .bind(6, info.dirty)
-                       .bind(7, info.id));
+        return update_.bind(1, info.version)
+            .bind(2, info.name)
+            .bind(3, info.customId)
+            .bind(4, info.package)
+            .bind(5, info.preInstalled)
+            .bind(6, info.dirty)
+            .bind(7, info.id)
+            .runBound();
     }
 
   private:
-    static void bindOrNull(pp::SqliteStatement& statement, int index, const std::string& text) {
-        if (!text.empty())
-            statement.bind(index, text);  // an unbound parameter is NULL
-    }
-    static bool run(pp::SqliteStatement& statement) {
-        const bool done = statement.error() == SQLITE_OK && statement.run();
-        statement.reset();
-        return done;
-    }
-
     pp::SqliteStatement remove_;
     pp::SqliteStatement markDeleted_;
     pp::SqliteStatement insert_;

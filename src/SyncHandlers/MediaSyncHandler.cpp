@@ -1,6 +1,7 @@
 #include "SyncHandlers/MediaSyncHandler.h"
 
 #include <pelio/platform/MediaContent.h>
+#include <pelio/platform/SqliteStatement.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -12,7 +13,6 @@
 #include "composer/MediaJsonComposer.h"
 #include "database/DbManager.h"
 #include "database/KeysetReader.h"
-#include "database/MultiQueryTransaction.h"
 #include "upload/PLMSyncMasterTable.h"
 #include "utils/BundleMacro.h"
 
@@ -33,17 +33,6 @@ std::string column(const Bundle& row, int n) {
     return value == "NULL" ? std::string() : value;
 }
 
-// A text value for the INSERT of the query protocol, which puts it between single quotes.
-std::string sqlText(const std::string& value) {
-    std::string out;
-    for (char c : value) {
-        out += c;
-        if (c == '\'')
-            out += '\'';
-    }
-    return out;
-}
-
 MediaInfo* lookup(GHashTable* map, const std::string& key) {
     return static_cast<MediaInfo*>(g_hash_table_lookup(map, key.c_str()));
 }
@@ -52,9 +41,90 @@ void put(GHashTable* map, const std::string& key, MediaInfo* info) {
     g_hash_table_replace(map, g_strdup(key.c_str()), info);
 }
 
-std::string audioWhere(const MediaInfo& info) {
-    return "audio_id = '" + info.media_id + "' and type = '" + std::to_string(info.type) + "'";
-}
+// The writes of one collection into the shadow tables, prepared once on the transaction's
+// connection. Values are bound as text (the columns' types turn numbers back into numbers); a new
+// row leaves empty texts NULL, an updated one takes them as they are. A song's row keeps no names;
+// an artist's keeps its name, an album's its name and artist. The content stamp ("device_mode")
+// is what the document shows, so an answer for older content is not taken for the row.
+class ShadowStatements {
+  public:
+    explicit ShadowStatements(sqlite3* db)
+        : removeAudio_(db, "DELETE FROM audio WHERE audio_id = ? and type = ?"),
+          removePlaylist_(db, "DELETE FROM audio_playlist WHERE playlist_id = ?"),
+          insertAudio_(db,
+                       "INSERT INTO audio (audio_id, date_added, type, dirty, artist_name, "
+                       "album_name, device_mode) VALUES (?, ?, ?, ?, ?, ?, ?)"),
+          updateSong_(db,
+                      "UPDATE audio SET audio_id = ?1, date_added = ?2, type = ?3, dirty = ?4, "
+                      "device_mode = ?7 WHERE audio_id = ?1 and type = ?3"),
+          updateArtist_(db,
+                        "UPDATE audio SET audio_id = ?1, date_added = ?2, type = ?3, dirty = ?4, "
+                        "artist_name = ?5, device_mode = ?7 WHERE audio_id = ?1 and type = ?3"),
+          updateAlbum_(db,
+                       "UPDATE audio SET audio_id = ?1, date_added = ?2, type = ?3, dirty = ?4, "
+                       "artist_name = ?5, album_name = ?6, device_mode = ?7 "
+                       "WHERE audio_id = ?1 and type = ?3"),
+          insertPlaylist_(db,
+                          "INSERT INTO audio_playlist (playlist_id, dirty, name, "
+                          "playlist_songs_count) VALUES (?, ?, ?, ?)"),
+          updatePlaylist_(db,
+                          "UPDATE audio_playlist SET playlist_id = ?1, dirty = ?2, name = ?3, "
+                          "playlist_songs_count = ?4 WHERE playlist_id = ?1") {}
+
+    // A row removed locally. False when the statement failed.
+    bool remove(const MediaInfo& info, bool playlist) {
+        if (playlist)
+            return removePlaylist_.bind(1, info.media_id).runBound();
+        return removeAudio_.bind(1, info.media_id).bind(2, std::to_string(info.type)).runBound();
+    }
+
+    // The row of info, inserted or updated. False when the statement failed.
+    bool write(const MediaInfo& info, bool playlist) {
+        int columns = 0;  // the values written
+        auto value = [&](pp::SqliteStatement& st, int index, const std::string& text) {
+            st.bind(index, text);
+            ++columns;
+        };
+        auto name = [&](pp::SqliteStatement& st, int index, const std::string& text) {
+            if (info.isNew && text.empty())
+                return;  // a new row leaves it NULL
+            value(st, index, text);
+        };
+        pp::SqliteStatement& st = playlist     ? info.isNew ? insertPlaylist_ : updatePlaylist_
+                                  : info.isNew ? insertAudio_
+                                  : info.type == kTypeAlbum  ? updateAlbum_
+                                  : info.type == kTypeArtist ? updateArtist_
+                                                             : updateSong_;
+        if (playlist) {
+            value(st, 1, info.media_id);
+            value(st, 2, std::to_string(info.action));
+            name(st, 3, info.name);
+            value(st, 4, std::to_string(info.count));
+        } else {
+            value(st, 1, info.media_id);
+            value(st, 2, std::to_string(info.date_added));
+            value(st, 3, std::to_string(info.type));
+            value(st, 4, std::to_string(info.action));
+            if (info.type == kTypeAlbum || info.type == kTypeArtist)
+                name(st, 5, info.artist_name);
+            if (info.type == kTypeAlbum)
+                name(st, 6, info.album_name);
+            value(st, 7, std::to_string(info.stamp));
+        }
+        LOGD("col count...: %s", std::to_string(columns).c_str());
+        return st.runBound();
+    }
+
+  private:
+    pp::SqliteStatement removeAudio_;
+    pp::SqliteStatement removePlaylist_;
+    pp::SqliteStatement insertAudio_;
+    pp::SqliteStatement updateSong_;
+    pp::SqliteStatement updateArtist_;
+    pp::SqliteStatement updateAlbum_;
+    pp::SqliteStatement insertPlaylist_;
+    pp::SqliteStatement updatePlaylist_;
+};
 
 }  // namespace
 
@@ -312,13 +382,10 @@ void MediaSyncHandler::_markGone() {
             auto* info = static_cast<MediaInfo*>(value);
             if (info->seen || info->dirty == plm::DIRTY_DELETED)
                 continue;
-            const std::string where =
-                playlist ? "playlist_id = '" + info->media_id + "'" : audioWhere(*info);
             if (info->rev_id.empty()) {
                 // Never uploaded: nothing to tell the server, the row just goes.
                 LOGD("delete case (never sent) id[%s]", info->media_id.c_str());
-                mRemovals.push_back(std::string(playlist ? kPlaylistTable : kAudioTable) + "|" +
-                                    where);
+                mRemovals.emplace_back(info, playlist);
                 continue;
             }
             LOGD("delete case id[%s]", info->media_id.c_str());
@@ -329,82 +396,36 @@ void MediaSyncHandler::_markGone() {
     }
 }
 
-int MediaSyncHandler::_writeEntry(const MediaInfo& info, bool playlist) {
-    Bundle request;
-    Bundle result;
-    std::vector<std::pair<std::string, std::string>> columns;
-    auto add = [&](const char* name, const std::string& value, bool text) {
-        if (info.isNew) {
-            if (!value.empty())  // the protocol's INSERT takes no empty value: NULL instead
-                columns.emplace_back(name, sqlText(value));
-        } else {
-            columns.emplace_back(name, text ? "'" + sqlText(value) + "'" : value);
-        }
-    };
-    if (playlist) {
-        add("playlist_id", info.media_id, false);
-        add("dirty", std::to_string(info.action), false);
-        add("name", info.name, true);
-        add("playlist_songs_count", std::to_string(info.count), false);
-    } else {
-        add("audio_id", info.media_id, false);
-        add("date_added", std::to_string(info.date_added), false);
-        add("type", std::to_string(info.type), false);
-        add("dirty", std::to_string(info.action), false);
-        if (info.type == kTypeAlbum || info.type == kTypeArtist)
-            add("artist_name", info.artist_name, true);
-        if (info.type == kTypeAlbum)
-            add("album_name", info.album_name, true);
-        // The content stamp: what the document shows, so an answer for older content is not
-        // taken for this row.
-        add("device_mode", std::to_string(info.stamp), false);
-    }
-    request.addStr(bundlekeys::URI_TABLE_NAME, playlist ? kPlaylistTable : kAudioTable);
-    request.addStr(bundlekeys::COLUMN_COUNT, std::to_string(columns.size()));
-    LOGD("col count...: %s", std::to_string(columns.size()).c_str());
-    for (size_t i = 0; i < columns.size(); ++i) {
-        request.addStr(columnKey(static_cast<int>(i + 1)), columns[i].first);
-        request.addStr(columns[i].first, columns[i].second);
-    }
-    DbManager* dbm = db();
-    if (info.isNew) {
-        request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_INSERT);
-        return dbm->insertDb(&request, &result);
-    }
-    request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
-    request.addStr(bundlekeys::WHERE,
-                   playlist ? "playlist_id = '" + info.media_id + "'" : audioWhere(info));
-    return dbm->updateDb(&request, &result);
-}
-
 int MediaSyncHandler::_writeBack() {
-    DbManager* dbm = db();
-    MultiQueryTransaction transaction(dbm);
-    for (const std::string& removal : mRemovals) {
-        const auto bar = removal.find('|');
-        Bundle request;
-        Bundle result;
-        request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_DELETE);
-        request.addStr(bundlekeys::URI_TABLE_NAME, removal.substr(0, bar));
-        request.addStr(bundlekeys::WHERE, removal.substr(bar + 1));
-        if (dbm->deleteDb(&request, &result) != 0)
-            LOGE("query failed ");
-    }
-    for (GHashTable* map : {mAudioMap.get(), mPlaylistMap.get()}) {
-        GHashTableIter iter;
-        gpointer value = nullptr;
-        g_hash_table_iter_init(&iter, map);
-        while (g_hash_table_iter_next(&iter, nullptr, &value)) {
-            if (isInterrupted()) {
-                LOGD("forced sync pending, media write rolled back");
-                return 2;
-            }
-            const auto* info = static_cast<const MediaInfo*>(value);
-            if (info->write && _writeEntry(*info, map == mPlaylistMap.get()) != 0)
+    bool interrupted = false;
+    const bool written = db()->runInTransaction([&](sqlite3* db) {
+        ShadowStatements statements(db);
+        for (const auto& [removal, playlist] : mRemovals) {
+            if (!statements.remove(*removal, playlist))
                 LOGE("query failed ");
         }
+        for (GHashTable* map : {mAudioMap.get(), mPlaylistMap.get()}) {
+            GHashTableIter iter;
+            gpointer value = nullptr;
+            g_hash_table_iter_init(&iter, map);
+            while (g_hash_table_iter_next(&iter, nullptr, &value)) {
+                if (isInterrupted()) {
+                    interrupted = true;
+                    return false;  // rolled back
+                }
+                const auto* info = static_cast<const MediaInfo*>(value);
+                if (info->write && !statements.write(*info, map == mPlaylistMap.get()))
+                    LOGE("query failed ");
+            }
+        }
+        return true;
+    });
+    if (interrupted) {
+        LOGD("forced sync pending, media write rolled back");
+        return 2;
     }
-    transaction.commit();
+    if (!written)
+        LOGE("query failed ");
     return 0;
 }
 

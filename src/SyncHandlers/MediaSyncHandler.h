@@ -79,10 +79,12 @@ class MediaSyncHandler : public BaseSyncHandler {
     bool _collect(std::vector<std::unique_ptr<MediaInfo>>& queue);
     void _decide(std::vector<std::unique_ptr<MediaInfo>>& queue);
     void _markGone();
+    // Writes the rows to write and removes the removed ones, in one transaction; 2 (rolled back)
+    // when a forced sync is pending.
     int _writeBack();
-    int _writeEntry(const MediaInfo& info, bool playlist);
 
     InfoMap mAudioMap;
     InfoMap mPlaylistMap;
-    std::vector<std::string> mRemovals;  // "table|where" of rows removed locally
+    // Rows removed locally (entries of the maps), and whether each is a playlist's.
+    std::vector<std::pair<const MediaInfo*, bool>> mRemovals;
 };

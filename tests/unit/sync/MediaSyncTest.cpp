@@ -58,6 +58,9 @@ TEST_F(MediaSyncTest, CollectorInsertsUpdatesIgnoresAndDeletesPerType) {
     media_->playlists = {{3, "Mix", 1}};
     ASSERT_EQ(handler.syncData(98), 0);
     EXPECT_EQ(audioRows(), (std::vector<std::string>{"1|1|3", "1|2|2", "1|9|1", "3|7|3", "4|5|4"}));
+    EXPECT_EQ(query("SELECT type, IFNULL(artist_name, '-'), IFNULL(album_name, '-') FROM audio "
+                    "WHERE audio_id IN (7, 5, 9) ORDER BY type"),
+              (std::vector<std::string>{"1|-|-", "3|Anne|First", "4|Ann|-"}));
     EXPECT_EQ(query("SELECT dirty, rev_id FROM audio_playlist"),
               (std::vector<std::string>{"3|1-p"}));
 

@@ -33,10 +33,21 @@ class SqliteStatement {
     SqliteStatement& bind(int index, int value);
     SqliteStatement& bind(int index, long long value);
     SqliteStatement& bind(int index, const std::string& value);
+    // The text, or NULL (nothing bound) when it is empty.
+    SqliteStatement& bindOrNull(int index, const std::string& value) {
+        return value.empty() ? *this : bind(index, value);
+    }
     // One step: SQLITE_ROW, SQLITE_DONE or an error code.
     int step();
     // Runs a statement that returns no rows; true on SQLITE_DONE.
     bool run();
+    // The same when every bind since the last reset() succeeded; resets it either way.
+    bool runBound() {
+        if (error_ == SQLITE_OK)
+            return run();
+        reset();
+        return false;
+    }
     // Back to the first step with no values bound.
     void reset();
 
