@@ -10,13 +10,13 @@
 
 #include <pelio/platform/Contacts.h>
 #include <pelio/platform/Preferences.h>
+#include <pelio/platform/SqliteStatement.h>
 
 #include "PLMConstants.h"
 #include "PelioLog.h"
 #include "SyncHandlers/HandlerInstance.h"
 #include "database/DbManager.h"
 #include "database/KeysetReader.h"
-#include "database/MultiQueryTransaction.h"
 #include "upload/PLMSyncMasterTable.h"
 #include "utils/BundleMacro.h"
 
@@ -463,67 +463,63 @@ int ContactsSyncHandler::_calcuDeltaSyncData(GHashTable* map) {
 
 int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
     LOGD("write new data - begin");
-    DbManager* dbm = db();
-    MultiQueryTransaction transaction(dbm);
     int failedWrites = 0;
-
-    GHashTableIter iter;
-    gpointer key = nullptr;
-    gpointer value = nullptr;
-    g_hash_table_iter_init(&iter, map);
-    while (g_hash_table_iter_next(&iter, &key, &value)) {
-        if (isInterrupted()) {
-            // Not committed: the transaction rolls back.
-            LOGD("forced sync pending, write rolled back");
-            LOGD("write new data - end");
-            return 2;
+    bool interrupted = false;
+    // The rows are written through statements prepared once, with bound values (the columns'
+    // types turn the texts of numbers back into numbers), in one transaction.
+    const bool committed = db()->runInTransaction([&](sqlite3* db) {
+        pp::SqliteStatement insert(
+            db, "INSERT INTO contacts (_id, contact_id, dirty, version) VALUES (?, ?, ?, ?)");
+        pp::SqliteStatement update(
+            db,
+            "UPDATE contacts SET _id = ?1, contact_id = ?2, dirty = ?3, version = ?4 "
+            "WHERE _id = ?1");
+        GHashTableIter iter;
+        gpointer key = nullptr;
+        gpointer value = nullptr;
+        g_hash_table_iter_init(&iter, map);
+        while (g_hash_table_iter_next(&iter, &key, &value)) {
+            if (isInterrupted()) {
+                interrupted = true;
+                return false;  // rolled back
+            }
+            const auto* info = static_cast<const ContactSyncInfo*>(value);
+            if (info->dirty == plm::DIRTY_SYNCED)
+                continue;
+            const std::string idText = std::to_string(info->id);
+            pp::SqliteStatement* statement = nullptr;
+            if (info->dirty == plm::DIRTY_INSERTED || info->newRow) {
+                statement = &insert;
+            } else if (info->dirty == plm::DIRTY_DELETED || info->dirty == plm::DIRTY_UPDATED) {
+                statement = &update;
+            } else {
+                LOGW("unexpected dirty value %d for '%s', left alone", info->dirty, idText.c_str());
+                continue;
+            }
+            const bool written = statement->bind(1, idText)
+                                     .bind(2, std::to_string(info->contactId))
+                                     .bind(3, std::to_string(info->dirty))
+                                     .bind(4, std::to_string(info->version))
+                                     .runBound();
+            if (!written) {
+                LOGE("error in querying '%s'", idText.c_str());
+                ++failedWrites;
+            }
         }
-        const auto* info = static_cast<const ContactSyncInfo*>(value);
-        if (info->dirty == plm::DIRTY_SYNCED)
-            continue;
-
-        const std::string idText = std::to_string(info->id);
-        Bundle request;
-        Bundle result;
-        request.addStr(bundlekeys::URI_TABLE_NAME, kContactsTable);
-        request.addStr(bundlekeys::COLUMN_COUNT, "4");
-        request.addStr("COL1", kColId);
-        request.addStr("COL2", kColContactId);
-        request.addStr("COL3", kColDirty);
-        request.addStr("COL4", kColVersion);
-        request.addStr(kColId, idText);
-        request.addStr(kColContactId, std::to_string(info->contactId));
-        request.addStr(kColDirty, std::to_string(info->dirty));
-        request.addStr(kColVersion, std::to_string(info->version));
-
-        int ret = 0;
-        if (info->dirty == plm::DIRTY_INSERTED || info->newRow) {
-            request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_INSERT);
-            ret = dbm->insertDb(&request, &result);
-        } else if (info->dirty == plm::DIRTY_DELETED || info->dirty == plm::DIRTY_UPDATED) {
-            char where[64];
-            std::snprintf(where, sizeof(where), " %s = %d", kColId, info->id);
-            request.addStr(bundlekeys::OPERATION_KEY, bundlekeys::OP_UPDATE);
-            request.addStr(bundlekeys::WHERE, where);
-            ret = dbm->updateDb(&request, &result);
-        } else {
-            LOGW("unexpected dirty value %d for '%s', left alone", info->dirty, idText.c_str());
-            continue;
-        }
-        if (ret != 0) {
-            LOGE("error in querying '%s'", idText.c_str());
-            ++failedWrites;
-        }
+        // A failed write leaves the transaction uncommitted: it rolls back.
+        return failedWrites == 0;
+    });
+    if (interrupted) {
+        LOGD("forced sync pending, write rolled back");
+        LOGD("write new data - end");
+        return 2;
     }
-
-    // A failed write leaves the transaction uncommitted: it rolls back.
-    const int committed = failedWrites == 0 ? transaction.commit() : 0;
     LOGD("write new data - end");
-    if (failedWrites != 0 || committed != 0) {
+    if (!committed) {
         // Nothing of this collection is kept: the stored version stays, so the next collection
         // reads the same changes again.
         LOGE("collection not stored: [%d] failed writes, commit result [%d]", failedWrites,
-             committed);
+             failedWrites == 0 ? -1 : 0);
         return 1;
     }
     mCollectedVersion.store(mReadVersion);
