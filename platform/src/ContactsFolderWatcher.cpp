@@ -1,5 +1,7 @@
 #include "ContactsFolderWatcher.h"
 
+#include "DeferredClose.h"
+
 #include <pelio/platform/Log.h>
 
 #include <sys/inotify.h>
@@ -49,7 +51,7 @@ ContactsFolderWatcher::~ContactsFolderWatcher() {
     if (handler_)
         ecore_main_fd_handler_del(handler_);
     if (fd_ >= 0)
-        close(fd_);
+        closeWithoutWaiting(fd_);
     ecore_shutdown();
 }
 

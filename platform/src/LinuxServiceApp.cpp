@@ -8,6 +8,7 @@
 #include <map>
 #include <vector>
 
+#include "DeferredClose.h"
 #include "EldbusHandles.h"
 #include "pelio/platform/AppPaths.h"
 #include "pelio/platform/ApplicationEndpoint.h"
@@ -236,7 +237,7 @@ class LinuxServiceApp : public ServiceApp {
         upowerSignal_.reset();
         pressureHandler_.reset();
         if (pressureFd_.fd >= 0) {
-            close(pressureFd_.fd);
+            closeWithoutWaiting(pressureFd_.fd);
             pressureFd_.fd = -1;
         }
         endpoint_.reset();

@@ -14,6 +14,7 @@
 #include <optional>
 #include <vector>
 
+#include "DeferredClose.h"
 #include "EldbusHandles.h"
 #include "pelio/platform/Log.h"
 #include "pelio/platform/Slot.h"
@@ -209,7 +210,7 @@ class LinuxSystemSettings : public SystemSettings {
     // The handler goes before the descriptor it reads.
     void stopWatch() {
         watchHandler_.reset();
-        inotifyFd_.reset();
+        closeWithoutWaiting(inotifyFd_.release());
     }
 
     static Eina_Bool onInotify(void* data, Ecore_Fd_Handler*) {
