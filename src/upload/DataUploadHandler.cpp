@@ -505,17 +505,17 @@ void DataUploadHandler::performSync(SyncData* syncData, SyncResult* syncResult) 
     }
 
     LOGD("Zipping start");
-    std::vector<ZippedItemPtr> zipped = _getZippedPartedSyncDataList(parts);
+    LOGD("sourceCnt has [%d]", static_cast<int>(parts.size()));
+    // The first part is zipped here: a body whose first part cannot be zipped goes up plain. The
+    // others are zipped while the first ones travel (a later one that cannot be zipped fails the
+    // post as a transfer error does, and the body's rows wait for the next sync).
+    UMgrGzip gzip;
+    ZippedItemPtr first = _zipPart(gzip, parts.front(), 0);
     LOGD("Zipping End");
-    if (!zipped.empty()) {
+    if (first)
         LOGD("Zipping succedded");
-        // The plain parts are only the fallback for failed zipping; several bodies are posted at
-        // once, so they go now.
-        std::vector<std::string>().swap(parts);
-    }
-
-    std::string reply = zipped.empty() ? _curlPostingUnzipped(parts) : _curlPostingZipped(zipped);
-    zipped.clear();
+    std::string reply =
+        first ? _curlPostingZipped(parts, std::move(first)) : _curlPostingUnzipped(parts);
 
     if (reply.empty()) {
         LOGE("posting failed");
@@ -624,38 +624,27 @@ std::vector<std::string> DataUploadHandler::_getPartedSyncDataList(const std::st
     return parts;
 }
 
-std::vector<DataUploadHandler::ZippedItemPtr> DataUploadHandler::_getZippedPartedSyncDataList(
-    const std::vector<std::string>& parts) {
-    LOGD("sourceCnt has [%d]", static_cast<int>(parts.size()));
-    std::vector<ZippedItemPtr> zipped;
-    if (parts.empty()) {
-        LOGE("Source list is Empty");
-        return zipped;
+DataUploadHandler::ZippedItemPtr DataUploadHandler::_zipPart(UMgrGzip& gzip,
+                                                             const std::string& part,
+                                                             size_t index) {
+    unsigned char* buffer = nullptr;
+    int size = 0;
+    const int rc = gzip.compress(part, kDeflateLevel, &buffer, &size);
+    pelio::MallocPtr<unsigned char> owned(buffer);
+    if (rc != UMgrGzip::RESULT) {
+        LOGE("Failed to zipping [%d]th item : error returns", static_cast<int>(index) + 1);
+        return nullptr;
     }
-    UMgrGzip gzip;
-    for (size_t i = 0; i < parts.size(); ++i) {
-        unsigned char* buffer = nullptr;
-        int size = 0;
-        int rc = gzip.compress(parts[i], kDeflateLevel, &buffer, &size);
-        pelio::MallocPtr<unsigned char> owned(buffer);
-        if (rc != UMgrGzip::RESULT) {
-            LOGE("Failed to zipping [%d]th item : error returns", static_cast<int>(i) + 1);
-            zipped.clear();
-            return zipped;
-        }
-        if (buffer == nullptr) {
-            LOGE("Failed to zipping [%d]th item : zipped is NULL", static_cast<int>(i) + 1);
-            zipped.clear();
-            return zipped;
-        }
-        auto item = std::make_unique<ZippedItem>(ZippedItem{std::move(owned), size});
-        LOGD("[%d]th size is [%d]", static_cast<int>(i), size);
-        zipped.push_back(std::move(item));
+    if (buffer == nullptr) {
+        LOGE("Failed to zipping [%d]th item : zipped is NULL", static_cast<int>(index) + 1);
+        return nullptr;
     }
-    return zipped;
+    LOGD("[%d]th size is [%d]", static_cast<int>(index), size);
+    return std::make_unique<ZippedItem>(ZippedItem{std::move(owned), size});
 }
 
-std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPtr>& zippedParts) {
+std::string DataUploadHandler::_curlPostingZipped(std::vector<std::string>& parts,
+                                                  ZippedItemPtr first) {
     std::string result;
     curl_slist* rawHeader = nullptr;
     _setCurlHttpPostingHeader(&rawHeader, true);
@@ -669,13 +658,14 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
         LOGE("Upload failed!");
         return result;
     }
-    if (zippedParts.empty()) {
+    if (parts.empty() || !first) {
         LOGE("Upload failed!");
         return result;
     }
     // Parts go up over a few connections at once: while one waits for the server's answer the
-    // next ones travel. Each connection's handle is reused for the parts it takes; the answers are
-    // joined in the parts' order whatever order they come in.
+    // next ones travel, and the parts after them are zipped. Each connection's handle is reused
+    // for the parts it takes; the answers are joined in the parts' order whatever order they
+    // come in.
     struct Lane {
         CURL* curl = nullptr;
         size_t part = 0;
@@ -684,7 +674,7 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
     };
     std::vector<pelio::CurlEasy> handles;
     handles.push_back(std::move(curl));
-    while (handles.size() < std::min(kPartsInFlight, zippedParts.size())) {
+    while (handles.size() < std::min(kPartsInFlight, parts.size())) {
         pelio::CurlEasy more(curl_easy_init());
         if (!more || !_setCurlEnvironment(more.get(), header.get()))
             break;  // fewer connections, same parts
@@ -697,12 +687,30 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
         return result;
     }
     std::vector<Lane> lanes(handles.size());
-    std::vector<std::optional<std::string>> texts(zippedParts.size());
+    std::vector<ZippedItemPtr> zipped(parts.size());
+    zipped[0] = std::move(first);
+    std::string().swap(parts[0]);
+    size_t zippedCount = 1;  // parts [0, zippedCount) are zipped and their plain text released
+    std::vector<std::optional<std::string>> texts(parts.size());
     size_t next = 0;
     size_t busy = 0;
     bool failed = false;
+    UMgrGzip gzip;
+    auto zipNext = [&] {
+        zipped[zippedCount] = _zipPart(gzip, parts[zippedCount], zippedCount);
+        if (!zipped[zippedCount]) {
+            LOGE("Upload failed!");
+            failed = true;
+            return;
+        }
+        std::string().swap(parts[zippedCount++]);
+    };
     auto start = [&](Lane& lane) {
-        const ZippedItemPtr& part = zippedParts[next];
+        if (next == zippedCount)
+            zipNext();
+        if (failed)
+            return;
+        const ZippedItemPtr& part = zipped[next];
         lane.part = next++;
         lane.reply = ZippedReply();
         curl_easy_setopt(lane.curl, CURLOPT_WRITEFUNCTION,
@@ -714,7 +722,7 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
         busy += lane.busy ? 1 : 0;
         failed = failed || !lane.busy;
     };
-    for (size_t i = 0; i < lanes.size(); ++i) {
+    for (size_t i = 0; i < lanes.size() && !failed; ++i) {
         lanes[i].curl = handles[i].get();
         start(lanes[i]);
     }
@@ -739,14 +747,19 @@ std::string DataUploadHandler::_curlPostingZipped(const std::vector<ZippedItemPt
             --busy;
             if (failed)
                 continue;
-            std::optional<std::string> text =
-                _partReplyText(lane->curl, rc, static_cast<int>(zippedParts[lane->part]->size),
-                               lane->reply, failed);
-            texts[lane->part] = std::move(text);
-            if (!failed && next < zippedParts.size())
+            const int postSize = zipped[lane->part]->size;
+            zipped[lane->part].reset();  // answered: its bytes are not needed again
+            texts[lane->part] = _partReplyText(lane->curl, rc, postSize, lane->reply, failed);
+            if (!failed && next < parts.size())
                 start(*lane);
         }
-        if (busy > 0 && !failed)
+        if (busy == 0 || failed)
+            break;
+        // Between transfers' progress, the next part is zipped; once all are, the loop sleeps
+        // until a transfer has something to do.
+        if (zippedCount < parts.size())
+            zipNext();
+        else
             curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr);
     }
     for (Lane& lane : lanes) {

@@ -47,6 +47,7 @@
 #include "upload/SyncResult.h"
 
 class IntentMgr;
+class UMgrGzip;
 class NetworkMgr;
 
 class DataUploadHandler : public OrvaneCallbacks {
@@ -105,8 +106,12 @@ class DataUploadHandler : public OrvaneCallbacks {
     // Posting (bulk documents).
     bool _checkPreConditionToPerformSync(SyncData* syncData, SyncResult* syncResult);
     std::vector<std::string> _getPartedSyncDataList(const std::string& jsonMessage, int unitCount);
-    std::vector<ZippedItemPtr> _getZippedPartedSyncDataList(const std::vector<std::string>& parts);
-    std::string _curlPostingZipped(const std::vector<ZippedItemPtr>& zippedParts);
+    // Zips part `index` (logging as the zipping of a body does); null when zipping failed.
+    static ZippedItemPtr _zipPart(UMgrGzip& gzip, const std::string& part, size_t index);
+    // Posts the parts zipped, the first one already zipped by the caller. The others are zipped
+    // while the first ones travel, and each plain part is released once zipped. A part that cannot
+    // be zipped then fails the post as a transfer error does.
+    std::string _curlPostingZipped(std::vector<std::string>& parts, ZippedItemPtr first);
     std::string _curlPostingUnzipped(const std::vector<std::string>& parts);
     // One zipped part's transfer is over: its reply as text, or nothing to join (an empty or
     // missing reply). A transfer error or an unreadable reply sets `failed`.
