@@ -5,15 +5,20 @@
 
 #include <pelio/platform/Log.h>
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <system_error>
@@ -237,28 +242,62 @@ int MediaIndex::rescan(const std::string& root, int& changed, bool& linked) {
 }
 
 std::error_code MediaIndex::listFiles(const std::string& root, StampMap& files, bool& linked) {
-    namespace fs = std::filesystem;
-    std::error_code ec;
-    for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied,
-                                             ec);
-         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        // One lstat per entry; a link is followed (its file is indexed) and noted.
-        struct stat st {};
-        const char* path = it->path().c_str();
-        if (lstat(path, &st) != 0)
+    // Folder by folder: each entry is looked at relative to its open folder (fstatat), which
+    // spares the kernel a walk of the whole path per file. Folders the service may not read are
+    // skipped; any other failure cuts the walk short. A link is followed (its file is indexed)
+    // and noted; a linked folder is not entered.
+    std::string top = std::filesystem::path(root).lexically_normal().string();
+    while (top.size() > 1 && top.back() == '/')
+        top.pop_back();
+    std::vector<std::string> folders{top};
+    while (!folders.empty()) {
+        const std::string folder = std::move(folders.back());
+        folders.pop_back();
+        const bool isRoot = folder == top;
+        const int fd =
+            open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW));
+        if (fd < 0 && errno == EACCES && !isRoot)
             continue;
-        if (S_ISLNK(st.st_mode)) {
-            linked = true;
-            if (stat(path, &st) != 0)
-                continue;
+        if (fd < 0)
+            return {errno, std::generic_category()};
+        const std::unique_ptr<DIR, int (*)(DIR*)> dir(fdopendir(fd), closedir);
+        if (!dir) {
+            const int error = errno;
+            close(fd);
+            return {error, std::generic_category()};
         }
-        if (!S_ISREG(st.st_mode))
-            continue;
-        files[it->path().lexically_normal().string()] = {
-            0, static_cast<long long>(st.st_size),
-            static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
+        const std::string prefix = folder == "/" ? "" : folder;
+        for (;;) {
+            errno = 0;
+            const struct dirent* entry = readdir(dir.get());
+            if (entry == nullptr && errno != 0)
+                return {errno, std::generic_category()};
+            if (entry == nullptr)
+                break;
+            const char* name = entry->d_name;
+            if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
+                continue;
+            std::string path = prefix + "/" + name;
+            struct stat st {};
+            if (fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+                continue;
+            if (S_ISDIR(st.st_mode)) {
+                folders.push_back(std::move(path));
+                continue;
+            }
+            if (S_ISLNK(st.st_mode)) {
+                linked = true;
+                if (fstatat(fd, name, &st, 0) != 0)
+                    continue;
+            }
+            if (S_ISREG(st.st_mode)) {
+                files[std::move(path)] = {
+                    0, static_cast<long long>(st.st_size),
+                    static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec};
+            }
+        }
     }
-    return ec;
+    return {};
 }
 
 MediaIndex::StampMap MediaIndex::loadStamps(const char* sql) {
