@@ -98,8 +98,7 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
     // The documents are written as text: a JSON-GLib tree of each one would cost several times
     // more to build, serialise and free.
     JsonTextWriter body;
-    body.beginObject();
-    body.beginArray(plm::DOC_DOCS);
+    _openBodyText(body);
     int inserted = 0, deleted = 0, updated = 0;
     for (const AppRow& row : rows) {
         const std::string id = kIdPrefix + row.package;
@@ -108,25 +107,13 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
         sent.key = {{"_id", row.package}};
         sent.state = {{"dirty", std::to_string(row.dirty)}};
         if (row.dirty == plm::DIRTY_DELETED) {
-            // As makeDeletedDocument() makes it.
-            body.beginObject();
-            body.add(plm::DOC_ID, id);
-            body.add(plm::DOC_REV, row.revision);
-            body.add(plm::DOC_DELETED, true);
-            body.endObject();
+            _writeDeletedText(body, id, row.revision);
             (*result->sentRows)[id] = std::move(sent);
             ++deleted;
             continue;
         }
         const bool preinstalled = std::strtol(row.preInstalledText.c_str(), nullptr, 10) == 1;
-        body.beginObject();
-        body.add(plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
-        body.add(plm::DOC_ID, id);
-        body.add(plm::DOC_TYPE, "application");
-        body.add(plm::DOC_NUMBER, static_cast<long long>(++gAppDocNumber));
-        body.addDouble(plm::DOC_TIMESTAMP, getCurrentTimeMillis());
-        body.add(plm::DOC_TIMESTAMP_GMT, getTimestampString());
-        body.add(plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
+        _beginDocumentText(body, id, "application", ++gAppDocNumber);
         body.beginObject(plm::DOC_META_DATA);
         body.add("name", row.name);
         body.add("preinstalled", preinstalled);
@@ -146,15 +133,13 @@ std::unique_ptr<SyncData> AppJsonComposer::makeUploadJSON() {
         sent.state.emplace_back("pre_installed", row.preInstalledText);
         (*result->sentRows)[id] = std::move(sent);
     }
-    body.endArray();
-    body.endObject();
 
     if (inserted > 0 || deleted > 0 || updated != 0) {
         result->itemType = plm::SYNC_ITEM_APPLICATION;
         result->insertedCount = inserted;
         result->deletedCount = deleted;
         result->updatedCount = updated;
-        _emitBodyText(body.take(), *result);
+        _emitBodyText(_closeBodyText(body), *result);
     } else {
         result->sentRows->clear();
     }

@@ -301,41 +301,16 @@ void ContactsJsonComposer::_writeContactObject(const ContactComposeRecord& recor
 void ContactsJsonComposer::_writeLiveDocument(const ContactComposeRecord& record,
                                               const std::string& documentId,
                                               const std::string* revision) {
-    JsonTextWriter& w = mBody;
-    w.beginObject();
-    w.add(plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
-    w.add(plm::DOC_ID, documentId);
-    w.add(plm::DOC_TYPE, "contact");
-    w.add(plm::DOC_NUMBER, static_cast<long long>(++gContactDocNumber));
-    w.addDouble(plm::DOC_TIMESTAMP, getCurrentTimeMillis());
-    w.add(plm::DOC_TIMESTAMP_GMT, getTimestampString());
-    w.add(plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
+    _beginDocumentText(mBody, documentId, "contact", ++gContactDocNumber);
     _writeContactObject(record);
     if (revision != nullptr)
-        w.add(plm::DOC_REV, revision->c_str());
-    w.endObject();
-}
-
-void ContactsJsonComposer::_writeDeletedDocument(const std::string& documentId,
-                                                 const std::string& revision) {
-    // As makeDeletedDocument() makes it.
-    mBody.beginObject();
-    mBody.add(plm::DOC_ID, documentId);
-    mBody.add(plm::DOC_REV, revision.c_str());
-    mBody.add(plm::DOC_DELETED, true);
+        mBody.add(plm::DOC_REV, revision->c_str());
     mBody.endObject();
-}
-
-void ContactsJsonComposer::_beginBody() {
-    mBody.beginObject();
-    mBody.beginArray(plm::DOC_DOCS);
 }
 
 bool ContactsJsonComposer::_flushBatch() {
-    mBody.endArray();
-    mBody.endObject();
-    std::string text = mBody.take();
-    _beginBody();
+    std::string text = _closeBodyText(mBody);
+    _openBodyText(mBody);
     mItemCounter = 0;
     const bool go = _emitBodyText(std::move(text), *mResult);
     LOGD("after setting mJsonArr");
@@ -353,7 +328,7 @@ bool ContactsJsonComposer::_documentWritten() {
 std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
     mItemCounter = 0;
     mBody.take();
-    _beginBody();
+    _openBodyText(mBody);
     mResult = std::make_unique<SyncData>();
     mRows.clear();
 
@@ -450,7 +425,7 @@ ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
             sentRow.state.emplace_back("version", record.version);
         ++mItemCounter;
         if (record.dirty == plm::DIRTY_DELETED) {
-            _writeDeletedDocument(documentId, record.revision);
+            _writeDeletedText(mBody, documentId, record.revision);
             ++counts.deleted;
         } else if (record.dirty == plm::DIRTY_UPDATED && !record.revision.empty()) {
             _writeLiveDocument(record, documentId, &record.revision);

@@ -112,8 +112,6 @@ class ContactsJsonComposer : public JSONComposer {
     void _writeLiveDocument(const ContactComposeRecord& record, const std::string& documentId,
                             const std::string* revision);
     void _writeContactObject(const ContactComposeRecord& record);
-    void _writeDeletedDocument(const std::string& documentId, const std::string& revision);
-    void _beginBody();
     // Both false when the sink stopped the upload.
     bool _documentWritten();
     bool _flushBatch();

@@ -81,6 +81,38 @@ bool JSONComposer::_emitBodyText(std::string text, SyncData& record) {
     return false;
 }
 
+void JSONComposer::_openBodyText(JsonTextWriter& body) {
+    body.beginObject();
+    body.beginArray(plm::DOC_DOCS);
+}
+
+std::string JSONComposer::_closeBodyText(JsonTextWriter& body) {
+    body.endArray();
+    body.endObject();
+    return body.take();
+}
+
+void JSONComposer::_beginDocumentText(JsonTextWriter& body, const std::string& id, const char* type,
+                                      int docNumber) {
+    body.beginObject();
+    body.add(plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
+    body.add(plm::DOC_ID, id);
+    body.add(plm::DOC_TYPE, type);
+    body.add(plm::DOC_NUMBER, static_cast<long long>(docNumber));
+    body.addDouble(plm::DOC_TIMESTAMP, getCurrentTimeMillis());
+    body.add(plm::DOC_TIMESTAMP_GMT, getTimestampString());
+    body.add(plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
+}
+
+void JSONComposer::_writeDeletedText(JsonTextWriter& body, const std::string& id,
+                                     const std::string& rev) {
+    body.beginObject();
+    body.add(plm::DOC_ID, id.c_str());
+    body.add(plm::DOC_REV, rev.c_str());
+    body.add(plm::DOC_DELETED, true);
+    body.endObject();
+}
+
 JsonObjectPtr JSONComposer::makeDeletedDocument(const std::string& id, const std::string& rev) {
     JsonObjectPtr doc(json_object_new());
     json_object_set_string_member(doc.get(), plm::DOC_ID, id.c_str());

@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 
+#include "composer/JsonTextWriter.h"
 #include "upload/SyncData.h"
 
 // JSON-GLib references owned by std::unique_ptr.
@@ -58,6 +59,19 @@ class JSONComposer {
     bool _emitBody(JsonArrayPtr docs, SyncData& record);
     // The same for a body already written as text ({"docs": [...]}, compact).
     bool _emitBodyText(std::string text, SyncData& record);
+
+    // Bodies written as text (JsonTextWriter): `{"docs":[` opens one, `]}` closes it and hands
+    // back its text.
+    static void _openBodyText(JsonTextWriter& body);
+    static std::string _closeBodyText(JsonTextWriter& body);
+    // Opens a live document and writes the members every one starts with: "version", "_id",
+    // "type", "doc_number", the two timestamps and "device". The caller writes the rest and
+    // closes it.
+    static void _beginDocumentText(JsonTextWriter& body, const std::string& id, const char* type,
+                                   int docNumber);
+    // The deletion document, as makeDeletedDocument() makes it.
+    static void _writeDeletedText(JsonTextWriter& body, const std::string& id,
+                                  const std::string& rev);
     // Whether a sink takes the bodies (composers may then cut a body they would keep whole).
     bool _streaming() const { return static_cast<bool>(mSink); }
 

@@ -150,30 +150,16 @@ void MediaJsonComposer::_append(const MediaComposeRecord& record, const char* pr
     }
     (*mSentRows)[docId] = std::move(sent);
 
-    if (mBodyDocs == 0) {
-        mBody.beginObject();
-        mBody.beginArray(plm::DOC_DOCS);
-    }
-    ++mBodyDocs;
+    if (mBodyDocs++ == 0)
+        _openBodyText(mBody);
     JsonTextWriter& w = mBody;
-    w.beginObject();
     if (record.dirty == plm::DIRTY_DELETED) {
-        // As makeDeletedDocument() makes it.
-        setString(w, plm::DOC_ID, docId);
-        setString(w, plm::DOC_REV, record.revision);
-        w.add(plm::DOC_DELETED, true);
-        w.endObject();
+        _writeDeletedText(w, docId, record.revision);
         ++mDeleted;
         _emitFullBody();
         return;
     }
-    w.add(plm::DOC_VERSION, plm::DOC_VERSION_VALUE);
-    setString(w, plm::DOC_ID, docId);
-    w.add(plm::DOC_TYPE, type);
-    w.add(plm::DOC_NUMBER, static_cast<long long>(++gMediaDocNumber));
-    w.addDouble(plm::DOC_TIMESTAMP, getCurrentTimeMillis());
-    setString(w, plm::DOC_TIMESTAMP_GMT, getTimestampString());
-    w.add(plm::DOC_DEVICE, plm::DOC_DEVICE_VALUE);
+    _beginDocumentText(w, docId, type, ++gMediaDocNumber);
     w.beginObject(plm::DOC_META_DATA);
     meta(w, record);
     w.endObject();
@@ -188,10 +174,8 @@ void MediaJsonComposer::_append(const MediaComposeRecord& record, const char* pr
 }
 
 std::string MediaJsonComposer::_takeBody() {
-    mBody.endArray();
-    mBody.endObject();
     mBodyDocs = 0;
-    return mBody.take();
+    return _closeBodyText(mBody);
 }
 
 void MediaJsonComposer::_emitFullBody() {
