@@ -311,22 +311,14 @@ int AppSyncHandler::_writeNewSyncData(GHashTable* map) {
     bool interrupted = false;
     const bool written = db()->runInTransaction([&](sqlite3* db) {
         ShadowStatements statements(db);
-        GHashTableIter iter;
-        gpointer key = nullptr;
-        gpointer value = nullptr;
-        g_hash_table_iter_init(&iter, map);
-        while (g_hash_table_iter_next(&iter, &key, &value)) {
-            if (isInterrupted()) {
-                interrupted = true;
-                return false;  // rolled back
-            }
+        interrupted = !visitUnlessInterrupted(map, [&](gpointer value) {
             const auto& info = *static_cast<const AppSyncInfo*>(value);
             // Every write below but a local removal leaves a document to send.
             mPending = mPending || info.present || !info.revId.empty();
             if (!statements.write(info))
                 LOGE("query failed");
-        }
-        return true;
+        });
+        return !interrupted;  // rolled back when interrupted
     });
     if (interrupted) {
         LOGD("forced sync pending, write rolled back");  // not committed

@@ -118,6 +118,19 @@ bool BaseSyncHandler::isInterrupted() {
     return mStopRequested.load() || isForcedPending();
 }
 
+bool BaseSyncHandler::visitUnlessInterrupted(GHashTable* map,
+                                             const std::function<void(gpointer)>& visit) {
+    GHashTableIter iter;
+    gpointer value = nullptr;
+    g_hash_table_iter_init(&iter, map);
+    while (g_hash_table_iter_next(&iter, nullptr, &value)) {
+        if (isInterrupted())
+            return false;
+        visit(value);
+    }
+    return true;
+}
+
 int BaseSyncHandler::queueLength() {
     std::lock_guard<std::mutex> guard(mQueueLock);
     return g_async_queue_length(mQueue.get());

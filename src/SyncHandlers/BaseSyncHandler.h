@@ -27,6 +27,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -94,6 +95,9 @@ class BaseSyncHandler {
     // What collectors poll between rows of long loops: a forced request is waiting, or the worker
     // is asked to stop. Either way they roll back and return 2.
     virtual bool isInterrupted();
+    // Calls visit(value) for every value of map, asking isInterrupted() before each; false (and
+    // no more visits) once it says so.
+    bool visitUnlessInterrupted(GHashTable* map, const std::function<void(gpointer)>& visit);
 
     // The database manager, looked up on every use (so a test that resets the store singleton
     // never leaves a handler with a stale pointer).

@@ -474,18 +474,10 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
             db,
             "UPDATE contacts SET _id = ?1, contact_id = ?2, dirty = ?3, version = ?4 "
             "WHERE _id = ?1");
-        GHashTableIter iter;
-        gpointer key = nullptr;
-        gpointer value = nullptr;
-        g_hash_table_iter_init(&iter, map);
-        while (g_hash_table_iter_next(&iter, &key, &value)) {
-            if (isInterrupted()) {
-                interrupted = true;
-                return false;  // rolled back
-            }
+        interrupted = !visitUnlessInterrupted(map, [&](gpointer value) {
             const auto* info = static_cast<const ContactSyncInfo*>(value);
             if (info->dirty == plm::DIRTY_SYNCED)
-                continue;
+                return;
             const std::string idText = std::to_string(info->id);
             pp::SqliteStatement* statement = nullptr;
             if (info->dirty == plm::DIRTY_INSERTED || info->newRow) {
@@ -494,7 +486,7 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
                 statement = &update;
             } else {
                 LOGW("unexpected dirty value %d for '%s', left alone", info->dirty, idText.c_str());
-                continue;
+                return;
             }
             const bool written = statement->bind(1, idText)
                                      .bind(2, std::to_string(info->contactId))
@@ -505,9 +497,9 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
                 LOGE("error in querying '%s'", idText.c_str());
                 ++failedWrites;
             }
-        }
-        // A failed write leaves the transaction uncommitted: it rolls back.
-        return failedWrites == 0;
+        });
+        // Interrupted, or a failed write: the transaction is not committed, it rolls back.
+        return !interrupted && failedWrites == 0;
     });
     if (interrupted) {
         LOGD("forced sync pending, write rolled back");

@@ -405,18 +405,14 @@ int MediaSyncHandler::_writeBack() {
                 LOGE("query failed ");
         }
         for (GHashTable* map : {mAudioMap.get(), mPlaylistMap.get()}) {
-            GHashTableIter iter;
-            gpointer value = nullptr;
-            g_hash_table_iter_init(&iter, map);
-            while (g_hash_table_iter_next(&iter, nullptr, &value)) {
-                if (isInterrupted()) {
-                    interrupted = true;
-                    return false;  // rolled back
-                }
+            const bool playlist = map == mPlaylistMap.get();
+            interrupted = !visitUnlessInterrupted(map, [&](gpointer value) {
                 const auto* info = static_cast<const MediaInfo*>(value);
-                if (info->write && !statements.write(*info, map == mPlaylistMap.get()))
+                if (info->write && !statements.write(*info, playlist))
                     LOGE("query failed ");
-            }
+            });
+            if (interrupted)
+                return false;  // rolled back
         }
         return true;
     });
