@@ -46,9 +46,8 @@ std::unique_ptr<TagLib::FileStream> openReadOnly(const std::string& path) {
     return std::make_unique<TagLib::FileStream>(fd, true);
 }
 
-}  // namespace
-
-std::string AudioTagReader::sniffMimeType(const unsigned char* head, size_t got) {
+// The audio format a file's first bytes (up to 12) name, or "" when they name none.
+std::string sniffMimeType(const unsigned char* head, size_t got) {
     if (got >= 3 && std::memcmp(head, "ID3", 3) == 0)
         return "audio/mpeg";
     if (got >= 2 && head[0] == 0xFF && (head[1] & 0xE0) == 0xE0)
@@ -61,6 +60,8 @@ std::string AudioTagReader::sniffMimeType(const unsigned char* head, size_t got)
         return "audio/mp4";
     return {};
 }
+
+}  // namespace
 
 bool AudioTagReader::read(const std::string& path, AudioTags& tags, std::string& why) {
     tags = {};

@@ -10,7 +10,6 @@
 // returns false (not audio, unreadable or damaged beyond its tags) and fills why; it never throws.
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 namespace pelio::platform {
@@ -22,8 +21,6 @@ struct AudioTags {
 
 class AudioTagReader {
   public:
-    // The audio format a file's first bytes (up to 12) name, or "" when they name none.
-    static std::string sniffMimeType(const unsigned char* head, size_t size);
     static bool read(const std::string& path, AudioTags& tags, std::string& why);
 };
 
