@@ -59,16 +59,6 @@ std::unique_ptr<SyncData> JSONComposer::makeSyncData(int item, BodySink sink) {
     return result;
 }
 
-bool JSONComposer::_emitBody(JsonArrayPtr docs, SyncData& record) {
-    std::string text;
-    {
-        JsonObjectPtr body(json_object_new());
-        json_object_set_array_member(body.get(), plm::DOC_DOCS, docs.release());
-        text = jsonToString(body.get());
-    }
-    return _emitBodyText(std::move(text), record);
-}
-
 bool JSONComposer::_emitBodyText(std::string text, SyncData& record) {
     if (!mSink) {
         record.documents.push_back(std::move(text));

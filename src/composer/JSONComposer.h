@@ -53,11 +53,8 @@ class JSONComposer {
     void setBodySink(BodySink sink) { mSink = std::move(sink); }
 
   protected:
-    // Wraps docs as {"docs": docs}, serialises it and hands it on (sink, or record.documents);
-    // the tree is released before the text leaves. False when the sink asked to stop (the record
-    // is then marked incomplete).
-    bool _emitBody(JsonArrayPtr docs, SyncData& record);
-    // The same for a body already written as text ({"docs": [...]}, compact).
+    // Hands a body written as text ({"docs": [...]}, compact) on: to the sink, or to
+    // record.documents. False when the sink asked to stop (the record is then marked incomplete).
     bool _emitBodyText(std::string text, SyncData& record);
 
     // Bodies written as text (JsonTextWriter): `{"docs":[` opens one, `]}` closes it and hands
