@@ -33,10 +33,46 @@ constexpr int kUnitCountStandAlone = 100;
 constexpr int kDeflateLevel = 6;
 // A reply larger than this is refused (the transfer is aborted and the part counts as failed).
 constexpr size_t kMaxReplyBytes = 64u << 20;
-// Parts of one body on the wire at once, each over its own connection. The sync manager posts two
-// bodies at once, so a sync holds at most six connections to the server (servers bound the
-// connections of one client; pds-server's default bound is eight).
-constexpr size_t kPartsInFlight = 3;
+// Connections of the bulk post, shared by the bodies on the wire at once (the sync manager posts
+// two): a body takes the ones free when it starts and those freed while it runs, up to all of
+// them, and always has one. So a lone body has six parts on the wire, and a sync holds at most
+// seven connections to the server (servers bound the connections of one client; pds-server's
+// default bound is eight).
+constexpr int kPostConnections = 6;
+
+// The connections one body's post holds of the handler's shared count, given back when it ends.
+class ConnectionShare {
+  public:
+    explicit ConnectionShare(std::atomic<int>& inUse) : mInUse(inUse) {}
+    ~ConnectionShare() { mInUse.fetch_sub(mHeld); }
+    ConnectionShare(const ConnectionShare&) = delete;
+    ConnectionShare& operator=(const ConnectionShare&) = delete;
+
+    // One connection however many are in use: a body always has one.
+    void takeOne() {
+        mInUse.fetch_add(1);
+        ++mHeld;
+    }
+    // One connection if fewer than kPostConnections are in use.
+    bool tryTakeOne() {
+        int now = mInUse.load();
+        while (now < kPostConnections) {
+            if (mInUse.compare_exchange_weak(now, now + 1)) {
+                ++mHeld;
+                return true;
+            }
+        }
+        return false;
+    }
+    void giveBackOne() {
+        mInUse.fetch_sub(1);
+        --mHeld;
+    }
+
+  private:
+    std::atomic<int>& mInUse;
+    int mHeld = 0;
+};
 
 // Transfer limits of the bulk post: no overall time-out (large bodies on slow links must finish),
 // but a connect time-out and a stall limit. Tests shorten them.
@@ -665,28 +701,26 @@ std::string DataUploadHandler::_curlPostingZipped(std::vector<std::string>& part
     // Parts go up over a few connections at once: while one waits for the server's answer the
     // next ones travel, and the parts after them are zipped. Each connection's handle is reused
     // for the parts it takes; the answers are joined in the parts' order whatever order they
-    // come in.
+    // come in. The connections are taken from the handler's shared count and given back when the
+    // body is done, once they are closed.
     struct Lane {
         CURL* curl = nullptr;
         size_t part = 0;
         bool busy = false;
         ZippedReply reply;
     };
+    ConnectionShare share(mPostConnections);
+    share.takeOne();
     std::vector<pelio::CurlEasy> handles;
     handles.push_back(std::move(curl));
-    while (handles.size() < std::min(kPartsInFlight, parts.size())) {
-        pelio::CurlEasy more(curl_easy_init());
-        if (!more || !_setCurlEnvironment(more.get(), header.get()))
-            break;  // fewer connections, same parts
-        handles.push_back(std::move(more));
-    }
     pelio::CurlMulti multi(curl_multi_init());
     if (!multi) {
         LOGE("Failed to curl_easy_init");
         LOGE("Upload failed!");
         return result;
     }
-    std::vector<Lane> lanes(handles.size());
+    std::vector<Lane> lanes;
+    lanes.reserve(static_cast<size_t>(kPostConnections));
     std::vector<ZippedItemPtr> zipped(parts.size());
     zipped[0] = std::move(first);
     std::string().swap(parts[0]);
@@ -722,10 +756,26 @@ std::string DataUploadHandler::_curlPostingZipped(std::vector<std::string>& part
         busy += lane.busy ? 1 : 0;
         failed = failed || !lane.busy;
     };
-    for (size_t i = 0; i < lanes.size() && !failed; ++i) {
-        lanes[i].curl = handles[i].get();
-        start(lanes[i]);
-    }
+    // Adds lanes while parts wait to be started and connections are free (the first lane is
+    // always there).
+    auto grow = [&] {
+        while (!failed && next < parts.size() &&
+               (lanes.empty() ||
+                (lanes.size() < static_cast<size_t>(kPostConnections) && share.tryTakeOne()))) {
+            if (!lanes.empty()) {
+                pelio::CurlEasy more(curl_easy_init());
+                if (!more || !_setCurlEnvironment(more.get(), header.get())) {
+                    share.giveBackOne();
+                    return;  // fewer connections, same parts
+                }
+                handles.push_back(std::move(more));
+            }
+            lanes.emplace_back();
+            lanes.back().curl = handles[lanes.size() - 1].get();
+            start(lanes.back());
+        }
+    };
+    grow();
     while (busy > 0 && !failed) {
         int running = 0;
         if (curl_multi_perform(multi.get(), &running) != CURLM_OK) {
@@ -755,6 +805,7 @@ std::string DataUploadHandler::_curlPostingZipped(std::vector<std::string>& part
         }
         if (busy == 0 || failed)
             break;
+        grow();
         // Between transfers' progress, the next part is zipped; once all are, the loop sleeps
         // until a transfer has something to do.
         if (zippedCount < parts.size())

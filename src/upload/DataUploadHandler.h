@@ -160,6 +160,8 @@ class DataUploadHandler : public OrvaneCallbacks {
     std::function<void()> mClearQueue;
 
     std::atomic<bool> mCancelled{false};
+    // Connections of the bulk posts running now (bodies are posted from more than one thread).
+    std::atomic<int> mPostConnections{0};
     bool mPdsOpened = false;
     bool mPdsClosed = true;
     std::string mCookie;

@@ -45,6 +45,15 @@ class BulkPostingThreadedTest : public ::testing::Test {
                      req.get_header_value("charset")});
                 index = static_cast<int>(received.size());
             }
+            {
+                // Parts on the wire at once, as the server sees them.
+                const int now = ++inFlight;
+                for (int most = mostInFlight;
+                     now > most && !mostInFlight.compare_exchange_weak(most, now);) {
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(holdMs));
+                --inFlight;
+            }
             if (index == failOnRequest) {
                 // Promise more than is sent, then close: a transfer error.
                 res.set_header("Content-Length", "1000");
@@ -91,6 +100,9 @@ class BulkPostingThreadedTest : public ::testing::Test {
     std::vector<Received> received;
     std::atomic<int> failOnRequest{0};
     std::atomic<int> status{200};
+    std::atomic<int> holdMs{0};  // each request is answered after this long
+    std::atomic<int> inFlight{0};
+    std::atomic<int> mostInFlight{0};
     std::string fixedReply;
     bool rawReply = false;
     uploadtest::RunningServer<httplib::Server> server;
@@ -177,6 +189,23 @@ TEST_F(BulkPostingThreadedTest, PostsGzipPartsAndJoinsTheCleanedReplies) {
     for (int i = 0; i < 250; ++i)
         joined += (i ? ",{\"id\":\"d" : "{\"id\":\"d") + std::to_string(i) + "\"}";
     EXPECT_EQ(result.jsonResponse, "[" + joined + "]");
+}
+
+// Two bodies posted at once share the connections: never more than seven on the wire, every part
+// answered. A lone body then has more than the three it had when each body had its own.
+TEST_F(BulkPostingThreadedTest, BodiesPostedAtOnceShareTheConnections) {
+    holdMs = 100;
+    std::thread other([this] { EXPECT_EQ(post(1000).status, SyncResult::STATUS_SUCCESS); });
+    EXPECT_EQ(post(1000).status, SyncResult::STATUS_SUCCESS);
+    other.join();
+    EXPECT_EQ(requests().size(), 20u);
+    EXPECT_LE(mostInFlight.exchange(0), 7);
+
+    EXPECT_EQ(post(1000).status, SyncResult::STATUS_SUCCESS);
+    EXPECT_EQ(requests().size(), 30u);
+    const int lone = mostInFlight.load();
+    EXPECT_GT(lone, 3);
+    EXPECT_LE(lone, 6);
 }
 
 // Status codes are only logged; a reply is cleaned even inside its values; a plain reply is read
