@@ -106,6 +106,10 @@ class LinuxServiceApp : public ServiceApp {
             return;
         }
         exitRequested_ = true;
+        // The service is ending: a low-memory event would change nothing. Giving the pressure
+        // trigger back takes the kernel a grace period (5-15 ms), which now passes while the
+        // service shuts down instead of after it.
+        stopPressureWatch();
         // Requests that arrive from now on start a new instance through D-Bus activation.
         if (endpoint_)
             endpoint_->releaseName();
@@ -231,15 +235,19 @@ class LinuxServiceApp : public ServiceApp {
         }
     }
 
-    void stopSources() {
-        lowMemorySignal_.reset();
-        lowBatterySignal_.reset();
-        upowerSignal_.reset();
+    void stopPressureWatch() {
         pressureHandler_.reset();
         if (pressureFd_.fd >= 0) {
             closeWithoutWaiting(pressureFd_.fd);
             pressureFd_.fd = -1;
         }
+    }
+
+    void stopSources() {
+        lowMemorySignal_.reset();
+        lowBatterySignal_.reset();
+        upowerSignal_.reset();
+        stopPressureWatch();
         endpoint_.reset();
         systemBus_.reset();
     }
