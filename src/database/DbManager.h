@@ -28,7 +28,8 @@
 //
 // Connection: opened on first use and kept for the life of the manager, in write-ahead-log mode
 // with synchronous=NORMAL and a busy time-out (kBusyTimeoutMs), so other readers (pelioctl) never
-// block it; closeDb() closes it only when a transaction was left open.
+// block it; closeDb() closes it only when a transaction was left open. Closing it leaves the log
+// unfolded (no checkpoint, no sync to disk at the service's end).
 //
 // Threads: any thread. db_lock (plain mutex, not recursive) is held by every plmsvc_db_process
 // call and, in multi-query mode, from beginMultiQuery to endMultiQuery: do not call
