@@ -194,7 +194,8 @@ void MediaJsonComposer::_composeAll(const std::vector<MediaComposeRecord>& list,
 }
 
 void MediaJsonComposer::_composeSongs() {
-    // Songs are looked up a few dozen at a time, as their documents are made.
+    // Songs are looked up a few dozen at a time, as their documents are made; the rows done are
+    // let go.
     std::vector<std::string> mediaIds;
     std::vector<pp::MediaInfoRecord> found;
     std::vector<int> results;
@@ -221,6 +222,7 @@ void MediaJsonComposer::_composeSongs() {
         }
         makeSongItemJson(record);
     }
+    mSongs.clear();
 }
 
 void MediaJsonComposer::makeSongItemJson(const MediaComposeRecord& record) {
@@ -286,6 +288,10 @@ void MediaJsonComposer::_readAudioRows() {
             if (type == kTypeSong) {
                 LOGD("is song ");
                 mSongs.push_back({id, rev, column(row, 8), dirty});
+                // Songs are composed as their rows come, so the first body goes up before the
+                // last rows are read.
+                if (mSongs.size() == kLookupRows)
+                    _composeSongs();
             } else if (type == kTypeAlbum) {
                 LOGD("is album ");
                 record = getAlbumInfoObject(id, rev, dirty, column(row, 6), column(row, 7));
@@ -344,12 +350,13 @@ std::unique_ptr<SyncData> MediaJsonComposer::makeUploadJSON() {
     } else {
         LOGE("ERROR: media_content_connect failed retval = [%d]", ret);
     }
-    _readAudioRows();
+    // Playlists, songs, albums, artists: the songs are composed while the audio rows are read,
+    // after the playlists.
     _readPlaylistRows();
-
     LOGD("compose json for playlist ");
     _composeAll(mPlaylists, &MediaJsonComposer::makePlaylistItemJson);
     LOGD("compose json for audio ");
+    _readAudioRows();
     _composeSongs();
     LOGD("compose json for album ");
     _composeAll(mAlbums, &MediaJsonComposer::makeAlbumItemJson);

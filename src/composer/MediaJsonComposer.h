@@ -92,11 +92,12 @@ class MediaJsonComposer : public JSONComposer {
     // Every record of list through make, until the sink stops the upload.
     void _composeAll(const std::vector<MediaComposeRecord>& list,
                      void (MediaJsonComposer::*make)(const MediaComposeRecord&));
-    // Looks each selected song up and makes its document, until the sink stops the upload.
+    // Looks the selected songs up and makes their documents, until the sink stops the upload;
+    // empties the list.
     void _composeSongs();
 
-    // A selected song row. Only these fields are kept for every song; the song itself is looked
-    // up when its document is made, so the list stays small whatever the size of the library.
+    // A selected song row, kept until its document is made (at most kLookupRows of them); the
+    // song itself is looked up then.
     struct SongRow {
         std::string id;
         std::string revision;
