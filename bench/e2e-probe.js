@@ -88,7 +88,8 @@ function exitTime(pid) {
         "select.select([fd], [], [])\n" +
         "print(time.time_ns() // 1000000)\n";
     return new Promise(resolve => {
-        const py = spawn("python3", ["-c", helper, String(pid)], { stdio: ["ignore", "pipe", "ignore"] });
+        const py = spawn("python3", ["-c", helper, String(pid)],
+            { stdio: ["ignore", "pipe", "ignore"] });
         let out = "";
         py.stdout.on("data", d => { out += d; });
         py.on("error", () => resolve(null));

@@ -192,7 +192,7 @@ TEST_F(BulkPostingThreadedTest, PostsGzipPartsAndJoinsTheCleanedReplies) {
 }
 
 // Two bodies posted at once share the connections: never more than seven on the wire, every part
-// answered. A lone body then has more than the three it had when each body had its own.
+// answered. A lone body has more than half of the six on the wire, and never more than six.
 TEST_F(BulkPostingThreadedTest, BodiesPostedAtOnceShareTheConnections) {
     holdMs = 100;
     std::thread other([this] { EXPECT_EQ(post(1000).status, SyncResult::STATUS_SUCCESS); });
