@@ -225,18 +225,23 @@ bool ContactsJsonComposer::getFirstNameFromContactId(const std::string& idText, 
     return getAllDataFromRecord(contact, record);
 }
 
-bool ContactsJsonComposer::_readRows() {
+bool ContactsJsonComposer::_readRows(Counts& counts) {
     char projection[64];
     std::snprintf(projection, sizeof(projection), " %s, %s, %s, %s", "_id", "rev_id", "dirty",
                   "version");
     LOGD("columns are[%s]", projection);
 
     // Paged, so that one SELECT stays within the row-transfer bound whatever the table's size.
+    // The rows are composed as they come, a look-up's worth at a time, so the first body goes up
+    // before the last rows are read.
     int rowCount = 0;
+    bool go = true;
     const bool ok = KeysetReader::readAll(
         "contacts", projection, plm::NOT_SYNCED, kSelectPageRows,
-        [this, &rowCount](const Bundle& row) {
+        [this, &rowCount, &counts, &go](const Bundle& row) {
             ++rowCount;
+            if (!go)
+                return;  // the upload stopped: the rest stays dirty
             const std::string id = getValStr(&row, columnKey(1));
             std::string revision = getValStr(&row, columnKey(2));
             const std::string dirty = getValStr(&row, columnKey(3));
@@ -251,7 +256,12 @@ bool ContactsJsonComposer::_readRows() {
             selected.rowId = id;
             selected.version = getValStr(&row, columnKey(4));
             mRows.push_back(std::move(selected));
+            ++mSelected;
+            if (mRows.size() == kLookupRows && go)
+                go = _composeRecords(counts);
         });
+    if (go)
+        _composeRecords(counts);
     if (!ok)
         LOGE("dbMgr->plmsvc_db_process failed");
     if (rowCount == 0)
@@ -331,9 +341,7 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
     _openBodyText(mBody);
     mResult = std::make_unique<SyncData>();
     mRows.clear();
-
-    _readRows();
-    mRows.shrink_to_fit();  // kept through the whole composition
+    mSelected = 0;
 
     auto& contacts = pp::contactsService();
     const int connected = contacts.connectOnThread();
@@ -351,8 +359,9 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
 
     _setLocaleForJsonFields();
 
-    LOGD("list size is : [%d]", static_cast<int>(mRows.size()));
-    const Counts counts = _composeRecords();
+    Counts counts;
+    _readRows(counts);
+    LOGD("list size is : [%d]", mSelected);
 
     if (counts.inserted > 0 || counts.deleted > 0 || counts.updated != 0) {
         LOGD("Has some info to sync at server");
@@ -375,8 +384,7 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
     return result;
 }
 
-ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
-    Counts counts;
+bool ContactsJsonComposer::_composeRecords(Counts& counts) {
     SentRows& sent = *mResult->sentRows;
     // Contacts are looked up a few dozen at a time, as their documents are made, and released
     // after: memory does not grow with the size of the address book.
@@ -434,8 +442,11 @@ ContactsJsonComposer::Counts ContactsJsonComposer::_composeRecords() {
             _writeLiveDocument(record, documentId, nullptr);
             ++counts.inserted;
         }
-        if (!_documentWritten())
-            break;
+        if (!_documentWritten()) {
+            mRows.clear();
+            return false;
+        }
     }
-    return counts;
+    mRows.clear();
+    return true;
 }

@@ -1,8 +1,8 @@
 // ContactsJsonComposer: turns the "contacts" shadow table into upload documents (sync item 3).
 // It reads the ids, revisions and dirty flags of the rows that are not in step with the server
-// (dirty != 4), looks each live one up in the contacts service (names, phonetic name, favourite
-// flag, numbers: only their label and the id of the number record leave the device) and writes
-// one document per row into bodies of at most 1000 documents.
+// (dirty != 4) and, as they come, looks each live one up in the contacts service (names, phonetic
+// name, favourite flag, numbers: only their label and the id of the number record leave the
+// device) and writes one document per row into bodies of at most 1000 documents.
 //
 // Threads: one composer object on one thread (the sync manager's worker, under its contacts
 // lock); it opens its own contacts-service connection for the call. The label translation and
@@ -115,14 +115,14 @@ class ContactsJsonComposer : public JSONComposer {
     // Both false when the sink stopped the upload.
     bool _documentWritten();
     bool _flushBatch();
-    bool _readRows();
-    // Looks the records up and makes their documents, in bodies of kBatchSize; stops early when
-    // the sink says so.
-    Counts _composeRecords();
+    // Reads the selected rows and composes them as they come (through _composeRecords).
+    bool _readRows(Counts& counts);
+    // Looks the rows read so far up and makes their documents, in bodies of kBatchSize, and lets
+    // the rows go; false when the sink stopped the upload.
+    bool _composeRecords(Counts& counts);
 
-    // What the shadow table says of one selected row. Only this is kept for every row; the
-    // contact's own data is looked up while its document is made, so the list stays small
-    // (about a hundred bytes a row) whatever the size of the address book.
+    // What the shadow table says of one selected row, kept until its document is made (at most
+    // kLookupRows of them); the contact's own data is looked up then.
     struct SelectedRow {
         int contactId = 0;
         int dirty = 0;
@@ -135,5 +135,6 @@ class ContactsJsonComposer : public JSONComposer {
     JsonTextWriter mBody;  // the body being written: {"docs":[ and its documents so far
     std::unique_ptr<SyncData> mResult;  // the record being filled
     std::vector<SelectedRow> mRows;
+    int mSelected = 0;    // rows selected in this composition
     std::string mLocale;  // device locale with "_" ("en_US")
 };
