@@ -80,21 +80,30 @@ function sample(pid) {
     }
 }
 
-// Epoch milliseconds at which the process ends, from a pidfd that becomes readable then; null
-// when no descriptor could be had (the process already gone, or no pidfd on this system).
-function exitTime(pid) {
+// A helper that tells when a process ends, from a pidfd that becomes readable then. It is
+// started before the process is looked for (so that its own start-up does not compete with the
+// sync) and gets the pid on its standard input: watcher.end(pid) resolves to epoch milliseconds,
+// or null when no descriptor could be had (the process already gone, no pidfd on this system).
+function exitWatcher() {
     const helper = "import os, select, sys, time\n" +
-        "fd = os.pidfd_open(int(sys.argv[1]))\n" +
+        "fd = os.pidfd_open(int(sys.stdin.readline()))\n" +
         "select.select([fd], [], [])\n" +
         "print(time.time_ns() // 1000000)\n";
-    return new Promise(resolve => {
-        const py = spawn("python3", ["-c", helper, String(pid)],
-            { stdio: ["ignore", "pipe", "ignore"] });
+    const py = spawn("python3", ["-c", helper], { stdio: ["pipe", "pipe", "ignore"] });
+    const ended = new Promise(resolve => {
         let out = "";
         py.stdout.on("data", d => { out += d; });
         py.on("error", () => resolve(null));
         py.on("close", code => resolve(code === 0 && /^\d+\s*$/.test(out) ? +out : null));
     });
+    py.stdin.on("error", () => {});  // a helper that failed to start
+    return {
+        end(pid) {
+            py.stdin.end(`${pid}\n`);
+            return ended;
+        },
+        cancel() { py.kill(); },
+    };
 }
 
 async function deviceDb(couch) {
@@ -106,12 +115,16 @@ async function deviceDb(couch) {
 async function watch(busAddress, couch, count, docId, oldRev) {
     const out = { docs: 0, end: 0, cpu_ms: 0, hwm_kib: 0, pid: 0 };
     const deadline = Date.now() + 900 * 1000;
+    const watcher = exitWatcher();
     while (!(out.pid = findService(busAddress))) {
-        if (Date.now() > deadline) throw new Error("no service process appeared");
+        if (Date.now() > deadline) {
+            watcher.cancel();
+            throw new Error("no service process appeared");
+        }
         await sleep(5);
     }
     process.stderr.write(`pid ${out.pid}\n`);
-    const exited = exitTime(out.pid);
+    const exited = watcher.end(out.pid);
     const sampler = (async () => {
         for (let s; (s = sample(out.pid)); await sleep(10)) Object.assign(out, s);
         out.end = Date.now();
