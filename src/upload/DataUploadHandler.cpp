@@ -758,15 +758,17 @@ std::string DataUploadHandler::_curlPostingZipped(std::vector<std::string>& part
     };
     // Adds lanes while parts wait to be started and connections are free (the first lane is
     // always there).
+    bool canGrow = true;
     auto grow = [&] {
-        while (!failed && next < parts.size() &&
+        while (!failed && canGrow && next < parts.size() &&
                (lanes.empty() ||
                 (lanes.size() < static_cast<size_t>(kPostConnections) && share.tryTakeOne()))) {
             if (!lanes.empty()) {
                 pelio::CurlEasy more(curl_easy_init());
                 if (!more || !_setCurlEnvironment(more.get(), header.get())) {
                     share.giveBackOne();
-                    return;  // fewer connections, same parts
+                    canGrow = false;  // fewer connections, same parts
+                    return;
                 }
                 handles.push_back(std::move(more));
             }
