@@ -84,8 +84,8 @@ class ShadowStatements {
                   "INSERT INTO application (_id, version, device_mode, name, custom_id, package, "
                   "pre_installed, dirty) VALUES (?, ?, 0, ?, ?, ?, ?, ?)"),
           update_(db,
-                  "UPDATE application SET version = ?, name = ?, custom_id = ?, package = ?, "
-                  "pre_installed = ?, dirty = ? WHERE _id = ?") {}
+                  "UPDATE application SET version = ?2, name = ?3, custom_id = ?4, package = ?5, "
+                  "pre_installed = ?6, dirty = ?7 WHERE _id = ?1") {}
 
     // False when the statement failed; true also when nothing was to be written.
     bool write(const AppSyncInfo& info) {
@@ -102,24 +102,19 @@ class ShadowStatements {
                 .bind(2, info.id)
                 .runBound();
         }
-        if (!info.stored) {
-            return insert_.bind(1, info.id)
-                .bindOrNull(2, info.version)
-                .bindOrNull(3, info.name)
-                .bindOrNull(4, info.customId)
-                .bindOrNull(5, info.package)
-                .bind(6, info.preInstalled)
-                .bind(7, info.dirty)
-                .runBound();
-        }
-        return update_.bind(1, info.version)
-            .bind(2, info.name)
-            .bind(3, info.customId)
-            .bind(4, info.package)
-            .bind(5, info.preInstalled)
-            .bind(6, info.dirty)
-            .bind(7, info.id)
-            .runBound();
+        // The insert and the update take the same numbered values.
+        pp::SqliteStatement& st = info.stored ? update_ : insert_;
+        auto text = [&](int index, const std::string& value) {
+            if (info.stored)
+                st.bind(index, value);
+            else
+                st.bindOrNull(index, value);
+        };
+        text(2, info.version);
+        text(3, info.name);
+        text(4, info.customId);
+        text(5, info.package);
+        return st.bind(1, info.id).bind(6, info.preInstalled).bind(7, info.dirty).runBound();
     }
 
   private:
