@@ -385,24 +385,21 @@ std::unique_ptr<SyncData> ContactsJsonComposer::makeUploadJSON() {
 }
 
 bool ContactsJsonComposer::_composeRecords(Counts& counts) {
+    if (mRows.empty())
+        return true;
     SentRows& sent = *mResult->sentRows;
-    // Contacts are looked up a few dozen at a time, as their documents are made, and released
-    // after: memory does not grow with the size of the address book.
+    // The rows read so far (at most kLookupRows) are looked up in one go, and released after:
+    // memory does not grow with the size of the address book.
     std::vector<int> personIds;
+    for (const SelectedRow& row : mRows) {
+        if (row.dirty != plm::DIRTY_DELETED)
+            personIds.push_back(row.contactId);
+    }
     std::vector<pp::ContactRecord> contacts;
     std::vector<int> results;
+    pp::contactsService().getContactsByPersonIds(personIds, contacts, results);
     size_t looked = 0;  // index into contacts / results of the next live row
-    for (size_t i = 0; i < mRows.size(); ++i) {
-        if (i % kLookupRows == 0) {
-            personIds.clear();
-            for (size_t k = i; k < std::min(mRows.size(), i + kLookupRows); ++k) {
-                if (mRows[k].dirty != plm::DIRTY_DELETED)
-                    personIds.push_back(mRows[k].contactId);
-            }
-            pp::contactsService().getContactsByPersonIds(personIds, contacts, results);
-            looked = 0;
-        }
-        const SelectedRow& selected = mRows[i];
+    for (const SelectedRow& selected : mRows) {
         ContactComposeRecord record;
         record.contactId = selected.contactId;
         record.dirty = selected.dirty;

@@ -2,7 +2,6 @@
 
 #include <pelio/platform/MediaContent.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
@@ -194,23 +193,20 @@ void MediaJsonComposer::_composeAll(const std::vector<MediaComposeRecord>& list,
 }
 
 void MediaJsonComposer::_composeSongs() {
-    // Songs are looked up a few dozen at a time, as their documents are made; the rows done are
-    // let go.
+    // The rows read so far (at most kLookupRows) are looked up in one go, and let go after.
     std::vector<std::string> mediaIds;
+    for (const SongRow& row : mSongs) {
+        if (row.dirty != plm::DIRTY_DELETED)
+            mediaIds.push_back(_mediaIdOf(row.id));
+    }
     std::vector<pp::MediaInfoRecord> found;
     std::vector<int> results;
+    if (!mStopped && !mSongs.empty())
+        pp::mediaContentService().getMediaByIds(mediaIds, found, results);
     size_t looked = 0;  // index into found / results of the next live row
-    for (size_t i = 0; i < mSongs.size() && !mStopped; ++i) {
-        if (i % kLookupRows == 0) {
-            mediaIds.clear();
-            for (size_t k = i; k < std::min(mSongs.size(), i + kLookupRows); ++k) {
-                if (mSongs[k].dirty != plm::DIRTY_DELETED)
-                    mediaIds.push_back(_mediaIdOf(mSongs[k].id));
-            }
-            pp::mediaContentService().getMediaByIds(mediaIds, found, results);
-            looked = 0;
-        }
-        const SongRow& row = mSongs[i];
+    for (const SongRow& row : mSongs) {
+        if (mStopped)
+            break;
         MediaComposeRecord record = rowRecord(kTypeSong, row.id, row.revision, row.dirty);
         record.stamp = row.stamp;
         if (row.dirty != plm::DIRTY_DELETED) {
