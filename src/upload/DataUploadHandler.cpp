@@ -704,15 +704,13 @@ std::string DataUploadHandler::_curlPostingZipped(std::vector<std::string>& part
     // come in. The connections are taken from the handler's shared count and given back when the
     // body is done, once they are closed.
     struct Lane {
-        CURL* curl = nullptr;
+        pelio::CurlEasy handle;  // its connection's transfer handle
         size_t part = 0;
         bool busy = false;
         ZippedReply reply;
     };
     ConnectionShare share(mPostConnections);
-    share.takeOne();
-    std::vector<pelio::CurlEasy> handles;
-    handles.push_back(std::move(curl));
+    share.takeOne();  // the first lane's, the handle made above
     pelio::CurlMulti multi(curl_multi_init());
     if (!multi) {
         LOGE("Failed to curl_easy_init");
@@ -747,36 +745,35 @@ std::string DataUploadHandler::_curlPostingZipped(std::vector<std::string>& part
         const ZippedItemPtr& part = zipped[next];
         lane.part = next++;
         lane.reply = ZippedReply();
-        curl_easy_setopt(lane.curl, CURLOPT_WRITEFUNCTION,
+        curl_easy_setopt(lane.handle.get(), CURLOPT_WRITEFUNCTION,
                          &DataUploadHandler::SavePostResultZipped);
-        curl_easy_setopt(lane.curl, CURLOPT_WRITEDATA, &lane.reply);
-        curl_easy_setopt(lane.curl, CURLOPT_POSTFIELDS, part->item.get());
-        curl_easy_setopt(lane.curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(part->size));
-        lane.busy = curl_multi_add_handle(multi.get(), lane.curl) == CURLM_OK;
+        curl_easy_setopt(lane.handle.get(), CURLOPT_WRITEDATA, &lane.reply);
+        curl_easy_setopt(lane.handle.get(), CURLOPT_POSTFIELDS, part->item.get());
+        curl_easy_setopt(lane.handle.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(part->size));
+        lane.busy = curl_multi_add_handle(multi.get(), lane.handle.get()) == CURLM_OK;
         busy += lane.busy ? 1 : 0;
         failed = failed || !lane.busy;
     };
-    // Adds lanes while parts wait to be started and connections are free (the first lane is
-    // always there).
+    auto addLane = [&](pelio::CurlEasy handle) {
+        lanes.emplace_back();
+        lanes.back().handle = std::move(handle);
+        start(lanes.back());
+    };
+    // Adds lanes while parts wait to be started and connections are free.
     bool canGrow = true;
     auto grow = [&] {
         while (!failed && canGrow && next < parts.size() &&
-               (lanes.empty() ||
-                (lanes.size() < static_cast<size_t>(kPostConnections) && share.tryTakeOne()))) {
-            if (!lanes.empty()) {
-                pelio::CurlEasy more(curl_easy_init());
-                if (!more || !_setCurlEnvironment(more.get(), header.get())) {
-                    share.giveBackOne();
-                    canGrow = false;  // fewer connections, same parts
-                    return;
-                }
-                handles.push_back(std::move(more));
+               lanes.size() < static_cast<size_t>(kPostConnections) && share.tryTakeOne()) {
+            pelio::CurlEasy more(curl_easy_init());
+            if (!more || !_setCurlEnvironment(more.get(), header.get())) {
+                share.giveBackOne();
+                canGrow = false;  // fewer connections, same parts
+                return;
             }
-            lanes.emplace_back();
-            lanes.back().curl = handles[lanes.size() - 1].get();
-            start(lanes.back());
+            addLane(std::move(more));
         }
     };
+    addLane(std::move(curl));
     grow();
     while (busy > 0 && !failed) {
         int running = 0;
@@ -789,19 +786,20 @@ std::string DataUploadHandler::_curlPostingZipped(std::vector<std::string>& part
             if (msg->msg != CURLMSG_DONE)
                 continue;
             auto lane = std::find_if(lanes.begin(), lanes.end(), [msg](const Lane& l) {
-                return l.busy && l.curl == msg->easy_handle;
+                return l.busy && l.handle.get() == msg->easy_handle;
             });
             if (lane == lanes.end())
                 continue;
             const CURLcode rc = msg->data.result;  // read before the handle leaves the multi
-            curl_multi_remove_handle(multi.get(), lane->curl);
+            curl_multi_remove_handle(multi.get(), lane->handle.get());
             lane->busy = false;
             --busy;
             if (failed)
                 continue;
             const int postSize = zipped[lane->part]->size;
             zipped[lane->part].reset();  // answered: its bytes are not needed again
-            texts[lane->part] = _partReplyText(lane->curl, rc, postSize, lane->reply, failed);
+            texts[lane->part] =
+                _partReplyText(lane->handle.get(), rc, postSize, lane->reply, failed);
             if (!failed && next < parts.size())
                 start(*lane);
         }
@@ -815,9 +813,10 @@ std::string DataUploadHandler::_curlPostingZipped(std::vector<std::string>& part
         else
             curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr);
     }
+    // A failed part stops the others; every handle leaves the multi before either goes.
     for (Lane& lane : lanes) {
         if (lane.busy)
-            curl_multi_remove_handle(multi.get(), lane.curl);  // a failed part stops the others
+            curl_multi_remove_handle(multi.get(), lane.handle.get());
     }
     if (failed) {
         result.clear();
