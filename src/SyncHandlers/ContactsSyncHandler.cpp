@@ -510,8 +510,9 @@ int ContactsSyncHandler::_writeNewSyncData(GHashTable* map) {
     if (!committed) {
         // Nothing of this collection is kept: the stored version stays, so the next collection
         // reads the same changes again.
-        LOGE("collection not stored: [%d] failed writes, commit result [%d]", failedWrites,
-             failedWrites == 0 ? -1 : 0);
+        // No failed write: the commit itself failed.
+        LOGE("collection not stored: [%d] failed writes%s", failedWrites,
+             failedWrites == 0 ? ", the commit failed" : "");
         return 1;
     }
     mCollectedVersion.store(mReadVersion);
