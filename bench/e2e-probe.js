@@ -16,13 +16,16 @@
 //     the new TARGET_DB through _bulk_docs in bodies of 1,000 over one kept connection. Prints
 //     JSON: "docs" (how many) and "seconds" (compression and posting, the reading excluded), and
 //     with COUCH_PID "db_cpu_ms", the database server's CPU time over the same span.
-//   e2e-probe.js warm COUCH_URL COUNT
-//     Warms the database server up before anything is measured: COUNT small documents posted
-//     through _bulk_docs in bodies of 100 and then of 1,000 into a scratch database, which is
-//     deleted afterwards. A freshly started PouchDB Server runs its first thousands of writes
-//     several tens of percent slower than later ones (its JavaScript is not compiled yet); without
-//     this the forced sync, measured first, would pay for that and raw ingest, measured later,
-//     would not.
+//   e2e-probe.js warm COUCH_URL COUNT [TYPE]
+//     Warms the database server up before anything is measured: COUNT documents posted through
+//     _bulk_docs in bodies of 100 and then of 1,000 (the second round gzip-compressed) into a
+//     scratch database, which is deleted afterwards. A freshly started PouchDB Server runs its
+//     first thousands of writes several tens of percent slower than later ones (its JavaScript is
+//     not compiled yet, nor fitted to the documents' shapes); without this the forced sync,
+//     measured first, would pay for that and raw ingest, measured later, would not. With TYPE
+//     (contact, audio, application) the documents have the shape of the service's documents of
+//     that type (the same members, nested alike), for a server warm for the documents it is
+//     measured on; otherwise they are small and plain.
 //
 // Loopback only: COUCH_URL is PouchDB Server of the test stack. Exits 1 with a message on error.
 "use strict";
@@ -173,21 +176,43 @@ async function ingest(couch, sourceDb, type, targetDb, couchPid) {
     }
     const seconds = Number(process.hrtime.bigint() - start) / 1e9;
     const cpu1 = couchPid ? sample(+couchPid) : null;
-    const out = { docs: docs.length, seconds };
+    const out = { docs: docs.length, seconds, t0: Date.now() - seconds * 1000 };
     if (cpu0 && cpu1) out.db_cpu_ms = cpu1.cpu_ms - cpu0.cpu_ms;
     console.log(JSON.stringify(out));
 }
 
-async function warm(couch, count) {
+// Documents shaped as the service composes them for TYPE (members and nesting; the values vary).
+function warmDocument(type, n) {
+    const stamp = { device: "Warm", doc_number: n % 1000, timestamp: 1700000000000 + n,
+                    timestamp_GMT: "2026-01-01 00:00:00", type, version: "0.82" };
+    const metaData = {
+        contact: () => ({ contact_count_info: { times_contacted: 0 }, displayname: `Warm ${n}`,
+                          firstname: "Warm", lastname: `Number${n}`, middlename: "", nickname: "",
+                          phone: [{ clientData: `${n}`, default: false, phonetype: "Mobile" }],
+                          phoneticname: "", prefix: "", starred: false, suffix: "" }),
+        audio: () => ({ album_id: `${n % 50}`, album_title: `Album ${n % 50}`, artist_id: `${n % 20}`,
+                        artist_name: `Artist ${n % 20}`, displayname: `warm-${n}.mp3`,
+                        genre_id: "1", genre_name: "Rock", title: `Warm ${n}`, uri: "" }),
+        application: () => ({ customid: `warm${n}`, name: `Warm ${n}`,
+                              packagename: `org.warm.app${n}`, preinstalled: false }),
+    }[type];
+    if (!metaData) return { _id: `warm-${n}`, type: "warm", meta_data: { name: `Warm ${n}` } };
+    return Object.assign({ _id: `warm_${String(n).padStart(8, "0")}` }, stamp, { meta_data: metaData() });
+}
+
+async function warm(couch, count, type) {
     const db = `${couch}/bench_warm_up`;
     await request(db, "PUT");
+    let n = 0;
     for (const per of [100, 1000]) {
         for (let i = 0; i < count; i += per) {
-            const docs = Array.from({ length: Math.min(per, count - i) }, (_, k) => ({
-                _id: `warm-${per}-${i + k}`, type: "warm", meta_data: { name: `Warm ${i + k}` } }));
-            const body = JSON.stringify({ docs });
-            const r = await request(`${db}/_bulk_docs`, "POST", body, {
-                "Content-Type": "application/json", "Content-Length": Buffer.byteLength(body) });
+            const docs = Array.from({ length: Math.min(per, count - i) }, () => warmDocument(type, n++));
+            const text = JSON.stringify({ docs });
+            // Parts of 100 come as pds-server forwards them, bodies of 1,000 as raw ingest posts them.
+            const body = per === 1000 ? zlib.gzipSync(text) : text;
+            const headers = { "Content-Type": "application/json", "Content-Length": Buffer.byteLength(body) };
+            if (per === 1000) headers["Content-Encoding"] = "gzip";
+            const r = await request(`${db}/_bulk_docs`, "POST", body, headers);
             if (r.status !== 201) throw new Error(`warm-up _bulk_docs answered ${r.status}`);
         }
     }
@@ -197,6 +222,6 @@ async function warm(couch, count) {
 const [mode, ...args] = process.argv.slice(2);
 const run = mode === "watch" ? watch(args[0], args[1], +args[2], args[3], args[4])
     : mode === "ingest" ? ingest(...args)
-    : mode === "warm" ? warm(args[0], +args[1])
+    : mode === "warm" ? warm(args[0], +args[1], args[2])
     : Promise.reject(new Error("usage: e2e-probe.js watch|ingest|warm ..."));
 run.then(() => { agent.destroy(); }, e => { console.error(`e2e-probe: ${e.message}`); process.exit(1); });
