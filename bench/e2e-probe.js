@@ -14,8 +14,9 @@
 //   e2e-probe.js ingest COUCH_URL SOURCE_DB TYPE TARGET_DB [COUCH_PID]
 //     Raw ingest: the documents of type TYPE from SOURCE_DB, without revisions, gzip-posted into
 //     the new TARGET_DB through _bulk_docs in bodies of 1,000 over one kept connection. Prints
-//     JSON: "docs" (how many) and "seconds" (compression and posting, the reading excluded), and
-//     with COUCH_PID "db_cpu_ms", the database server's CPU time over the same span.
+//     JSON: "docs" (how many), "seconds" (compression and posting, the reading excluded), "t0"
+//     (epoch milliseconds when the posting began, to line the run up with other logs), and with
+//     COUCH_PID "db_cpu_ms", the database server's CPU time over the same span.
 //   e2e-probe.js warm COUCH_URL COUNT [TYPE]
 //     Warms the database server up before anything is measured: COUNT documents posted through
 //     _bulk_docs in bodies of 100 and then of 1,000 (the second round gzip-compressed) into a
@@ -190,14 +191,16 @@ function warmDocument(type, n) {
                           firstname: "Warm", lastname: `Number${n}`, middlename: "", nickname: "",
                           phone: [{ clientData: `${n}`, default: false, phonetype: "Mobile" }],
                           phoneticname: "", prefix: "", starred: false, suffix: "" }),
-        audio: () => ({ album_id: `${n % 50}`, album_title: `Album ${n % 50}`, artist_id: `${n % 20}`,
-                        artist_name: `Artist ${n % 20}`, displayname: `warm-${n}.mp3`,
-                        genre_id: "1", genre_name: "Rock", title: `Warm ${n}`, uri: "" }),
+        audio: () => ({ album_id: `${n % 50}`, album_title: `Album ${n % 50}`,
+                        artist_id: `${n % 20}`, artist_name: `Artist ${n % 20}`,
+                        displayname: `warm-${n}.mp3`, genre_id: "1", genre_name: "Rock",
+                        title: `Warm ${n}`, uri: "" }),
         application: () => ({ customid: `warm${n}`, name: `Warm ${n}`,
                               packagename: `org.warm.app${n}`, preinstalled: false }),
     }[type];
     if (!metaData) return { _id: `warm-${n}`, type: "warm", meta_data: { name: `Warm ${n}` } };
-    return Object.assign({ _id: `warm_${String(n).padStart(8, "0")}` }, stamp, { meta_data: metaData() });
+    return Object.assign({ _id: `warm_${String(n).padStart(8, "0")}` }, stamp,
+                         { meta_data: metaData() });
 }
 
 async function warm(couch, count, type) {
@@ -206,11 +209,14 @@ async function warm(couch, count, type) {
     let n = 0;
     for (const per of [100, 1000]) {
         for (let i = 0; i < count; i += per) {
-            const docs = Array.from({ length: Math.min(per, count - i) }, () => warmDocument(type, n++));
+            const docs = Array.from({ length: Math.min(per, count - i) },
+                                    () => warmDocument(type, n++));
             const text = JSON.stringify({ docs });
-            // Parts of 100 come as pds-server forwards them, bodies of 1,000 as raw ingest posts them.
+            // Parts of 100 come as pds-server forwards them, bodies of 1,000 as raw ingest posts
+            // them.
             const body = per === 1000 ? zlib.gzipSync(text) : text;
-            const headers = { "Content-Type": "application/json", "Content-Length": Buffer.byteLength(body) };
+            const headers = { "Content-Type": "application/json",
+                              "Content-Length": Buffer.byteLength(body) };
             if (per === 1000) headers["Content-Encoding"] = "gzip";
             const r = await request(`${db}/_bulk_docs`, "POST", body, headers);
             if (r.status !== 201) throw new Error(`warm-up _bulk_docs answered ${r.status}`);
