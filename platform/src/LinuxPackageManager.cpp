@@ -5,7 +5,9 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <system_error>
+#include <thread>
 
 #include "ContactsFolderWatcher.h"
 #include "DesktopEntryLoader.h"
@@ -16,6 +18,8 @@ namespace {
 
 constexpr const char* kTag = "PelioPlatform";
 constexpr const char* kSuffix = ".desktop";
+// Listings of at least this many entries are read by two threads.
+constexpr size_t kSplitListing = 64;
 
 // The desktop entry that wins for one package name.
 struct EntryFile {
@@ -111,12 +115,38 @@ std::vector<std::string> LinuxPackageManager::applicationFolders() {
 int LinuxPackageManager::listApplications(AppDisplayFilter filter, const std::string& locale,
                                           std::vector<AppInfo>& apps) {
     apps.clear();
-    DesktopEntryLoader loader(locale);
-    for (const auto& [id, file] : findEntries()) {
-        AppInfo app;
-        if (loader.load(id, file.path, file.preloaded, app) && passes(app, filter))
-            apps.push_back(std::move(app));
+    const std::map<std::string, EntryFile> found = findEntries();
+    std::vector<const std::pair<const std::string, EntryFile>*> entries;
+    entries.reserve(found.size());
+    for (const auto& entry : found)
+        entries.push_back(&entry);
+    std::vector<std::optional<AppInfo>> loaded(entries.size());
+    const auto loadRange = [&](size_t from, size_t to) {
+        DesktopEntryLoader loader(locale);  // a loader serves one thread
+        for (size_t i = from; i < to; ++i) {
+            AppInfo app;
+            const auto& [id, file] = *entries[i];
+            if (loader.load(id, file.path, file.preloaded, app) && passes(app, filter))
+                loaded[i] = std::move(app);
+        }
+    };
+    // An entry costs a file read and a key-file parse, some microseconds: a long listing reads
+    // its second half on a helper thread meanwhile (on this one when no thread can be started).
+    const size_t half = entries.size() >= kSplitListing ? entries.size() / 2 : entries.size();
+    std::thread helper;
+    if (half < entries.size()) {
+        try {
+            helper = std::thread(loadRange, half, entries.size());
+        } catch (const std::system_error&) {
+            loadRange(half, entries.size());
+        }
     }
+    loadRange(0, half);
+    if (helper.joinable())
+        helper.join();
+    for (std::optional<AppInfo>& app : loaded)
+        if (app)
+            apps.push_back(std::move(*app));
     return PACKAGE_MANAGER_ERROR_NONE;
 }
 

@@ -1,6 +1,7 @@
 // Linux package manager: XDG desktop entries read by DesktopEntryLoader (see PackageManager.h).
 //
-// Threads: the listing reads the folders on the calling thread; the event watch (one inotify
+// Threads: the listing reads the folders on the calling thread (a long one reads half of its
+// entries on a helper thread that ends before it returns); the event watch (one inotify
 // watcher per applications folder, created by setEventCallback) and the snapshot it compares
 // against belong to the main loop thread. Ownership: the watchers are owned here and end with
 // unsetEventCallback() or the destructor.

@@ -104,6 +104,26 @@ TEST(PackageManagerOnLinuxTest, ListsEntriesOfUserAndSystemFoldersWithTheirPrope
         EXPECT_EQ(byId(apps).size(), 2u);
         EXPECT_TRUE(log.contains("cannot be read"));
     }
+
+    // A long listing is read by two threads: the same order, each entry judged on its own.
+    std::vector<std::string> expected;
+    for (int i = 0; i < 100; ++i) {
+        const std::string id = (i < 10 ? "bulk-0" : "bulk-") + std::to_string(i);
+        const bool named = i % 25 != 7, shown = i % 10 != 3;
+        writeEntry(user, id + ".desktop",
+                   (named ? "Name=B" + std::to_string(i) + "\n" : std::string("Comment=none\n")) +
+                       (shown ? "" : "NoDisplay=true\n"));
+        if (named && shown)
+            expected.push_back(id + "=B" + std::to_string(i));
+    }
+    ASSERT_EQ(pm.listApplications(pp::AppDisplayFilter::VisibleOnly, "en_US", apps), 0);
+    std::vector<std::string> bulk;
+    for (const auto& a : apps)
+        if (a.packageName.rfind("bulk-", 0) == 0)
+            bulk.push_back(a.packageName + "=" + a.label);
+    EXPECT_EQ(bulk, expected);
+    EXPECT_TRUE(log.contains("bulk-07.desktop has no name") &&
+                log.contains("bulk-82.desktop has no name"));
     pp::installPackageManager(nullptr);
 }
 
